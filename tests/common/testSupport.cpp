@@ -1,0 +1,89 @@
+#include "testSupport.h"
+
+#include <ftw.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <regex>
+
+namespace testsupport {
+
+LogCapture::LogCapture()
+   : fd_(memfd_create("log-capture", MFD_CLOEXEC)), previousFd_(Log_GetOutputFd())
+{
+   if (fd_ < 0) {
+      ADD_FAILURE() << "memfd_create failed";
+   }
+   Log_SetOutputFd(fd_);
+}
+
+LogCapture::~LogCapture()
+{
+   Log_SetOutputFd(previousFd_);
+   close(fd_);
+}
+
+std::string LogCapture::Raw() const
+{
+   std::string text;
+   char chunk[4096];
+   off_t offset = 0;
+   ssize_t n;
+   while ((n = pread(fd_, chunk, sizeof chunk, offset)) > 0) {
+      text.append(chunk, (size_t)n);
+      offset += n;
+   }
+   return text;
+}
+
+std::string LogCapture::Text() const
+{
+   return StripStamps(Raw());
+}
+
+void LogCapture::Clear()
+{
+   if (ftruncate(fd_, 0) != 0 || lseek(fd_, 0, SEEK_SET) != 0) {
+      ADD_FAILURE() << "cannot clear the log capture";
+   }
+}
+
+std::string StripStamps(const std::string &text)
+{
+   static const std::regex stamp(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\| )");
+   return std::regex_replace(text, stamp, "");
+}
+
+ScratchDir::ScratchDir()
+{
+   const char *tmp = getenv("TMPDIR");
+   std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
+                         "/tesmar-test-XXXXXX";
+   if (mkdtemp(pattern.data()) == nullptr) {
+      ADD_FAILURE() << "mkdtemp failed";
+   }
+   path_ = pattern;
+}
+
+ScratchDir::~ScratchDir()
+{
+   nftw(
+      path_.c_str(),
+      [](const char *path, const struct stat *, int, struct FTW *) { return remove(path); }, 16,
+      FTW_DEPTH | FTW_PHYS);
+}
+
+std::string RegexQuote(const std::string &text)
+{
+   std::string quoted;
+   for (char c : text) {
+      if (std::string_view("\\^$.|?*+()[]{}").find(c) != std::string_view::npos) {
+         quoted += '\\';
+      }
+      quoted += c;
+   }
+   return quoted;
+}
+
+}  // namespace testsupport

@@ -1,0 +1,68 @@
+/*
+ * Shared test helpers: capturing the log, checking panics, scratch directories.
+ */
+#ifndef TESMAR_TEST_SUPPORT_H
+#define TESMAR_TEST_SUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "log.h"
+
+namespace testsupport {
+
+/* Routes the log to an in-memory file for the lifetime of the object. */
+class LogCapture {
+ public:
+   LogCapture();
+   ~LogCapture();
+   LogCapture(const LogCapture &) = delete;
+   LogCapture &operator=(const LogCapture &) = delete;
+
+   /* Everything logged so far, exactly as written. */
+   std::string Raw() const;
+   /* The same with every "YYYY-MM-DDTHH:MM:SS.mmm| " stamp removed. */
+   std::string Text() const;
+   void Clear();
+
+ private:
+   int fd_;
+   int previousFd_;
+};
+
+/* Removes every log stamp from text. */
+std::string StripStamps(const std::string &text);
+
+/* A fresh directory under the system's temporary directory, removed with its contents. */
+class ScratchDir {
+ public:
+   ScratchDir();
+   ~ScratchDir();
+   ScratchDir(const ScratchDir &) = delete;
+   ScratchDir &operator=(const ScratchDir &) = delete;
+   const std::string &Path() const { return path_; }
+   std::string operator/(const std::string &name) const { return path_ + "/" + name; }
+
+ private:
+   std::string path_;
+};
+
+/* Escapes regular-expression metacharacters so that text matches itself in a death test. */
+std::string RegexQuote(const std::string &text);
+
+}  // namespace testsupport
+
+/*
+ * Expects statement to panic: the panic line ("Panic: " + message) on the log, exit status 1.
+ * The log is routed to standard error inside the child so the death test can read it.
+ */
+#define EXPECT_PANIC(statement, message)                                                 \
+   EXPECT_EXIT(                                                                          \
+      {                                                                                  \
+         Log_SetOutputFd(2);                                                             \
+         statement;                                                                      \
+      },                                                                                 \
+      ::testing::ExitedWithCode(1), "Panic: " + ::testsupport::RegexQuote(message))
+
+#endif

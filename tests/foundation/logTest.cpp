@@ -1,0 +1,102 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+
+#include "log.h"
+#include "testSupport.h"
+#include "util.h"
+
+using testsupport::LogCapture;
+
+TEST(Log, EntriesCarryStampAndPrefix)
+{
+   LogCapture log;
+   Log("%s: plain %d.\n", "Fn", 1);
+   Warning("%s: connect errno %d.\n", "ServiceImplPickSockSide", 13);
+   std::regex entry(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\| (Warning: )?Fn: plain 1\.\n)"
+                    R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\| Warning: )"
+                    R"(ServiceImplPickSockSide: connect errno 13\.\n)");
+   EXPECT_TRUE(std::regex_match(log.Raw(), entry)) << log.Raw();
+}
+
+TEST(Log, MessagesWithoutLineEndRunTogether)
+{
+   LogCapture log;
+   Log("%s: Unable to retrieve path to executable.", "Fn");
+   Log("next\n");
+   EXPECT_EQ(log.Text(), "Fn: Unable to retrieve path to executable.next\n");
+}
+
+TEST(Log, OverlongMessageKeepsOnlyStampAndPrefix)
+{
+   LogCapture log;
+   std::string fits(1023, 'x');
+   std::string tooLong(1024, 'y');
+   Warning("%s", tooLong.c_str());
+   Log("%s", fits.c_str());
+   EXPECT_EQ(log.Text(), "Warning: " + fits);
+}
+
+TEST(Log, DisabledDescriptorWritesNothingButPanicStillExits)
+{
+   LogCapture log;
+   Log_SetOutputFd(-1);
+   Log("lost\n");
+   EXPECT_EXIT(Panic("gone\n"), ::testing::ExitedWithCode(1), "^$");
+}
+
+TEST(Log, SetOutputFileTruncatesAndFailureSilences)
+{
+   testsupport::ScratchDir dir;
+   int previous = Log_GetOutputFd();
+   std::string path = dir / "log.txt";
+   int fd = Log_SetOutputFile(path.c_str());
+   ASSERT_GE(fd, 0);
+   Log("one\n");
+   close(fd);
+   EXPECT_EQ(Log_SetOutputFile((dir / "missing/log.txt").c_str()), -1);
+   EXPECT_EQ(Log_GetOutputFd(), -1);
+   Log_SetOutputFd(previous);
+
+   char buf[128] = {};
+   int in = open(path.c_str(), O_RDONLY);
+   ASSERT_GE(read(in, buf, sizeof buf - 1), 0);
+   close(in);
+   EXPECT_EQ(testsupport::StripStamps(buf), "one\n");
+}
+
+TEST(LogDeath, FatalChecksNameTheSourceWithoutExtension)
+{
+   int line = __LINE__ + 1;
+   EXPECT_PANIC(VERIFY(1 + 1 == 3), "VERIFY tests/foundation/logTest:" + std::to_string(line));
+   EXPECT_PANIC(VERIFY_BUG(42, false), "VERIFY tests/foundation/logTest:" +
+                                          std::to_string(line + 1) + " bugNr=42\n");
+   EXPECT_PANIC(NOT_REACHED(), "NOT_REACHED tests/foundation/logTest:");
+   EXPECT_PANIC(NOT_IMPLEMENTED(), "NOT_IMPLEMENTED tests/foundation/logTest:");
+   EXPECT_PANIC(Panic_MemAlloc("lib/public/dynbuf.cpp", 7), "MEM_ALLOC lib/public/dynbuf:7\n");
+   EXPECT_PANIC(Panic("plain %d\n", 5), "plain 5\n");
+}
+
+TEST(LogDeath, SafeAllocatorsPanicWithLocation)
+{
+   // An impossible size makes malloc fail without exhausting the machine.
+   size_t huge = (size_t)-1 / 2;
+   EXPECT_PANIC(UtilSafeMalloc0(huge), "Unrecoverable memory allocation failure\n");
+   EXPECT_PANIC(UtilSafeMalloc1(huge, -1, "lib/misc/x.cpp", 12),
+                "Unrecoverable memory allocation failure at lib/misc/x:12\n");
+   EXPECT_PANIC(UtilSafeMalloc1(huge, 77, "lib/misc/x.cpp", 12),
+                "Unrecoverable memory allocation failure at lib/misc/x:12.  Bug number: 77\n");
+   EXPECT_PANIC(Util_SafeRealloc(nullptr, huge),
+                "Unrecoverable memory allocation failure at tests/foundation/logTest:");
+}
+
+TEST(SafeAlloc, ZeroSizeAndNullStringsAreFine)
+{
+   free(Util_SafeMalloc(0));
+   EXPECT_EQ(Util_SafeStrdup(nullptr), nullptr);
+   char *copy = Util_SafeStrndup("abcdef", 3);
+   EXPECT_STREQ(copy, "abc");
+   free(copy);
+}
