@@ -166,6 +166,20 @@ struct FixedSink {
    }
 };
 
+/* Replaces every flagged byte by the prefix and its two upper-case hex digits. */
+char *EscapeWithPrefix(const char *prefix, size_t prefixLength, const int *bytesToEsc,
+                       const void *bufIn, size_t sizeIn, size_t *sizeOut)
+{
+   Output out;
+   bool done = AppendEscaped(
+      out, bufIn, sizeIn, [bytesToEsc](unsigned char c) { return bytesToEsc[c] != 0; },
+      [prefix, prefixLength](Output &o, unsigned char c) {
+         const char hex[2] = {kHexDigits[c >> 4], kHexDigits[c & 0xF]};
+         return o.Append(prefix, prefixLength) && o.Append(hex, sizeof hex);
+      });
+   return done ? out.Finish(sizeOut) : nullptr;
+}
+
 bool IsOctalDigit(char c)
 {
    return c >= '0' && c <= '7';
@@ -178,22 +192,14 @@ extern "C" {
 void *Escape_DoString(const char *escStr, const int *bytesToEsc, const void *bufIn,
                       size_t sizeIn, size_t *sizeOut)
 {
-   size_t escLength = strlen(escStr);
-   Output out;
-   bool done = AppendEscaped(
-      out, bufIn, sizeIn, [bytesToEsc](unsigned char c) { return bytesToEsc[c] != 0; },
-      [escStr, escLength](Output &o, unsigned char c) {
-         const char hex[2] = {kHexDigits[c >> 4], kHexDigits[c & 0xF]};
-         return o.Append(escStr, escLength) && o.Append(hex, sizeof hex);
-      });
-   return done ? out.Finish(sizeOut) : nullptr;
+   return EscapeWithPrefix(escStr, strlen(escStr), bytesToEsc, bufIn, sizeIn, sizeOut);
 }
 
 void *Escape_Do(char escByte, const int *bytesToEsc, const void *bufIn, size_t sizeIn,
                 size_t *sizeOut)
 {
-   const char escStr[2] = {escByte, '\0'};
-   return Escape_DoString(escStr, bytesToEsc, bufIn, sizeIn, sizeOut);
+   /* Passed with its length, so that even a NUL escape byte is written. */
+   return EscapeWithPrefix(&escByte, 1, bytesToEsc, bufIn, sizeIn, sizeOut);
 }
 
 void *Escape_Undo(char escByte, const void *bufIn, size_t sizeIn, size_t *sizeOut)

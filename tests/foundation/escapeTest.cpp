@@ -70,6 +70,10 @@ TEST(Escape, DoWritesUpperCaseHexAndRoundTrips)
    void *out = Escape_DoString("<esc>", table.flags, "x/", 2, &size);
    EXPECT_EQ(Take(out, size), "x<esc>2F");
    EXPECT_EQ(Do('%', table, ""), "");
+   /* Even a NUL escape byte is written out. */
+   std::string nulEscaped = Do('\0', table, std::string("/\0", 2));
+   EXPECT_EQ(nulEscaped, std::string("\0" "2F\0" "00", 6));
+   EXPECT_EQ(Undo('\0', nulEscaped), std::string("/\0", 2));
    EXPECT_STREQ(static_cast<char *>(out = Escape_Do('%', table.flags, "plain", 5, nullptr)),
                 "plain");
    free(out);
