@@ -73,7 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    Check(strlen(inPlace.c_str()) <= cstring.size());
 
    const char *found = Escape_Strchr(esc, cstring.c_str(), ',');
-   Check(found == nullptr || (*found == ',' && found >= cstring.c_str() &&
-                              found < cstring.c_str() + cstring.size()));
+   Check(found == nullptr ||
+         (*found == ',' && found >= cstring.c_str() && found < cstring.c_str() + cstring.size()));
    return 0;
 }

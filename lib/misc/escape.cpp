@@ -34,7 +34,7 @@ int HexValue(unsigned char c)
 
 /* A DynBuf that frees what it holds unless the result has been taken. */
 class Output {
- public:
+  public:
    Output() { DynBuf_Init(&buf_); }
    ~Output()
    {
@@ -62,7 +62,7 @@ class Output {
       return static_cast<char *>(DynBuf_Detach(&buf_));
    }
 
- private:
+  private:
    DynBuf buf_;
 };
 
@@ -109,29 +109,29 @@ bool UndoScan(char escByte, const void *bufIn, size_t sizeIn, Sink &&sink)
    int high = 0;
    for (size_t i = 0; i < sizeIn; i++) {
       switch (state) {
-      case 0:
-         if (in[i] == esc) {
-            state = 1;
-         }
-         break;
-      case 1:
-         high = HexValue(in[i]);
-         state = high < 0 ? 0 : 2;
-         break;
-      case 2: {
-         int low = HexValue(in[i]);
-         if (low >= 0) {
-            if (!sink(in + runStart, i - 2 - runStart) ||
-                !sink.Byte(static_cast<char>(high << 4 | low))) {
-               return false;
+         case 0:
+            if (in[i] == esc) {
+               state = 1;
             }
-            runStart = i + 1;
+            break;
+         case 1:
+            high = HexValue(in[i]);
+            state = high < 0 ? 0 : 2;
+            break;
+         case 2: {
+            int low = HexValue(in[i]);
+            if (low >= 0) {
+               if (!sink(in + runStart, i - 2 - runStart) ||
+                   !sink.Byte(static_cast<char>(high << 4 | low))) {
+                  return false;
+               }
+               runStart = i + 1;
+            }
+            state = 0;
+            break;
          }
-         state = 0;
-         break;
-      }
-      default:
-         NOT_IMPLEMENTED();
+         default:
+            NOT_IMPLEMENTED();
       }
    }
    return sink(in + runStart, sizeIn - runStart);
@@ -172,11 +172,11 @@ char *EscapeWithPrefix(const char *prefix, size_t prefixLength, const int *bytes
 {
    Output out;
    bool done = AppendEscaped(
-      out, bufIn, sizeIn, [bytesToEsc](unsigned char c) { return bytesToEsc[c] != 0; },
-      [prefix, prefixLength](Output &o, unsigned char c) {
-         const char hex[2] = {kHexDigits[c >> 4], kHexDigits[c & 0xF]};
-         return o.Append(prefix, prefixLength) && o.Append(hex, sizeof hex);
-      });
+       out, bufIn, sizeIn, [bytesToEsc](unsigned char c) { return bytesToEsc[c] != 0; },
+       [prefix, prefixLength](Output &o, unsigned char c) {
+          const char hex[2] = {kHexDigits[c >> 4], kHexDigits[c & 0xF]};
+          return o.Append(prefix, prefixLength) && o.Append(hex, sizeof hex);
+       });
    return done ? out.Finish(sizeOut) : nullptr;
 }
 
@@ -189,8 +189,8 @@ bool IsOctalDigit(char c)
 
 extern "C" {
 
-void *Escape_DoString(const char *escStr, const int *bytesToEsc, const void *bufIn,
-                      size_t sizeIn, size_t *sizeOut)
+void *Escape_DoString(const char *escStr, const int *bytesToEsc, const void *bufIn, size_t sizeIn,
+                      size_t *sizeOut)
 {
    return EscapeWithPrefix(escStr, strlen(escStr), bytesToEsc, bufIn, sizeIn, sizeOut);
 }
@@ -251,10 +251,10 @@ char *Escape_ShellQuote(const void *bufIn, size_t sizeIn, size_t *sizeOut)
    Output out;
    bool done = out.Append('\'') &&
                AppendEscaped(
-                  out, bufIn, sizeIn, [](unsigned char c) { return c == '\''; },
-                  [](Output &o, unsigned char) {
-                     return o.Append(kQuotedQuote, sizeof kQuotedQuote - 1);
-                  }) &&
+                   out, bufIn, sizeIn, [](unsigned char c) { return c == '\''; },
+                   [](Output &o, unsigned char) {
+                      return o.Append(kQuotedQuote, sizeof kQuotedQuote - 1);
+                   }) &&
                out.Append('\'');
    return done ? out.Finish(sizeOut) : nullptr;
 }
@@ -263,9 +263,9 @@ char *Escape_RegexSpecials(const void *bufIn, size_t sizeIn, size_t *sizeOut)
 {
    Output out;
    bool done = AppendEscaped(
-      out, bufIn, sizeIn,
-      [](unsigned char c) { return c != '\0' && strchr("$*.[\\]^", c) != nullptr; },
-      AppendBackslashed);
+       out, bufIn, sizeIn,
+       [](unsigned char c) { return c != '\0' && strchr("$*.[\\]^", c) != nullptr; },
+       AppendBackslashed);
    return done ? out.Finish(sizeOut) : nullptr;
 }
 
@@ -335,8 +335,8 @@ char *Escape_Commas(const char *string)
    }
    Output out;
    bool done = AppendEscaped(
-      out, string, strlen(string), [](unsigned char c) { return c == ',' || c == '\\'; },
-      AppendBackslashed);
+       out, string, strlen(string), [](unsigned char c) { return c == ',' || c == '\\'; },
+       AppendBackslashed);
    return done ? out.Finish(nullptr) : nullptr;
 }
 

@@ -70,26 +70,26 @@ uint32_t RotateLeft5(uint32_t h)
 uint32_t HashKey(const HashTable *ht, const void *key)
 {
    switch (ht->keyType) {
-   case HASH_STRING_KEY: {
-      uint32_t h = 0;
-      for (const unsigned char *s = static_cast<const unsigned char *>(key); *s != '\0'; s++) {
-         h = RotateLeft5(h ^ *s);
+      case HASH_STRING_KEY: {
+         uint32_t h = 0;
+         for (const unsigned char *s = static_cast<const unsigned char *>(key); *s != '\0'; s++) {
+            h = RotateLeft5(h ^ *s);
+         }
+         return h;
       }
-      return h;
-   }
-   case HASH_ISTRING_KEY: {
-      uint32_t h = 0;
-      for (const unsigned char *s = static_cast<const unsigned char *>(key); *s != '\0'; s++) {
-         h = RotateLeft5(h ^ static_cast<uint32_t>(tolower(*s)));
+      case HASH_ISTRING_KEY: {
+         uint32_t h = 0;
+         for (const unsigned char *s = static_cast<const unsigned char *>(key); *s != '\0'; s++) {
+            h = RotateLeft5(h ^ static_cast<uint32_t>(tolower(*s)));
+         }
+         return h;
       }
-      return h;
-   }
-   case HASH_INT_KEY: {
-      uint64_t k = reinterpret_cast<uintptr_t>(key);
-      return (static_cast<uint32_t>(k >> 32) ^ static_cast<uint32_t>(k)) * 48271u;
-   }
-   default:
-      NOT_REACHED();
+      case HASH_INT_KEY: {
+         uint64_t k = reinterpret_cast<uintptr_t>(key);
+         return (static_cast<uint32_t>(k >> 32) ^ static_cast<uint32_t>(k)) * 48271u;
+      }
+      default:
+         NOT_REACHED();
    }
 }
 
@@ -364,7 +364,7 @@ bool HashTable_ReplaceIfValue(HashTable *ht, const void *key, void *oldValue, vo
    if (ht->atomic) {
       void *expected = oldValue;
       if (!std::atomic_ref<void *>(e->value).compare_exchange_strong(
-             expected, newValue, std::memory_order_acq_rel, std::memory_order_acquire)) {
+              expected, newValue, std::memory_order_acq_rel, std::memory_order_acquire)) {
          return false;
       }
    } else {
@@ -447,9 +447,8 @@ void HashTable_ValueArray(const HashTable *ht, void ***values, size_t *count)
 
 int HashTable_ForEach(const HashTable *ht, HashTableForEachCallback cb, void *clientData)
 {
-   return VisitEntries(ht, [&](HashTableEntry *e) {
-      return cb(e->key, LoadAcquire(e->value), clientData);
-   });
+   return VisitEntries(
+       ht, [&](HashTableEntry *e) { return cb(e->key, LoadAcquire(e->value), clientData); });
 }
 
 }  // extern "C"

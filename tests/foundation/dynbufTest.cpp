@@ -147,11 +147,11 @@ TEST(DynBufDeathTest, SafeFormsNameTheirCaller)
    int line = __LINE__ + 1;
    EXPECT_PANIC(DynBuf_SafeEnlarge(&b, kImpossible),
                 "Unrecoverable memory allocation failure at tests/foundation/dynbufTest:" +
-                   std::to_string(line) + "\n");
+                    std::to_string(line) + "\n");
    line = __LINE__ + 1;
    EXPECT_PANIC(DynBuf_SafeAppend(&b, "x", kImpossible),
                 "Unrecoverable memory allocation failure at tests/foundation/dynbufTest:" +
-                   std::to_string(line) + "\n");
+                    std::to_string(line) + "\n");
    EXPECT_PANIC(DynBuf_SafeInsert(&b, 0, "x", SIZE_MAX),
                 "Unrecoverable memory allocation failure at tests/foundation/dynbufTest:");
 }

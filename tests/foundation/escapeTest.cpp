@@ -72,7 +72,7 @@ TEST(Escape, DoWritesUpperCaseHexAndRoundTrips)
    EXPECT_EQ(Do('%', table, ""), "");
    /* Even a NUL escape byte is written out. */
    std::string nulEscaped = Do('\0', table, std::string("/\0", 2));
-   EXPECT_EQ(nulEscaped, std::string("\0" "2F\0" "00", 6));
+   EXPECT_EQ(nulEscaped, std::string("\0002F\00000", 6));
    EXPECT_EQ(Undo('\0', nulEscaped), std::string("/\0", 2));
    EXPECT_STREQ(static_cast<char *>(out = Escape_Do('%', table.flags, "plain", 5, nullptr)),
                 "plain");

@@ -26,7 +26,7 @@ void *V(uintptr_t n)
 }
 
 class HashTableTest : public ::testing::Test {
- protected:
+  protected:
    void SetUp() override { gFreed.clear(); }
 };
 
@@ -230,6 +230,21 @@ TEST_F(HashTableTest, ManyKeysShareChains)
       EXPECT_EQ(value, V(n));
    }
    HashTable_Free(ht);
+}
+
+TEST_F(HashTableTest, SingleBucketTablesStillWork)
+{
+   /* 0 and 1 pass the power-of-two test; both must behave as one chain, not hang or overrun. */
+   for (uint32_t buckets : {0u, 1u}) {
+      HashTable *ht = HashTable_Alloc(buckets, HASH_STRING_KEY, nullptr);
+      EXPECT_TRUE(HashTable_Insert(ht, "one", V(1)));
+      EXPECT_TRUE(HashTable_Insert(ht, "two", V(2)));
+      void *value = nullptr;
+      EXPECT_TRUE(HashTable_Lookup(ht, "one", &value));
+      EXPECT_EQ(value, V(1));
+      EXPECT_EQ(HashTable_GetNumElements(ht), 2u);
+      HashTable_Free(ht);
+   }
 }
 
 TEST(HashTableDeathTest, BadBucketCountAndKeyType)

@@ -46,8 +46,8 @@ void RunThreads(Body body)
 TEST(HashTableThread, ConcurrentInsertsOfOverlappingKeysCountEachOnce)
 {
    /* Few buckets, so that threads keep racing on the same chain heads. */
-   HashTable *ht = HashTable_Alloc(8, HASH_STRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY,
-                                   nullptr);
+   HashTable *ht =
+       HashTable_Alloc(8, HASH_STRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY, nullptr);
    constexpr int kKeys = 2000;
    std::vector<std::string> keys;
    for (int i = 0; i < kKeys; i++) {
@@ -62,8 +62,8 @@ TEST(HashTableThread, ConcurrentInsertsOfOverlappingKeysCountEachOnce)
          if (HashTable_Insert(ht, keys[k].c_str(), V(t + 1))) {
             inserted.fetch_add(1);
          }
-         seen[t][k] = reinterpret_cast<uintptr_t>(
-            HashTable_LookupOrInsert(ht, keys[k].c_str(), V(99)));
+         seen[t][k] =
+             reinterpret_cast<uintptr_t>(HashTable_LookupOrInsert(ht, keys[k].c_str(), V(99)));
          void *value = nullptr;
          if (HashTable_Lookup(ht, keys[(k + kKeys / 2) % kKeys].c_str(), &value)) {
             uintptr_t owner = reinterpret_cast<uintptr_t>(value);
@@ -119,7 +119,7 @@ TEST(HashTableThread, AllocSharedHasOneWinner)
       std::vector<HashTable *> got(kThreads);
       RunThreads([&](int t) {
          got[t] = HashTable_AllocShared(
-            &shared, 16, HASH_STRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY, nullptr);
+             &shared, 16, HASH_STRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY, nullptr);
          HashTable_Insert(got[t], ("t" + std::to_string(t)).c_str(), V(1));
       });
       for (HashTable *ht : got) {
