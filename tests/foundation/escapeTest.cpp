@@ -1,4 +1,6 @@
+#include <errno.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <string.h>
 
 #include <string>
@@ -158,4 +160,44 @@ TEST(Escape, UnescapeCStringInPlace)
    EXPECT_EQ(UnescapeCString("end\\"), "end\\");
    EXPECT_EQ(UnescapeCString("\\\\101"), "\\101");
    EXPECT_EQ(UnescapeCString("\\377"), "\xff");
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define SANITIZED_BUILD 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define SANITIZED_BUILD 1
+#endif
+#endif
+
+#ifndef SANITIZED_BUILD
+/* Caps the address space so that tripling a 16 MB input cannot fit; exits 0 on a clean failure. */
+[[noreturn]] static void EscapeUnderMemoryLimit()
+{
+   std::string input(16 << 20, '%');
+   EscapeTable table{'%'};
+   FILE *statm = fopen("/proc/self/statm", "r");
+   unsigned long pages = 0;
+   if (statm == nullptr || fscanf(statm, "%lu", &pages) != 1) {
+      exit(2);
+   }
+   fclose(statm);
+   rlim_t limit = pages * 4096 + (24 << 20);
+   struct rlimit rl = {limit, limit};
+   if (setrlimit(RLIMIT_AS, &rl) != 0) {
+      exit(3);
+   }
+   errno = 0;
+   void *out = Escape_Do('%', table.flags, input.data(), input.size(), nullptr);
+   exit(out == nullptr && errno == ENOMEM ? 0 : 1);
+}
+#endif
+
+TEST(Escape, MemoryFailureGivesNullAndENOMEM)
+{
+#ifdef SANITIZED_BUILD
+   GTEST_SKIP() << "sanitizers reserve more address space than the limit allows";
+#else
+   EXPECT_EXIT(EscapeUnderMemoryLimit(), ::testing::ExitedWithCode(0), "");
+#endif
 }
