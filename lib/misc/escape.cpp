@@ -284,6 +284,7 @@ const char *Escape_Strchr(char escByte, const char *bufIn, char c)
    return nullptr;
 }
 
+/* An escape character keeps the character after it; a lone one at the very end is dropped. */
 char *Escape_Unescape(char escByte, const char *bufIn)
 {
    Output out;
