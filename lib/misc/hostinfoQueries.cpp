@@ -57,13 +57,17 @@ void AppendLeaf(std::string *signature, unsigned int leaf)
 {
    unsigned int eax, ebx, ecx, edx;
    __cpuid_count(leaf, 0, eax, ebx, ecx, edx);
-   /* Drop what differs between the processors of one machine: the APIC ids. */
+   /* Drop what differs between the processors of one machine: APIC, core and node ids. */
    if (leaf == 1) {
       ebx &= 0x00FFFFFFu;
    } else if (leaf == 0xB || leaf == 0x1F) {
       edx = 0;
+   } else if (leaf == 0x1A) {
+      eax = 0; /* the core type of hybrid designs */
    } else if (leaf == 0x8000001Eu) {
       eax = 0;
+      ebx &= ~0xFFu;
+      ecx &= ~0xFFu;
    }
    char entry[48];
    Str_Sprintf(entry, sizeof entry, "%08X:%08X%08X%08X%08X-", leaf, eax, ebx, ecx, edx);
@@ -319,12 +323,15 @@ size_t Hostinfo_GetKernelZoneElemSize(const char *name)
    if (!ValidSlabName(name)) {
       return 0;
    }
-   /* SLUB publishes every cache (merged ones as aliases) readable by all. */
-   std::string path = std::string("/sys/kernel/slab/") + name + "/object_size";
+   /* SLUB publishes every cache (merged ones as aliases), readable by all. */
    std::string text;
    uint64_t size;
-   if (HostinfoReadFile(path.c_str(), &text)) {
-      return LeadingNumber(text, &size) ? static_cast<size_t>(size) : 0;
+   if (access("/sys/kernel/slab", F_OK) == 0) {
+      std::string path = std::string("/sys/kernel/slab/") + name + "/object_size";
+      if (!HostinfoReadFile(path.c_str(), &text) || !LeadingNumber(text, &size)) {
+         return 0;
+      }
+      return static_cast<size_t>(size);
    }
 
    /* Otherwise the slab summary, readable by root only: "name active num objsize ...". */
