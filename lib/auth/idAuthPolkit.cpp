@@ -6,8 +6,8 @@
  * transferable form is, little-endian: magic, version, pid, uid, start time, 8 zero bytes.
  * Checking a right asks the authority's CheckAuthorization for that subject.
  *
- * This object speaks D-Bus and takes the bus address from the environment (libdbus ignores it
- * in set-user-ID programs); it lives in a library of its own that the opener never links.
+ * This object speaks D-Bus and takes the bus address from the environment (except in
+ * set-user-ID programs); it lives in a library of its own that the opener never links.
  */
 #include <errno.h>
 #include <stdlib.h>
@@ -34,6 +34,7 @@ constexpr const char *kAuthorityName = "org.freedesktop.PolicyKit1";
 constexpr const char *kAuthorityPath = "/org/freedesktop/PolicyKit1/Authority";
 constexpr const char *kAuthorityInterface = "org.freedesktop.PolicyKit1.Authority";
 constexpr dbus_uint32_t kAllowUserInteraction = 1;
+constexpr const char *kDefaultSystemBus = "unix:path=/var/run/dbus/system_bus_socket";
 
 void PutLE(unsigned char *p, uint64_t value, int bytes)
 {
@@ -192,16 +193,31 @@ bool PolkitCheck(const IdAuthRef &ref, const char *right, const char *prompt,
       return false;
    }
 
-   /* A private connection of our own: no shared state, no exit or SIGPIPE changes. */
+   /*
+    * A private connection of our own: no shared state, no exit or SIGPIPE changes. The address
+    * is looked up on every call (libdbus would fix it for the life of the process), and never
+    * taken from the environment of a set-user-ID process.
+    */
+   const char *address = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
+   if (address == nullptr || address[0] == '\0') {
+      address = kDefaultSystemBus;
+   }
    dbus_connection_set_change_sigpipe(FALSE);
-   DBusConnection *bus = dbus_bus_get_private(DBUS_BUS_SYSTEM, &error);
+   DBusConnection *bus = dbus_connection_open_private(address, &error);
+   if (bus != nullptr) {
+      dbus_connection_set_exit_on_disconnect(bus, FALSE);
+      if (!dbus_bus_register(bus, &error)) {
+         dbus_connection_close(bus);
+         dbus_connection_unref(bus);
+         bus = nullptr;
+      }
+   }
    if (bus == nullptr) {
       Log("%s: system bus unavailable: %s\n", "Id_AuthCheck", error.message);
       dbus_error_free(&error);
       dbus_message_unref(request);
       return false;
    }
-   dbus_connection_set_exit_on_disconnect(bus, FALSE);
 
    /* An interactive check waits for the user as long as they take. */
    int timeout = interactionAllowed ? DBUS_TIMEOUT_INFINITE : DBUS_TIMEOUT_USE_DEFAULT;

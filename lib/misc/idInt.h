@@ -26,4 +26,7 @@ IdAuthRef *IdAuthCachePublish(IdAuthRef *ref);
 /* Installs ref as the cached reference; replacing an existing one is not supported (panic). */
 void IdAuthCacheInstall(IdAuthRef *ref);
 
+/* Forgets the cached reference (tests only: no other thread may be using it). */
+void IdAuthCacheDiscard();
+
 #endif

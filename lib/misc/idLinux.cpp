@@ -128,3 +128,8 @@ void IdAuthCacheInstall(IdAuthRef *ref)
       NOT_IMPLEMENTED();
    }
 }
+
+void IdAuthCacheDiscard()
+{
+   free(cachedAuthRef.exchange(nullptr, std::memory_order_acq_rel));
+}
