@@ -52,7 +52,8 @@ uint64_t GetLE(const unsigned char *p, int bytes)
    return value;
 }
 
-/* A reference to this process, published as the cached one; NULL when this process is unreadable. */
+/* A reference to this process, published as the cached one; NULL when this process is unreadable.
+ */
 IdAuthRef *IdAuthCreate()
 {
    pid_t pid = getpid();

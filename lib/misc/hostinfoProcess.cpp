@@ -133,8 +133,8 @@ bool Hostinfo_GetProcessStartTime(pid_t pid, uint64_t *startTimeUs)
       return false;
    }
    uint64_t perSecond = static_cast<uint64_t>(hz);
-   *startTimeUs = (bootSeconds + ticks / perSecond) * 1000000 + (ticks % perSecond) * 1000000 /
-                                                                   perSecond;
+   *startTimeUs =
+       (bootSeconds + ticks / perSecond) * 1000000 + (ticks % perSecond) * 1000000 / perSecond;
    return true;
 }
 

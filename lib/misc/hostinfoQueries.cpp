@@ -151,12 +151,12 @@ void HostinfoOSData()
    std::string version = OSReleaseField(release, {"VERSION_ID", "BUILD_ID"}, "unknown");
    std::string codename = OSReleaseField(release, {"VERSION_CODENAME", "BUILD_ID", "ID"}, "linux");
 
-   char *description = Str_SafeAsprintf(nullptr, "%s %s (%s) %s %s", name.c_str(),
-                                        version.c_str(), codename.c_str(), u.sysname, u.release);
+   char *description = Str_SafeAsprintf(nullptr, "%s %s (%s) %s %s", name.c_str(), version.c_str(),
+                                        codename.c_str(), u.sysname, u.release);
    osData->description = description;
    free(description);
-   osData->wordSize = strstr(u.machine, "64") != nullptr || strcmp(u.machine, "s390x") == 0 ? 64
-                                                                                            : 32;
+   osData->wordSize =
+       strstr(u.machine, "64") != nullptr || strcmp(u.machine, "s390x") == 0 ? 64 : 32;
    osData->valid = true;
 }
 

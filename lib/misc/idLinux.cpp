@@ -78,12 +78,12 @@ int Id_ProcessExists(pid_t pid)
       return ID_PROCESS_EXISTS;
    }
    switch (errno) {
-   case EPERM:
-      return ID_PROCESS_EXISTS; /* alive, but not ours to signal */
-   case ESRCH:
-      return ID_PROCESS_GONE;
-   default:
-      return ID_PROCESS_UNKNOWN;
+      case EPERM:
+         return ID_PROCESS_EXISTS; /* alive, but not ours to signal */
+      case ESRCH:
+         return ID_PROCESS_GONE;
+      default:
+         return ID_PROCESS_UNKNOWN;
    }
 }
 

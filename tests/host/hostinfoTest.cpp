@@ -29,7 +29,7 @@ namespace {
 
 /* An interface list such as getifaddrs returns, built from (name, family, address) entries. */
 class FakeInterfaces {
- public:
+  public:
    void AddLink(const char *name, std::vector<unsigned char> address)
    {
       sockaddr_ll &link = links_.emplace_back();
@@ -52,7 +52,7 @@ class FakeInterfaces {
       return entries_.empty() ? nullptr : &entries_[0];
    }
 
- private:
+  private:
    void Add(const char *name, sockaddr *address)
    {
       ifaddrs &entry = entries_.emplace_back();
@@ -71,15 +71,15 @@ TEST(HostinfoMachineID, HostNameHash)
    EXPECT_EQ(HostinfoHostNameHash(""), 5381u);
    EXPECT_EQ(HostinfoHostNameHash("a"), 5381u * 33 + 'a');
    EXPECT_EQ(HostinfoHostNameHash("\xff"), 5381u * 33 + 255); /* bytes are unsigned */
-   EXPECT_EQ(HostinfoHostNameHash("hello"), 261238937u);     /* wraps at 32 bits */
+   EXPECT_EQ(HostinfoHostNameHash("hello"), 261238937u);      /* wraps at 32 bits */
 }
 
 TEST(HostinfoMachineID, FirstEthernetInterfaceWins)
 {
    FakeInterfaces fake;
-   fake.AddInet("en0");                                  /* not link level */
-   fake.AddLink("en0", {});                              /* no hardware address */
-   fake.AddLink("eth0", {9, 9, 9, 9, 9, 9});             /* "en" names come first */
+   fake.AddInet("en0");                      /* not link level */
+   fake.AddLink("en0", {});                  /* no hardware address */
+   fake.AddLink("eth0", {9, 9, 9, 9, 9, 9}); /* "en" names come first */
    fake.AddLink("en2", {2, 2, 2, 2, 2, 2});
    fake.AddLink("en1", {0x02, 0xfc, 0x00, 0x11, 0x22, 0x33});
    EXPECT_EQ(HostinfoSelectHardwareID(fake.List()), 0x33221100fc02ull);
@@ -125,15 +125,16 @@ TEST(HostinfoMachineID, MatchesThisHost)
 
 TEST(HostinfoOS, ReleaseFileValues)
 {
-   const char *text = "# comment NAME=wrong\n"
-                      "PRETTY_NAME=\"Pretty\"\n"
-                      "NAME=\"Some \\\"Linux\\\"\"\n"
-                      "ID=plain  \n"
-                      "VERSION_CODENAME='single \\ quoted'\n"
-                      "  BUILD_ID=first\n"
-                      "BUILD_ID=second\n"
-                      "EMPTY=\n"
-                      "UNTERMINATED=\"open";
+   const char *text =
+       "# comment NAME=wrong\n"
+       "PRETTY_NAME=\"Pretty\"\n"
+       "NAME=\"Some \\\"Linux\\\"\"\n"
+       "ID=plain  \n"
+       "VERSION_CODENAME='single \\ quoted'\n"
+       "  BUILD_ID=first\n"
+       "BUILD_ID=second\n"
+       "EMPTY=\n"
+       "UNTERMINATED=\"open";
    std::string value;
    EXPECT_TRUE(HostinfoOSReleaseValue(text, "NAME", &value));
    EXPECT_EQ(value, "Some \"Linux\"");
@@ -156,8 +157,8 @@ TEST(HostinfoOS, VersionAndDescription)
    struct utsname u;
    ASSERT_EQ(uname(&u), 0);
    EXPECT_STREQ(Hostinfo_OSVersionString(), u.release);
-   std::string numbers = std::to_string(Hostinfo_OSVersion(0)) + "." +
-                         std::to_string(Hostinfo_OSVersion(1)) + ".";
+   std::string numbers =
+       std::to_string(Hostinfo_OSVersion(0)) + "." + std::to_string(Hostinfo_OSVersion(1)) + ".";
    EXPECT_EQ(std::string(u.release).rfind(numbers, 0), 0u) << u.release;
    EXPECT_GE(Hostinfo_OSVersion(0), 2);
    EXPECT_EQ(Hostinfo_OSVersion(99), 0);
@@ -169,7 +170,7 @@ TEST(HostinfoOS, VersionAndDescription)
    free(name);
    EXPECT_TRUE(description.ends_with(expectedEnd)) << description;
    EXPECT_TRUE(std::regex_match(description, std::regex(R"([^ ].* [^ ]+ \([^ ]+\) .+)")))
-      << description;
+       << description;
    EXPECT_EQ(Hostinfo_GetOSWordSize(), sizeof(void *) == 8 ? 64 : 32);
 }
 
@@ -238,8 +239,9 @@ TEST(HostinfoQueries, CpuidSignatureIsStableAcrossProcessors)
    ASSERT_NE(signature, nullptr);
    std::string first(signature);
    free(signature);
-   EXPECT_TRUE(std::regex_match(first, std::regex("00000000:[0-9A-F]{32}-([0-9A-F]{8}:[0-9A-F]{32}-)*")))
-      << first;
+   EXPECT_TRUE(
+       std::regex_match(first, std::regex("00000000:[0-9A-F]{32}-([0-9A-F]{8}:[0-9A-F]{32}-)*")))
+       << first;
    EXPECT_NE(first.find("80000000:"), std::string::npos);
 
    cpu_set_t allowed;
@@ -276,10 +278,10 @@ TEST(HostinfoQueries, LoadAndMemoryUsage)
    Hostinfo_LogLoadAverage();
    Hostinfo_LogMemUsage();
    EXPECT_TRUE(std::regex_match(
-      log.Text(), std::regex(R"(LOADAVG: \d+\.\d\d \d+\.\d\d \d+\.\d\d\n)"
-                             R"(RUSAGE size=[1-9]\d* resident=[1-9]\d* share=\d+ trs=[1-9]\d* )"
-                             R"(lrs=0 drs=[1-9]\d* dt=0\n)")))
-      << log.Text();
+       log.Text(), std::regex(R"(LOADAVG: \d+\.\d\d \d+\.\d\d \d+\.\d\d\n)"
+                              R"(RUSAGE size=[1-9]\d* resident=[1-9]\d* share=\d+ trs=[1-9]\d* )"
+                              R"(lrs=0 drs=[1-9]\d* dt=0\n)")))
+       << log.Text();
 
    uint64_t total = 0, available = 0;
    ASSERT_TRUE(Hostinfo_GetMemoryInfoInPages(&total, &available));

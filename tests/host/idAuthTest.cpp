@@ -76,7 +76,8 @@ std::string ReadAll(const std::string &path)
 }
 
 /* Calls a method of the stand-in's control interface; false until the stand-in is up. */
-bool CallMock(const std::string &address, const char *method, const std::vector<std::string> &strings)
+bool CallMock(const std::string &address, const char *method,
+              const std::vector<std::string> &strings)
 {
    DBusError error;
    dbus_error_init(&error);
@@ -113,7 +114,7 @@ bool CallMock(const std::string &address, const char *method, const std::vector<
 
 /* Each test starts and ends without a cached reference. */
 class IdAuth : public ::testing::Test {
- protected:
+  protected:
    void SetUp() override { IdAuthCacheDiscard(); }
    void TearDown() override { IdAuthCacheDiscard(); }
 };
@@ -123,7 +124,7 @@ class IdAuth : public ::testing::Test {
  * this process.
  */
 class PolkitAuth : public IdAuth {
- protected:
+  protected:
    void SetUp() override
    {
       IdAuth::SetUp();
@@ -135,17 +136,17 @@ class PolkitAuth : public IdAuth {
       }
       std::string config = scratch_ / "bus.conf";
       std::ofstream(config)
-         << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-            " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-            "<busconfig>\n"
-            "  <listen>unix:path="
-         << scratch_ / "bus"
-         << "</listen>\n"
-            "  <auth>EXTERNAL</auth>\n"
-            "  <policy context=\"default\">\n"
-            "    <allow send_destination=\"*\"/><allow receive_sender=\"*\"/><allow own=\"*\"/>\n"
-            "  </policy>\n"
-            "</busconfig>\n";
+          << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+             " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+             "<busconfig>\n"
+             "  <listen>unix:path="
+          << scratch_ / "bus"
+          << "</listen>\n"
+             "  <auth>EXTERNAL</auth>\n"
+             "  <policy context=\"default\">\n"
+             "    <allow send_destination=\"*\"/><allow receive_sender=\"*\"/><allow own=\"*\"/>\n"
+             "  </policy>\n"
+             "</busconfig>\n";
       address_ = "unix:path=" + scratch_ / "bus";
       std::string configArg = "--config-file=" + config;
       daemon_ = Spawn({kDaemon, "--nofork", configArg.c_str()}, (scratch_ / "daemon.out").c_str());
@@ -193,7 +194,7 @@ class PolkitAuth : public IdAuth {
 
 /* Another process whose authorization reference this test borrows; it lives until Release. */
 class FormDonor {
- public:
+  public:
    FormDonor()
    {
       int toParent[2], toChild[2];
@@ -231,7 +232,7 @@ class FormDonor {
    pid_t Pid() const { return pid_; }
    const std::vector<unsigned char> &Form() const { return form_; }
 
- private:
+  private:
    pid_t pid_;
    int release_ = -1;
    std::vector<unsigned char> form_;
@@ -247,9 +248,10 @@ TEST_F(IdAuth, SetAcceptsOneValidFormOnce)
    EXPECT_FALSE(Id_AuthSet(form.data(), 31));
    EXPECT_FALSE(Id_AuthSet(form.data(), 33));
    EXPECT_FALSE(Id_AuthSet(nullptr, 32));
-   EXPECT_EQ(log.Text(), "Warning: Id_AuthSet: Invalid argument.\n"
-                         "Warning: Id_AuthSet: Invalid argument.\n"
-                         "Warning: Id_AuthSet: Invalid argument.\n");
+   EXPECT_EQ(log.Text(),
+             "Warning: Id_AuthSet: Invalid argument.\n"
+             "Warning: Id_AuthSet: Invalid argument.\n"
+             "Warning: Id_AuthSet: Invalid argument.\n");
 
    const std::string refused = "Warning: AuthorizationCreateFromExternalForm failed.\n";
    for (size_t byte : {0u, 4u, 16u, 31u}) { /* magic, version, start time, reserved */
@@ -313,17 +315,17 @@ TEST_F(PolkitAuth, AllowedAndDeniedRights)
       EXPECT_NE(check.find("dbus.String('unix-process')"), std::string::npos) << check;
       EXPECT_NE(check.find("'pid'): dbus.UInt32(" + std::to_string(getpid()) + ","),
                 std::string::npos)
-         << check;
+          << check;
       EXPECT_NE(check.find("'start-time'): dbus.UInt64(" + std::to_string(ticks) + ","),
                 std::string::npos)
-         << check;
+          << check;
       EXPECT_NE(check.find("'uid'): dbus.Int32(" + std::to_string(getuid()) + ","),
                 std::string::npos)
-         << check;
+          << check;
    }
    EXPECT_TRUE(checks[0].ends_with(
-      "\"org.example.tesmar.allowed\" {\"polkit.message\": \"Install the services\"} 1 \"\""))
-      << checks[0];
+       "\"org.example.tesmar.allowed\" {\"polkit.message\": \"Install the services\"} 1 \"\""))
+       << checks[0];
    EXPECT_TRUE(checks[1].ends_with("\"org.example.tesmar.denied\" {} 0 \"\"")) << checks[1];
 }
 
@@ -337,5 +339,5 @@ TEST_F(PolkitAuth, BorrowedReferenceSpeaksForItsProcess)
    ASSERT_EQ(checks.size(), 1u);
    EXPECT_NE(checks[0].find("'pid'): dbus.UInt32(" + std::to_string(donor.Pid()) + ","),
              std::string::npos)
-      << checks[0];
+       << checks[0];
 }

@@ -17,9 +17,9 @@ namespace {
 constexpr uid_t kNobody = 65534;
 constexpr uid_t kNoUid = static_cast<uid_t>(-1);
 
-#define SKIP_UNLESS_ROOT()                                                    \
-   if (geteuid() != 0) {                                                      \
-      GTEST_SKIP() << "needs root: per-thread credentials are changed";       \
+#define SKIP_UNLESS_ROOT()                                              \
+   if (geteuid() != 0) {                                                \
+      GTEST_SKIP() << "needs root: per-thread credentials are changed"; \
    }
 
 /* Runs body on a thread of its own, so that its credential changes die with it. */
