@@ -35,7 +35,9 @@ class FakeInterfaces {
       sockaddr_ll &link = links_.emplace_back();
       link.sll_family = AF_PACKET;
       link.sll_halen = static_cast<unsigned char>(address.size());
-      memcpy(link.sll_addr, address.data(), address.size());
+      if (!address.empty()) {
+         memcpy(link.sll_addr, address.data(), address.size());
+      }
       Add(name, reinterpret_cast<sockaddr *>(&link));
    }
    void AddInet(const char *name)
