@@ -20,6 +20,7 @@ TEST(HostinfoMachineIDThreads, ConcurrentFirstCallersAgree)
    uint64_t expectedHardware = HostinfoSelectHardwareID(list);
    freeifaddrs(list);
 
+   testsupport::LogCapture log;
    constexpr int kThreads = 16;
    std::latch start(kThreads);
    std::vector<uint32_t> hosts(kThreads);
@@ -38,4 +39,5 @@ TEST(HostinfoMachineIDThreads, ConcurrentFirstCallersAgree)
       EXPECT_EQ(hosts[i], HostinfoHostNameHash(name));
       EXPECT_EQ(hardware[i], expectedHardware);
    }
+   EXPECT_EQ(log.Text(), "");
 }
