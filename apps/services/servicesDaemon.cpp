@@ -262,6 +262,8 @@ int ServicesDaemon::Run()
       for (const WatchedPipe &watched : watched_) {
          fds.push_back({watched.fd, POLLIN, 0});
       }
+      size_t polledConnections = connections_.size();
+      size_t polledWatched = watched_.size();
 
       int timeout = -1;
       if (!connections_.empty()) {
@@ -294,16 +296,17 @@ int ServicesDaemon::Run()
             ServiceImplClose(&keepAliveFd_, nullptr);
          }
       }
+      // Serving a connection may add a watched pipe: walk only the entries that were polled.
       size_t index = 3;
-      for (Connection &conn : connections_) {
+      for (size_t i = 0; i < polledConnections; i++) {
          if (fds[index++].revents != 0) {
-            Serve(conn);
+            Serve(connections_[i]);
          }
       }
-      for (WatchedPipe &watched : watched_) {
+      for (size_t i = 0; i < polledWatched; i++) {
          bool gone = false;
          if (fds[index++].revents != 0) {
-            DrainWatched(watched, &gone);
+            DrainWatched(watched_[i], &gone);
          }
       }
       ExpireConnections();
