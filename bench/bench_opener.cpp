@@ -15,6 +15,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <stdio.h>
+
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -30,11 +33,12 @@ namespace {
 
 const std::string kRoot = BENCH_ROOT;
 const std::string kSocketPath = kRoot + "/var/run/BRIX Services.sock";
-const std::string kDaemonPath = kRoot +
-   "/Library/Application Support/Tesmar/Larkview/Services/Contents/Library/services/BRIX Services";
+const std::string kDaemonPath =
+    kRoot +
+    "/Library/Application Support/Tesmar/Larkview/Services/Contents/Library/services/BRIX Services";
 
-// Runs program with args to its end; returns its exit status (-1 if abnormal) and peak memory.
-int Run(const std::string &program, std::vector<std::string> args, long *maxRssKiB = nullptr)
+// Runs program with args to its end; returns its exit status (-1 if abnormal).
+int Run(const std::string &program, std::vector<std::string> args)
 {
    args.insert(args.begin(), program);
    std::vector<char *> argv;
@@ -42,19 +46,37 @@ int Run(const std::string &program, std::vector<std::string> args, long *maxRssK
       argv.push_back(arg.data());
    }
    argv.push_back(nullptr);
+   posix_spawn_file_actions_t actions;
+   posix_spawn_file_actions_init(&actions);
+   posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
    pid_t pid;
-   if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv.data(), environ) != 0) {
-      return -1;
-   }
+   int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+   posix_spawn_file_actions_destroy(&actions);
    int status;
-   struct rusage usage;
-   if (wait4(pid, &status, 0, &usage) != pid) {
+   if (rc != 0 || waitpid(pid, &status, 0) != pid) {
       return -1;
-   }
-   if (maxRssKiB != nullptr) {
-      *maxRssKiB = usage.ru_maxrss;
    }
    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Peak resident memory (KiB) of one run of program, measured by a small static launcher.
+long PeakRssKiB(const std::string &program, const std::vector<std::string> &args)
+{
+   std::string out = kRoot + "/maxrss";
+   std::vector<std::string> launcherArgs = {out, program};
+   launcherArgs.insert(launcherArgs.end(), args.begin(), args.end());
+   if (Run(BENCH_MAXRSS, launcherArgs) != 0) {
+      return -1;
+   }
+   FILE *in = fopen(out.c_str(), "r");
+   long kib = -1;
+   if (in != nullptr) {
+      if (fscanf(in, "%ld", &kib) != 1) {
+         kib = -1;
+      }
+      fclose(in);
+   }
+   return kib;
 }
 
 std::vector<pid_t> DaemonPids()
@@ -118,17 +140,16 @@ void HandOver(benchmark::State &state, bool opener)
       state.SkipWithError("the opener failed to start the daemon");
       return;
    }
-   long peakKiB = 0;
+   std::string program = opener ? BENCH_OPENER : BENCH_PEER;
+   std::vector<std::string> args =
+       opener ? std::vector<std::string>{fd} : std::vector<std::string>{kSocketPath, fd};
+   state.counters["peak_rss_KiB"] = (double)PeakRssKiB(program, args);
    for (auto _ : state) {
-      long rss = 0;
-      int status = opener ? Run(BENCH_OPENER, {fd}, &rss) : Run(BENCH_PEER, {kSocketPath, fd}, &rss);
-      if (status != 0) {
+      if (Run(program, args) != 0) {
          state.SkipWithError("hand-over failed");
          break;
       }
-      peakKiB = std::max(peakKiB, rss);
    }
-   state.counters["peak_rss_KiB"] = (double)peakKiB;
    StopDaemons();
 }
 
@@ -174,14 +195,19 @@ void BM_Daemonize(benchmark::State &state)
    rlim_t wanted = (rlim_t)state.range(0);
    struct rlimit limit = {wanted, std::max(wanted, saved.rlim_max)};
    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-      state.SkipWithError("cannot set the descriptor limit (needs root for a high limit)");
-      return;
+      // Where the hard limit cannot be raised (a container), measure at the hard limit.
+      limit = {std::min(wanted, saved.rlim_max), saved.rlim_max};
+      if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+         state.SkipWithError("cannot set the descriptor limit");
+         return;
+      }
    }
+   state.counters["nofile"] = (double)limit.rlim_cur;
    prctl(PR_SET_CHILD_SUBREAPER, 1);
    const char *argv[] = {"true", nullptr};
    for (auto _ : state) {
-      if (!Hostinfo_Daemonize("/bin/true", (char *const *)argv, HOSTINFO_DAEMONIZE_DEFAULT,
-                              nullptr, nullptr, 0)) {
+      if (!Hostinfo_Daemonize("/bin/true", (char *const *)argv, HOSTINFO_DAEMONIZE_DEFAULT, nullptr,
+                              nullptr, 0)) {
          state.SkipWithError("Hostinfo_Daemonize failed");
          break;
       }

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -63,6 +64,7 @@ Spawned SpawnAsNobody(const std::string &program, const std::vector<std::string>
       if (extraFd != -1) {
          dup2(extraFd, extraAs);
       }
+      umask(077);  // the opener must set its own mask
       int devNull = open("/dev/null", O_RDONLY);
       dup2(devNull, 0);
       if (setgroups(0, nullptr) != 0 || setresgid(kNobody, kNobody, kNobody) != 0 ||

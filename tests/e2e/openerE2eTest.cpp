@@ -150,6 +150,7 @@ TEST_F(OpenerE2e, FirstOpenerStartsTheDaemonAndTheNextFindsIt)
 
    std::string statusText = ReadFile(proc + "/status");
    EXPECT_NE(statusText.find("\nUid:\t0\t0\t0\t0\n"), std::string::npos) << statusText;
+   EXPECT_NE(statusText.find("\nUmask:\t0022\n"), std::string::npos) << statusText;
    char cwd[64] = {};
    ASSERT_GT(readlink((proc + "/cwd").c_str(), cwd, sizeof cwd - 1), 0);
    EXPECT_STREQ(cwd, "/");
