@@ -129,31 +129,3 @@ TEST(ServiceImpl, UnexpectedMessagesAreRefusedWithoutLeaks)
    close(a);
    close(b);
 }
-
-TEST(ServiceImpl, CloseAndBlockingState)
-{
-   int pipeFds[2];
-   ASSERT_EQ(pipe(pipeFds), 0);
-   EXPECT_TRUE(ServiceImplSetBlockingState(pipeFds[0], false));
-   EXPECT_EQ(fcntl(pipeFds[0], F_GETFL) & O_NONBLOCK, O_NONBLOCK);
-   EXPECT_TRUE(ServiceImplSetBlockingState(pipeFds[0], true));
-   EXPECT_EQ(fcntl(pipeFds[0], F_GETFL) & O_NONBLOCK, 0);
-
-   bool ok = true;
-   int slot = pipeFds[0];
-   EXPECT_TRUE(ServiceImplClose(&slot, &ok));
-   EXPECT_EQ(slot, -1);
-   EXPECT_TRUE(ServiceImplClose(&slot, &ok));  // an empty slot is fine
-   EXPECT_TRUE(ok);
-
-   LogCapture log;
-   slot = 1000;  // not open
-   EXPECT_FALSE(ServiceImplClose(&slot, &ok));
-   EXPECT_FALSE(ok);
-   EXPECT_EQ(slot, -1);
-   EXPECT_FALSE(ServiceImplSetBlockingState(1000, true));
-   EXPECT_EQ(log.Text(),
-             "Warning: ServiceImplClose: close 1000 errno 9.\n"
-             "Warning: ServiceImplSetBlockingState: fcntl get errno 9.\n");
-   close(pipeFds[1]);
-}
