@@ -283,7 +283,7 @@ bool Base64_DecodeFixed(const char *src, char *outBuf, size_t outBufSize)
       return false;
    }
    bool fits = length <= outBufSize;
-   if (fits) {
+   if (fits && length != 0) {
       memcpy(outBuf, decoded, length);
    }
    free(decoded);
