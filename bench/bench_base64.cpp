@@ -32,7 +32,7 @@ void BM_Base64Encode(benchmark::State &state)
    for (auto _ : state) {
       size_t length;
       benchmark::DoNotOptimize(
-         Base64_Encode(data.data(), data.size(), text.data(), text.size(), &length));
+          Base64_Encode(data.data(), data.size(), text.data(), text.size(), &length));
       benchmark::ClobberMemory();
    }
    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kSize));
@@ -48,7 +48,7 @@ void BM_Base64Decode(benchmark::State &state)
    for (auto _ : state) {
       size_t length;
       benchmark::DoNotOptimize(
-         Base64_ChunkDecode(text.data(), textLength, out.data(), out.size(), &length));
+          Base64_ChunkDecode(text.data(), textLength, out.data(), out.size(), &length));
       benchmark::ClobberMemory();
    }
    if (memcmp(out.data(), data.data(), kSize) != 0) {

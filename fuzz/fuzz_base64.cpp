@@ -61,8 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    if (decoded && !Base64_DecodeFixed(text.c_str(), fixed.data(), fixed.size())) {
       abort();
    }
-   if (decodedLength > 0 &&
-       Base64_DecodeFixed(text.c_str(), fixed.data(), decodedLength - 1)) {
+   if (decodedLength > 0 && Base64_DecodeFixed(text.c_str(), fixed.data(), decodedLength - 1)) {
       abort();
    }
 

@@ -183,8 +183,7 @@ bool Base64_Encode(const uint8_t *src, size_t srcLength, char *target, size_t ta
                    size_t *dataLength)
 {
    *dataLength = 0;
-   if (srcLength >= SIZE_MAX - 1 || targetSize == 0 ||
-       (srcLength + 2) / 3 > (targetSize - 1) / 4) {
+   if (srcLength >= SIZE_MAX - 1 || targetSize == 0 || (srcLength + 2) / 3 > (targetSize - 1) / 4) {
       return false;
    }
 

@@ -18,8 +18,8 @@ bool ClockRate_ComputeRatio(uint64_t sourceRate, uint64_t targetRate, uint32_t *
       return false;
    }
    int exponent;
-   double mantissa = frexp(static_cast<double>(targetRate) / static_cast<double>(sourceRate),
-                           &exponent);
+   double mantissa =
+       frexp(static_cast<double>(targetRate) / static_cast<double>(sourceRate), &exponent);
    uint64_t multiplier = static_cast<uint64_t>(mantissa * 4294967296.0 + 0.5);
    if (multiplier == UINT64_C(1) << 32) {
       // A mantissa just below 1 rounds up to 2^32: the same value is 2^31 one exponent higher.
@@ -54,18 +54,17 @@ bool ClockRate_ComputeParams(uint64_t sourceRate, uint64_t sourceValue, uint64_t
 }
 
 void ClockRate_LogParams(const char *prefix, uint64_t sourceRate, uint64_t sourceValue,
-                         uint64_t targetRate, uint64_t targetValue,
-                         const ClockRateParams *params)
+                         uint64_t targetRate, uint64_t targetValue, const ClockRateParams *params)
 {
-   Log("%s %llu @ %lluHz -> %llu @ %lluHz\n", prefix,
-       static_cast<unsigned long long>(sourceValue), static_cast<unsigned long long>(sourceRate),
-       static_cast<unsigned long long>(targetValue), static_cast<unsigned long long>(targetRate));
+   Log("%s %llu @ %lluHz -> %llu @ %lluHz\n", prefix, static_cast<unsigned long long>(sourceValue),
+       static_cast<unsigned long long>(sourceRate), static_cast<unsigned long long>(targetValue),
+       static_cast<unsigned long long>(targetRate));
    Log("%s ((x * %u) >> %u) + %lld\n", prefix, params->mult, params->shift,
        static_cast<long long>(params->add));
 }
 
-void ClockRate_LogRatio(const char *prefix, uint64_t sourceRate, uint64_t targetRate,
-                        uint32_t mult, uint32_t shift)
+void ClockRate_LogRatio(const char *prefix, uint64_t sourceRate, uint64_t targetRate, uint32_t mult,
+                        uint32_t shift)
 {
    Log("%s %lluHz -> %lluHz\n", prefix, static_cast<unsigned long long>(sourceRate),
        static_cast<unsigned long long>(targetRate));

@@ -21,11 +21,11 @@ constexpr const char kFunction[] = "RandomBytesPosix";
 constexpr unsigned kWords = 25;
 /* The system's text for an error number; strerror_r keeps this safe on any thread. */
 class ErrorText {
- public:
+  public:
    explicit ErrorText(int error) : text_(strerror_r(error, buffer_, sizeof buffer_)) {}
    const char *c_str() const { return text_; }
 
- private:
+  private:
    char buffer_[128];
    const char *text_;
 };
@@ -34,11 +34,10 @@ constexpr uint32_t kTwist = 0x8EBFD028u;
 
 /* The generator's published initial state. */
 constexpr uint32_t kInitialState[kWords] = {
-   0x95F24DABu, 0x0B685215u, 0xE76CCAE7u, 0xAF3EC239u, 0x715FAD23u,
-   0x24A590ADu, 0x69E4B5EFu, 0xBF456141u, 0x96BC1B7Bu, 0xA7BDF825u,
-   0xC1DE75B7u, 0x8858A9C9u, 0x2DA87693u, 0xB657F9DDu, 0xFFDC8A9Fu,
-   0x8121DA71u, 0x8B823ECBu, 0x885D05F5u, 0x4E20CD47u, 0x5A9AD5D9u,
-   0x512C0C03u, 0xEA857CCDu, 0x4CC1D30Fu, 0x8891A8A1u, 0xA6B7AADBu,
+    0x95F24DABu, 0x0B685215u, 0xE76CCAE7u, 0xAF3EC239u, 0x715FAD23u, 0x24A590ADu, 0x69E4B5EFu,
+    0xBF456141u, 0x96BC1B7Bu, 0xA7BDF825u, 0xC1DE75B7u, 0x8858A9C9u, 0x2DA87693u, 0xB657F9DDu,
+    0xFFDC8A9Fu, 0x8121DA71u, 0x8B823ECBu, 0x885D05F5u, 0x4E20CD47u, 0x5A9AD5D9u, 0x512C0C03u,
+    0xEA857CCDu, 0x4CC1D30Fu, 0x8891A8A1u, 0xA6B7AADBu,
 };
 
 }  // namespace

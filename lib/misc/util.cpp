@@ -52,7 +52,7 @@ bool EqualsIgnoringCase(const char *a, const char *b)
 
 /* A password-database entry with the storage its strings live in. */
 class PasswdEntry {
- public:
+  public:
    PasswdEntry() = default;
    ~PasswdEntry() { free(buffer_); }
    PasswdEntry(const PasswdEntry &) = delete;
@@ -74,7 +74,7 @@ class PasswdEntry {
 
    const passwd &Entry() const { return entry_; }
 
- private:
+  private:
    static constexpr size_t kFirstSize = 1024;
    static constexpr size_t kMaxSize = 1 << 20;
 
@@ -222,8 +222,7 @@ char *JoinChunks(const Chunk *chunks, size_t count)
 {
    size_t total = 1;
    for (size_t k = 0; k < count; k++) {
-      total += chunks[k].replacement != nullptr ? strlen(chunks[k].replacement)
-                                                : chunks[k].length;
+      total += chunks[k].replacement != nullptr ? strlen(chunks[k].replacement) : chunks[k].length;
    }
    char *result = static_cast<char *>(malloc(total));
    if (result == nullptr) {
@@ -231,8 +230,8 @@ char *JoinChunks(const Chunk *chunks, size_t count)
    }
    char *out = result;
    for (size_t k = 0; k < count; k++) {
-      const char *piece = chunks[k].replacement != nullptr ? chunks[k].replacement
-                                                           : chunks[k].start;
+      const char *piece =
+          chunks[k].replacement != nullptr ? chunks[k].replacement : chunks[k].start;
       size_t length = chunks[k].replacement != nullptr ? strlen(piece) : chunks[k].length;
       memcpy(out, piece, length);
       out += length;

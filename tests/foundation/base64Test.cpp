@@ -38,7 +38,7 @@ std::optional<Bytes> Decode(const std::string &text, size_t room)
 std::optional<Bytes> ReferenceDecode(const std::string &text, size_t room)
 {
    static const std::string alphabet =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
    Bytes out;
    unsigned bits = 0, count = 0;
    for (size_t k = 0; k < text.size() && text[k] != '=' && text[k] != '\0'; k++) {

@@ -97,20 +97,20 @@ TEST(ExpandStringDeath, UserWithoutPasswdEntryFallsBackToHome)
    }
    // The child becomes a user unknown to the password database and logs to standard error.
    EXPECT_EXIT(
-      {
-         Log_SetOutputFd(2);
-         unsetenv("CFFIXED_USER_HOME");
-         unsetenv("USER");
-         setenv("HOME", "/h", 1);
-         if (setgid(54321) != 0 || setuid(54321) != 0) {
-            _exit(2);
-         }
-         bool ok = Expand("~/x") == "/h/x" && Expand("$USER") == "unknown";
-         unsetenv("HOME");
-         _exit(ok && Expand("~/y") == "~/y" ? 0 : 3);
-      },
-      ::testing::ExitedWithCode(0),
-      "Could not get passwd for current user\\.\n.*"
-      "Could not get passwd for current user\\.\n.*"
-      "Could not expand environment variable HOME\\.\n");
+       {
+          Log_SetOutputFd(2);
+          unsetenv("CFFIXED_USER_HOME");
+          unsetenv("USER");
+          setenv("HOME", "/h", 1);
+          if (setgid(54321) != 0 || setuid(54321) != 0) {
+             _exit(2);
+          }
+          bool ok = Expand("~/x") == "/h/x" && Expand("$USER") == "unknown";
+          unsetenv("HOME");
+          _exit(ok && Expand("~/y") == "~/y" ? 0 : 3);
+       },
+       ::testing::ExitedWithCode(0),
+       "Could not get passwd for current user\\.\n.*"
+       "Could not get passwd for current user\\.\n.*"
+       "Could not expand environment variable HOME\\.\n");
 }
