@@ -71,4 +71,10 @@ TEST(RandomBytes, FillsTheWholeBuffer)
    EXPECT_NE(one, two);
    EXPECT_NE(std::vector<uint8_t>(one.end() - 64, one.end()), std::vector<uint8_t>(64, 0));
    EXPECT_EQ(log.Text(), "");
+
+   // An unwritable buffer makes the read itself fail.
+   EXPECT_FALSE(Random_Bytes(16, reinterpret_cast<void *>(8)));
+   EXPECT_EQ(log.Text(),
+             "RandomBytesPosix: 16 byte read failed while reading from /dev/urandom: "
+             "Bad address\n");
 }
