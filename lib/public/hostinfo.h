@@ -1,5 +1,5 @@
 /*
- * Host information: questions about the running machine and process.
+ * Host information, machine identity and detaching daemons.
  */
 #ifndef TESMAR_HOSTINFO_H
 #define TESMAR_HOSTINFO_H
@@ -13,7 +13,33 @@
 extern "C" {
 #endif
 
-/* Machine identity and host queries. */
+/* --- Running executable and daemons ---------------------------------------------------- */
+
+/* Flags of Hostinfo_Daemonize. */
+#define HOSTINFO_DAEMONIZE_DEFAULT 0u
+#define HOSTINFO_DAEMONIZE_NOCHDIR (1u << 0) /* keep the working directory */
+#define HOSTINFO_DAEMONIZE_NOCLOSE (1u << 1) /* keep the session and the standard streams */
+#define HOSTINFO_DAEMONIZE_EXIT (1u << 2)    /* the caller _exit(0)s once the daemon runs */
+#define HOSTINFO_DAEMONIZE_LOCKPID (1u << 3) /* flock the PID file; the daemon keeps it open */
+
+/*
+ * Starts path (UTF-8) with argv (NULL-terminated) as a detached daemon: double fork, new
+ * session, default signal dispositions, standard streams on /dev/null, working directory "/",
+ * only keepFds (and the locked PID file) inherited. Returns true once the daemon's execv has
+ * happened; false with errno set to the reason otherwise. pidPath may be NULL.
+ */
+bool Hostinfo_Daemonize(const char *path, char *const *argv, unsigned int flags,
+                        const char *pidPath, const int *keepFds, size_t numKeepFds);
+
+/*
+ * The running executable's path as the system reports it (links not resolved), newly
+ * allocated; NULL on failure. privilege must be 0 or 1 (both behave the same here).
+ */
+char *Hostinfo_GetModulePath(unsigned int privilege);
+
+/* --- end of running executable and daemons --------------------------------------------- */
+
+/* --- Machine identity and host queries ------------------------------------------------ */
 
 /* The host's name, newly allocated (the caller frees it), or NULL with errno set. */
 char *Hostinfo_HostName(void);
@@ -64,7 +90,7 @@ size_t Hostinfo_GetKernelZoneElemSize(const char *name);
 /* Physical memory and the memory available without swapping, in pages. */
 bool Hostinfo_GetMemoryInfoInPages(uint64_t *totalPages, uint64_t *availablePages);
 
-/* End of machine identity and host queries. */
+/* --- end of machine identity and host queries ----------------------------------------- */
 
 #ifdef __cplusplus
 }
