@@ -33,15 +33,20 @@ std::string_view NextLine(std::string_view *rest)
    return line;
 }
 
-/* The leading decimal number of text after blanks, ignoring what follows; false if none. */
-bool LeadingNumber(std::string_view text, uint64_t *value)
+/* Takes the decimal number that follows blanks at the start of text; false if there is none. */
+bool TakeNumber(std::string_view *text, uint64_t *value)
 {
-   size_t start = text.find_first_not_of(" \t");
+   size_t start = text->find_first_not_of(" \t");
    if (start == std::string_view::npos) {
       return false;
    }
-   auto [end, error] = std::from_chars(text.data() + start, text.data() + text.size(), *value);
-   return error == std::errc() && end != text.data() + start;
+   const char *end = text->data() + text->size();
+   auto [last, error] = std::from_chars(text->data() + start, end, *value);
+   if (error != std::errc() || last == text->data() + start) {
+      return false;
+   }
+   text->remove_prefix(static_cast<size_t>(last - text->data()));
+   return true;
 }
 
 /*
@@ -167,7 +172,8 @@ bool MemInfoBytes(std::string_view text, std::string_view key, uint64_t *bytes)
       std::string_view line = NextLine(&text);
       if (line.size() > key.size() && line.starts_with(key) && line[key.size()] == ':') {
          uint64_t kib;
-         if (!LeadingNumber(line.substr(key.size() + 1), &kib) || kib > UINT64_MAX / 1024) {
+         std::string_view value = line.substr(key.size() + 1);
+         if (!TakeNumber(&value, &kib) || kib > UINT64_MAX / 1024) {
             return false;
          }
          *bytes = kib * 1024;
@@ -277,8 +283,7 @@ bool Hostinfo_GetLoadAverage(float *avg1, float *avg5, float *avg15)
 {
    double loads[3];
    if (getloadavg(loads, 3) != 3) {
-      errno = errno != 0 ? errno : EIO;
-      return false;
+      return false; /* errno as reading /proc/loadavg left it */
    }
    *avg1 = static_cast<float>(loads[0]);
    *avg5 = static_cast<float>(loads[1]);
@@ -305,14 +310,10 @@ void Hostinfo_LogMemUsage(void)
    std::string_view rest(statm);
    for (int &field : fields) {
       uint64_t value;
-      size_t start = rest.find_first_not_of(' ');
-      if (start == std::string_view::npos || !LeadingNumber(rest, &value)) {
+      if (!TakeNumber(&rest, &value)) {
          return;
       }
       field = value > INT32_MAX ? INT32_MAX : static_cast<int>(value);
-      rest.remove_prefix(start);
-      size_t end = rest.find(' ');
-      rest = end == std::string_view::npos ? std::string_view() : rest.substr(end);
    }
    Log("RUSAGE size=%d resident=%d share=%d trs=%d lrs=%d drs=%d dt=%d\n", fields[0], fields[1],
        fields[2], fields[3], fields[4], fields[5], fields[6]);
@@ -328,10 +329,11 @@ size_t Hostinfo_GetKernelZoneElemSize(const char *name)
    uint64_t size;
    if (access("/sys/kernel/slab", F_OK) == 0) {
       std::string path = std::string("/sys/kernel/slab/") + name + "/object_size";
-      if (!HostinfoReadFile(path.c_str(), &text) || !LeadingNumber(text, &size)) {
+      if (!HostinfoReadFile(path.c_str(), &text)) {
          return 0;
       }
-      return static_cast<size_t>(size);
+      std::string_view number(text);
+      return TakeNumber(&number, &size) ? static_cast<size_t>(size) : 0;
    }
 
    /* Otherwise the slab summary, readable by root only: "name active num objsize ...". */
@@ -346,15 +348,11 @@ size_t Hostinfo_GetKernelZoneElemSize(const char *name)
       std::string_view line = NextLine(&rest);
       if (line.size() > nameLength && line.starts_with(name) && line[nameLength] == ' ') {
          std::string_view fields = line.substr(nameLength);
-         for (int skip = 0; skip < 2; skip++) { /* active_objs, num_objs */
-            size_t start = fields.find_first_not_of(' ');
-            size_t end = start == std::string_view::npos ? start : fields.find(' ', start);
-            if (end == std::string_view::npos) {
-               return 0;
-            }
-            fields.remove_prefix(end);
-         }
-         return LeadingNumber(fields, &size) ? static_cast<size_t>(size) : 0;
+         uint64_t activeObjects, objects;
+         return TakeNumber(&fields, &activeObjects) && TakeNumber(&fields, &objects) &&
+                        TakeNumber(&fields, &size)
+                    ? static_cast<size_t>(size)
+                    : 0;
       }
    }
    return 0;
