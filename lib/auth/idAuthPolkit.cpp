@@ -52,8 +52,7 @@ uint64_t GetLE(const unsigned char *p, int bytes)
    return value;
 }
 
-/* A reference to this process, published as the cached one; NULL when this process is unreadable.
- */
+/* A reference to this process, published as the cached one; NULL if /proc cannot tell. */
 IdAuthRef *IdAuthCreate()
 {
    pid_t pid = getpid();
