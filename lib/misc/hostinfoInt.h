@@ -26,4 +26,10 @@ bool HostinfoReadFile(const char *path, std::string *contents);
 /* The value of key in os-release text (quotes and escapes undone); false when absent. */
 bool HostinfoOSReleaseValue(std::string_view text, std::string_view key, std::string *value);
 
+/*
+ * The start time field (clock ticks after boot) of a /proc/<pid>/stat line; false when the
+ * line is malformed. The command name in it is chosen by the process itself.
+ */
+bool HostinfoParseStatStartTicks(std::string_view stat, uint64_t *ticks);
+
 #endif

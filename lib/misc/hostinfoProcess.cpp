@@ -42,34 +42,6 @@ bool BootTimeSeconds(uint64_t *seconds)
    return false;
 }
 
-/* The start time field (clock ticks after boot) of a /proc/<pid>/stat line. */
-bool ParseStatStartTicks(std::string_view stat, uint64_t *ticks)
-{
-   /* The command name sits in parentheses and may itself hold ")" and spaces. */
-   size_t close = stat.rfind(')');
-   if (close == std::string_view::npos) {
-      return false;
-   }
-   std::string_view rest = stat.substr(close + 1);
-   /* Fields after the name start at the state (field 3); the start time is field 22. */
-   for (int field = 3; field <= 22; field++) {
-      size_t start = rest.find_first_not_of(' ');
-      if (start == std::string_view::npos) {
-         return false;
-      }
-      rest = rest.substr(start);
-      if (field == 22) {
-         return ParseUnsigned(rest.substr(0, rest.find_first_of(" \n")), ticks);
-      }
-      size_t end = rest.find(' ');
-      if (end == std::string_view::npos) {
-         return false;
-      }
-      rest = rest.substr(end);
-   }
-   return false;
-}
-
 }  // namespace
 
 bool HostinfoReadFile(const char *path, std::string *contents)
@@ -100,6 +72,33 @@ bool HostinfoReadFile(const char *path, std::string *contents)
    return true;
 }
 
+bool HostinfoParseStatStartTicks(std::string_view stat, uint64_t *ticks)
+{
+   /* The command name sits in parentheses and may itself hold ")" and spaces. */
+   size_t close = stat.rfind(')');
+   if (close == std::string_view::npos) {
+      return false;
+   }
+   std::string_view rest = stat.substr(close + 1);
+   /* Fields after the name start at the state (field 3); the start time is field 22. */
+   for (int field = 3; field <= 22; field++) {
+      size_t start = rest.find_first_not_of(' ');
+      if (start == std::string_view::npos) {
+         return false;
+      }
+      rest = rest.substr(start);
+      if (field == 22) {
+         return ParseUnsigned(rest.substr(0, rest.find_first_of(" \n")), ticks);
+      }
+      size_t end = rest.find(' ');
+      if (end == std::string_view::npos) {
+         return false;
+      }
+      rest = rest.substr(end);
+   }
+   return false;
+}
+
 extern "C" {
 
 bool Hostinfo_GetProcessStartTicks(pid_t pid, uint64_t *startTicks)
@@ -114,7 +113,7 @@ bool Hostinfo_GetProcessStartTicks(pid_t pid, uint64_t *startTicks)
    if (!HostinfoReadFile(path, &stat)) {
       return false;
    }
-   if (!ParseStatStartTicks(stat, startTicks)) {
+   if (!HostinfoParseStatStartTicks(stat, startTicks)) {
       errno = EINVAL;
       return false;
    }
