@@ -1,30 +1,207 @@
 /*
- * PROVISIONAL: stands in for the formatting engine until it lands; forwards to the C library.
+ * The printf engine's entries for argument lists, and the helpers the engine template shares
+ * with every argument source: floating-point digits, wide-string conversion, the positional
+ * type table.
  */
+#include <locale.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
+#include "bsdFmtEngine.h"
+#include "convertUtf.h"
 #include "str.h"
+
+static_assert(sizeof(wchar_t) == sizeof(uint32_t), "wide strings are UTF-32");
+
+namespace bsdfmt {
+
+namespace {
+
+/* ecvt and fcvt return a static buffer: every call and its copy happen under this mutex. */
+pthread_mutex_t gFloatMutex = PTHREAD_MUTEX_INITIALIZER;
+
+void LoadLocalePunctuation(Punctuation *punct)
+{
+   const struct lconv *lc = localeconv();
+   punct->grouping = lc->grouping;
+   punct->thousandsSep = lc->thousands_sep != nullptr ? lc->thousands_sep[0] : '\0';
+   punct->decimalPoint = lc->decimal_point;
+}
+
+}  // namespace
+
+Punctuation LocalePunctuation()
+{
+   Punctuation punct;
+   punct.load = LoadLocalePunctuation;
+   return punct;
+}
+
+void Abort()
+{
+   abort();
+}
+
+bool ConvertFloat(double value, int ndigits, bool fixed, FloatDigits *out)
+{
+   pthread_mutex_lock(&gFloatMutex);
+   const char *digits = fixed ? fcvt(value, ndigits, &out->decpt, &out->sign)
+                              : ecvt(value, ndigits, &out->decpt, &out->sign);
+   out->digits = digits != nullptr ? strdup(digits) : nullptr;
+   pthread_mutex_unlock(&gFloatMutex);
+   return out->digits != nullptr;
+}
+
+char *WideToUtf8(const wchar_t *text, int precision, size_t *length)
+{
+   // Every character makes at least one byte, so a precision bounds what is read.
+   size_t wideLength = precision >= 0 ? wcsnlen(text, (size_t)precision) : wcslen(text);
+   size_t limit = precision >= 0 ? (size_t)precision : SIZE_MAX;
+   size_t capacity = 4 * wideLength < limit ? 4 * wideLength : limit;
+   char *buf = (char *)malloc(capacity + 4);
+   if (buf == nullptr) {
+      return nullptr;
+   }
+   const uint32_t *source = (const uint32_t *)text;
+   const uint32_t *sourceEnd = source + wideLength;
+   uint8_t *target = (uint8_t *)buf;
+   for (;;) {
+      utfconv::Result result = utfconv::UTF32toUTF8(&source, sourceEnd, &target,
+                                                    (uint8_t *)buf + capacity,
+                                                    utfconv::Mode::lenient);
+      if (result != utfconv::Result::targetExhausted || capacity >= limit) {
+         break;  // done, or the precision cuts the text at the last whole character
+      }
+      size_t used = (size_t)((char *)target - buf);
+      size_t grown = capacity * 2 < limit ? capacity * 2 : limit;
+      char *bigger = (char *)realloc(buf, grown + 4);
+      if (bigger == nullptr) {
+         free(buf);
+         return nullptr;
+      }
+      buf = bigger;
+      capacity = grown;
+      target = (uint8_t *)buf + used;
+   }
+   *length = (size_t)((char *)target - buf);
+   buf[*length] = '\0';
+   return buf;
+}
+
+void VaListSource::Read(va_list *ap, ArgKind kind, ArgValue *value)
+{
+   switch (kind) {
+   case ArgKind::Long:
+      value->l = va_arg(*ap, long);
+      break;
+   case ArgKind::LongLong:
+      value->ll = va_arg(*ap, long long);
+      break;
+   case ArgKind::SizeT:
+      value->sz = va_arg(*ap, size_t);
+      break;
+   case ArgKind::PtrDiff:
+      value->pd = va_arg(*ap, ptrdiff_t);
+      break;
+   case ArgKind::IntMax:
+      value->im = va_arg(*ap, intmax_t);
+      break;
+   case ArgKind::Double:
+      value->d = va_arg(*ap, double);
+      break;
+   case ArgKind::LongDouble:
+      value->ld = va_arg(*ap, long double);
+      break;
+   case ArgKind::String:
+      value->s = va_arg(*ap, const char *);
+      break;
+   case ArgKind::WideString:
+      value->ws = va_arg(*ap, const wchar_t *);
+      break;
+   case ArgKind::WideChar:
+      value->wc = va_arg(*ap, wint_t);
+      break;
+   case ArgKind::Pointer:
+   case ArgKind::CountSChar:
+   case ArgKind::CountShort:
+   case ArgKind::CountInt:
+   case ArgKind::CountInt64:
+      value->p = va_arg(*ap, void *);
+      break;
+   case ArgKind::none:  // a position no conversion names: read as an int
+   case ArgKind::Int:
+      value->i = va_arg(*ap, int);
+      break;
+   }
+}
+
+void VaListSource::Record(const ArgRef &ref, ArgKind kind)
+{
+   int position = ref.position;
+   if (position == 0) {
+      return;
+   }
+   if (position >= capacity_) {
+      int grown = 2 * capacity_ > position + 1 ? 2 * capacity_ : position + 1;
+      Entry *table;
+      if (table_ == stackTable_) {
+         table = (Entry *)malloc((size_t)grown * sizeof(Entry));
+         if (table != nullptr) {
+            memcpy(table, stackTable_, sizeof stackTable_);
+         }
+      } else {
+         table = (Entry *)realloc(table_, (size_t)grown * sizeof(Entry));
+      }
+      if (table == nullptr) {
+         Abort();  // deliberately: a format this large cannot be formatted at all
+      }
+      memset(table + capacity_, 0, (size_t)(grown - capacity_) * sizeof(Entry));
+      table_ = table;
+      capacity_ = grown;
+   }
+   table_[position].kind = kind;
+   if (position > highest_) {
+      highest_ = position;
+   }
+}
+
+void VaListSource::BuildTable()
+{
+   built_ = true;
+   FormatScanner scanner(fmt_);
+   ConvSpec spec;
+   ParseStatus status;
+   while (scanner.Next(&spec, &status) && status == ParseStatus::ok) {
+      Record(spec.widthArg, ArgKind::Int);
+      Record(spec.precisionArg, ArgKind::Int);
+      Record(spec.arg, spec.kind);
+   }
+   va_list ap;
+   va_copy(ap, start_);
+   for (int i = 1; i <= highest_; i++) {
+      Read(&ap, table_[i].kind, &table_[i].value);
+   }
+   va_end(ap);
+}
+
+}  // namespace bsdfmt
 
 extern "C" {
 
 int bsd_vsnprintf(char **outbuf, size_t bufSize, const char *fmt, va_list args)
 {
-   if (*outbuf == nullptr) {
-      char *result = nullptr;
-      int length = vasprintf(&result, fmt, args);
-      if (length < 0) {
-         return -1;
-      }
-      *outbuf = result;
-      return length;
-   }
-   return vsnprintf(*outbuf, bufSize, fmt, args);
+   bsdfmt::Punctuation punct = bsdfmt::LocalePunctuation();
+   bsdfmt::VaListSource source(fmt, args);
+   return bsdfmt::Format(outbuf, bufSize, punct, fmt, source);
 }
 
 int bsd_vsnprintf_posix(char **outbuf, size_t bufSize, const char *fmt, va_list args)
 {
-   return bsd_vsnprintf(outbuf, bufSize, fmt, args);
+   bsdfmt::Punctuation punct = bsdfmt::PosixPunctuation();
+   bsdfmt::VaListSource source(fmt, args);
+   return bsdfmt::Format(outbuf, bufSize, punct, fmt, source);
 }
 
 }  // extern "C"
