@@ -580,15 +580,41 @@ class Output {
          return false;
       }
       size_t room = Room();
+      char *dst = buf_ + used_;
       for (int i = 0; i < numPieces_; i++) {
          size_t n = pieces_[i].length < room ? pieces_[i].length : room;
-         memcpy(buf_ + used_, pieces_[i].text, n);
-         used_ += n;
+         const char *src = pieces_[i].text;
+         if (n <= 8) {
+            for (size_t k = 0; k < n; k++) {
+               dst[k] = src[k];
+            }
+         } else {
+            memcpy(dst, src, n);
+         }
+         dst += n;
          room -= n;
       }
+      used_ = (size_t)(dst - buf_);
       numPieces_ = 0;
       pending_ = 0;
       return true;
+   }
+
+   /*
+    * The end of length bytes of scratch space that stays valid until the pieces queued after
+    * this call are flushed. Conversions build their text there, so that they need no flush
+    * of their own.
+    */
+   char *ScratchEnd(size_t length)
+   {
+      if (arenaUsed_ + length > kArenaSize) {
+         if (!Flush()) {
+            return nullptr;
+         }
+         arenaUsed_ = 0;
+      }
+      arenaUsed_ += length;
+      return arena_ + arenaUsed_;
    }
 
    /*
@@ -616,6 +642,7 @@ class Output {
  private:
    static constexpr int kMaxPieces = 8;
    static constexpr int kPadChunk = 16;
+   static constexpr size_t kArenaSize = 512;
    struct Piece {
       const char *text;
       size_t length;
@@ -656,6 +683,8 @@ class Output {
    int numPieces_ = 0;
    size_t pending_ = 0;
    Piece pieces_[kMaxPieces];
+   size_t arenaUsed_ = 0;
+   char arena_[kArenaSize];
 };
 
 /* ----------------------------------------------------------------------------------------- */
@@ -741,11 +770,22 @@ inline char *UnsignedToDigits(unsigned long long value, char *end, int base, boo
    static const char kUpper[] = "0123456789ABCDEF";
    char *cp = end;
    if (base == 10) {
-      while (value >= 10) {
-         *--cp = (char)('0' + value % 10);
-         value /= 10;
+      static const char kPairs[] =
+         "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+         "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+         "8081828384858687888990919293949596979899";
+      while (value >= 100) {
+         const char *pair = kPairs + 2 * (value % 100);
+         value /= 100;
+         *--cp = pair[1];
+         *--cp = pair[0];
       }
-      *--cp = (char)('0' + value);
+      if (value >= 10) {
+         *--cp = kPairs[2 * value + 1];
+         *--cp = kPairs[2 * value];
+      } else {
+         *--cp = (char)('0' + value);
+      }
    } else if (base == 8) {
       do {
          *--cp = (char)('0' + (value & 7));
@@ -904,6 +944,12 @@ class Engine {
  private:
    static const char *FindPercent(const char *p)
    {
+      // Literal runs between conversions are mostly short.
+      for (int i = 0; i < 8; i++, p++) {
+         if (*p == '\0' || *p == '%') {
+            return p;
+         }
+      }
 #ifdef __GLIBC__
       return strchrnul(p, '%');
 #else
@@ -1077,8 +1123,11 @@ class Engine {
       if (precision >= 0) {
          flags &= ~kZeroPad;
       }
-      char scratch[detail::kScratchSize];
-      char *end = scratch + detail::kScratchSize;
+      char *end = out_.ScratchEnd(detail::kScratchSize);
+      if (end == nullptr) {
+         return false;
+      }
+      char *scratch = end - detail::kScratchSize;
       char *cp = end;
       if (value != 0 || precision != 0) {
          cp = detail::UnsignedToDigits(value, end, base, upper);
@@ -1100,15 +1149,18 @@ class Engine {
       long long size = end - cp;
       long long zeros = precision > size ? precision - size : 0;
       return detail::PrintField(out_, width, flags, sign, prefix, prefix ? 2 : 0, zeros, size,
-                                [&] { return out_.Print(cp, (size_t)size); }) &&
-             out_.Flush();
+                                [&] { return out_.Print(cp, (size_t)size); });
    }
 
    bool Char(char c, unsigned flags, int width)
    {
+      char *end = out_.ScratchEnd(1);
+      if (end == nullptr) {
+         return false;
+      }
+      end[-1] = c;
       return detail::PrintField(out_, width, flags & ~kZeroPad, '\0', nullptr, 0, 0, 1,
-                                [&] { return out_.Print(&c, 1); }) &&
-             out_.Flush();
+                                [&] { return out_.Print(end - 1, 1); });
    }
 
    bool WideChar(wint_t wc, unsigned flags, int width)
