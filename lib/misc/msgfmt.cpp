@@ -15,7 +15,7 @@ constexpr size_t kMsgIdPrefixLength = sizeof kMsgIdPrefix - 1;
 
 /* Arguments by position from a captured array; a request of the wrong type is refused. */
 class CapturedSource {
- public:
+  public:
    CapturedSource(const MsgFmt_Arg *args, int numArgs) : args_(args), numArgs_(numArgs) {}
 
    bool Fetch(const bsdfmt::ArgRef &ref, bsdfmt::ArgKind kind, bsdfmt::ArgValue *value)
@@ -26,56 +26,56 @@ class CapturedSource {
       }
       const MsgFmt_Arg &arg = args_[ref.position - 1];
       switch (kind) {
-      case ArgKind::Int:
-      case ArgKind::WideChar:
-         if (arg.type != MSGFMT_ARG_INT32 && arg.type != MSGFMT_ARG_INT32_ALT) {
+         case ArgKind::Int:
+         case ArgKind::WideChar:
+            if (arg.type != MSGFMT_ARG_INT32 && arg.type != MSGFMT_ARG_INT32_ALT) {
+               return false;
+            }
+            if (kind == ArgKind::Int) {
+               value->i = arg.v.signed32;
+            } else {
+               value->wc = (wint_t)arg.v.unsigned32;
+            }
+            return true;
+         case ArgKind::Long:
+         case ArgKind::LongLong:
+         case ArgKind::SizeT:
+         case ArgKind::PtrDiff:
+         case ArgKind::IntMax:
+            if (arg.type != MSGFMT_ARG_INT64) {
+               return false;
+            }
+            // All of these are 64 bits wide here; the engine casts by conversion.
+            static_assert(sizeof(long) == 8 && sizeof(size_t) == 8 && sizeof(intmax_t) == 8);
+            value->ll = arg.v.signed64;
+            return true;
+         case ArgKind::Pointer:
+            if (arg.type != MSGFMT_ARG_PTR) {
+               return false;
+            }
+            value->p = arg.v.ptr;
+            return true;
+         case ArgKind::Double:
+            if (arg.type != MSGFMT_ARG_FLOAT64) {
+               return false;
+            }
+            value->d = arg.v.float64;
+            return true;
+         case ArgKind::String:
+            if (arg.type != MSGFMT_ARG_STRING8 && arg.type != MSGFMT_ARG_STRING8_MSGID) {
+               return false;
+            }
+            value->s = arg.v.string8;
+            return true;
+         case ArgKind::WideString:
+            if (arg.type != MSGFMT_ARG_STRING32 && arg.type != MSGFMT_ARG_STRING32_ALT) {
+               return false;
+            }
+            value->ws = arg.v.string32;
+            return true;
+         default:
+            // long double cannot be captured; %n would write through a stored pointer.
             return false;
-         }
-         if (kind == ArgKind::Int) {
-            value->i = arg.v.signed32;
-         } else {
-            value->wc = (wint_t)arg.v.unsigned32;
-         }
-         return true;
-      case ArgKind::Long:
-      case ArgKind::LongLong:
-      case ArgKind::SizeT:
-      case ArgKind::PtrDiff:
-      case ArgKind::IntMax:
-         if (arg.type != MSGFMT_ARG_INT64) {
-            return false;
-         }
-         // All of these are 64 bits wide here; the engine casts by conversion.
-         static_assert(sizeof(long) == 8 && sizeof(size_t) == 8 && sizeof(intmax_t) == 8);
-         value->ll = arg.v.signed64;
-         return true;
-      case ArgKind::Pointer:
-         if (arg.type != MSGFMT_ARG_PTR) {
-            return false;
-         }
-         value->p = arg.v.ptr;
-         return true;
-      case ArgKind::Double:
-         if (arg.type != MSGFMT_ARG_FLOAT64) {
-            return false;
-         }
-         value->d = arg.v.float64;
-         return true;
-      case ArgKind::String:
-         if (arg.type != MSGFMT_ARG_STRING8 && arg.type != MSGFMT_ARG_STRING8_MSGID) {
-            return false;
-         }
-         value->s = arg.v.string8;
-         return true;
-      case ArgKind::WideString:
-         if (arg.type != MSGFMT_ARG_STRING32 && arg.type != MSGFMT_ARG_STRING32_ALT) {
-            return false;
-         }
-         value->ws = arg.v.string32;
-         return true;
-      default:
-         // long double cannot be captured; %n would write through a stored pointer.
-         return false;
       }
    }
 
@@ -91,7 +91,7 @@ class CapturedSource {
       return s;
    }
 
- private:
+  private:
    const MsgFmt_Arg *args_;
    int numArgs_;
 };
@@ -115,8 +115,7 @@ char *MsgFmt_Asprintf(size_t *length, const char *fmt, const MsgFmt_Arg *args, i
    return buf;
 }
 
-int MsgFmt_Snprintf(char *buf, size_t size, const char *fmt, const MsgFmt_Arg *args,
-                    int numArgs)
+int MsgFmt_Snprintf(char *buf, size_t size, const char *fmt, const MsgFmt_Arg *args, int numArgs)
 {
    bsdfmt::Punctuation punct = bsdfmt::LocalePunctuation();
    CapturedSource source(args, numArgs);

@@ -50,8 +50,7 @@ typedef struct MsgFmt_Arg {
  * is not 0) and returns the length of the complete output, or -1.
  */
 char *MsgFmt_Asprintf(size_t *length, const char *fmt, const MsgFmt_Arg *args, int numArgs);
-int MsgFmt_Snprintf(char *buf, size_t size, const char *fmt, const MsgFmt_Arg *args,
-                    int numArgs);
+int MsgFmt_Snprintf(char *buf, size_t size, const char *fmt, const MsgFmt_Arg *args, int numArgs);
 
 #ifdef __cplusplus
 }

@@ -68,12 +68,12 @@ inline Punctuation PosixPunctuation()
 /* ----------------------------------------------------------------------------------------- */
 
 enum Flag : unsigned {
-   kLeftAdjust = 1u << 0,   // "-"
-   kPlus = 1u << 1,         // "+"
-   kSpace = 1u << 2,        // " "
-   kAlt = 1u << 3,          // "#"
-   kZeroPad = 1u << 4,      // "0"
-   kGroup = 1u << 5,        // "'"
+   kLeftAdjust = 1u << 0,  // "-"
+   kPlus = 1u << 1,        // "+"
+   kSpace = 1u << 2,       // " "
+   kAlt = 1u << 3,         // "#"
+   kZeroPad = 1u << 4,     // "0"
+   kGroup = 1u << 5,       // "'"
 };
 
 /* Length modifiers as written; L, q and ll all read a long long for integer conversions. */
@@ -82,8 +82,8 @@ enum class Length : uint8_t {
    hh,
    h,
    l,
-   ll,   // "ll" and "q"
-   L,    // long long for integers, long double for floating point
+   ll,  // "ll" and "q"
+   L,   // long long for integers, long double for floating point
    j,
    t,
    z,    // "z" and "Z"
@@ -94,8 +94,8 @@ enum class Length : uint8_t {
 
 /* What a conversion reads from its argument source. */
 enum class ArgKind : uint8_t {
-   none,        // takes no argument (%%, unknown conversions)
-   Int,         // int (also unsigned, %c, "*" widths)
+   none,  // takes no argument (%%, unknown conversions)
+   Int,   // int (also unsigned, %c, "*" widths)
    Long,
    LongLong,
    SizeT,
@@ -158,7 +158,7 @@ struct ConvSpec {
    Span conversionText;          // flags through conversion character
    unsigned flags = 0;
    int width = 0;
-   ArgRef widthArg;   // position 0: no "*" width
+   ArgRef widthArg;     // position 0: no "*" width
    int precision = -1;  // -1: none
    ArgRef precisionArg;
    Length length = Length::none;
@@ -171,21 +171,21 @@ struct ConvSpec {
 inline ArgKind IntegerKind(Length length)
 {
    switch (length) {
-   case Length::l:
-      return ArgKind::Long;
-   case Length::ll:
-   case Length::L:
-   case Length::I64:
-      return ArgKind::LongLong;
-   case Length::j:
-      return ArgKind::IntMax;
-   case Length::t:
-      return ArgKind::PtrDiff;
-   case Length::z:
-   case Length::I:
-      return ArgKind::SizeT;
-   default:
-      return ArgKind::Int;
+      case Length::l:
+         return ArgKind::Long;
+      case Length::ll:
+      case Length::L:
+      case Length::I64:
+         return ArgKind::LongLong;
+      case Length::j:
+         return ArgKind::IntMax;
+      case Length::t:
+         return ArgKind::PtrDiff;
+      case Length::z:
+      case Length::I:
+         return ArgKind::SizeT;
+      default:
+         return ArgKind::Int;
    }
 }
 
@@ -237,115 +237,115 @@ inline ParseStatus ParseSpecifier(const char *percent, int *nextArg, ConvSpec *s
    for (;; *stop = p) {
       char ch = *p++;
       switch (ch) {
-      case ' ':
-         spec->flags |= kSpace;
-         continue;
-      case '#':
-         spec->flags |= kAlt;
-         continue;
-      case '-':
-         spec->flags |= kLeftAdjust;
-         continue;
-      case '+':
-         spec->flags |= kPlus;
-         continue;
-      case '\'':
-         spec->flags |= kGroup;
-         continue;
-      case '0':
-         spec->flags |= kZeroPad;
-         continue;
-      case '*':
-         status = ParseStar(p, nextArg, &spec->widthArg);
-         if (status != ParseStatus::ok) {
-            return status;
-         }
-         continue;
-      case '.':
-         if (*p == '*') {
-            p++;
-            status = ParseStar(p, nextArg, &spec->precisionArg);
+         case ' ':
+            spec->flags |= kSpace;
+            continue;
+         case '#':
+            spec->flags |= kAlt;
+            continue;
+         case '-':
+            spec->flags |= kLeftAdjust;
+            continue;
+         case '+':
+            spec->flags |= kPlus;
+            continue;
+         case '\'':
+            spec->flags |= kGroup;
+            continue;
+         case '0':
+            spec->flags |= kZeroPad;
+            continue;
+         case '*':
+            status = ParseStar(p, nextArg, &spec->widthArg);
             if (status != ParseStatus::ok) {
                return status;
             }
-         } else if (!ParseDigits(p, INT_MAX, &spec->precision)) {
-            return ParseStatus::badNumber;
-         }
-         continue;
-      case '1':
-      case '2':
-      case '3':
-      case '4':
-      case '5':
-      case '6':
-      case '7':
-      case '8':
-      case '9': {
-         const char *digits = p - 1;
-         int n;
-         bool fits = ParseDigits(--p, INT_MAX, &n);
-         if (*p == '$') {
-            if (!fits || n > kMaxArgPosition) {
-               return ParseStatus::badPosition;
+            continue;
+         case '.':
+            if (*p == '*') {
+               p++;
+               status = ParseStar(p, nextArg, &spec->precisionArg);
+               if (status != ParseStatus::ok) {
+                  return status;
+               }
+            } else if (!ParseDigits(p, INT_MAX, &spec->precision)) {
+               return ParseStatus::badNumber;
             }
-            explicitPos = n;
-            p++;
-            spec->positionText = Span{digits, (size_t)(p - digits)};
-            spec->conversionText.text = p;
+            continue;
+         case '1':
+         case '2':
+         case '3':
+         case '4':
+         case '5':
+         case '6':
+         case '7':
+         case '8':
+         case '9': {
+            const char *digits = p - 1;
+            int n;
+            bool fits = ParseDigits(--p, INT_MAX, &n);
+            if (*p == '$') {
+               if (!fits || n > kMaxArgPosition) {
+                  return ParseStatus::badPosition;
+               }
+               explicitPos = n;
+               p++;
+               spec->positionText = Span{digits, (size_t)(p - digits)};
+               spec->conversionText.text = p;
+               continue;
+            }
+            if (!fits) {
+               return ParseStatus::badNumber;
+            }
+            spec->width = n;
+            spec->widthArg = ArgRef{};
             continue;
          }
-         if (!fits) {
-            return ParseStatus::badNumber;
-         }
-         spec->width = n;
-         spec->widthArg = ArgRef{};
-         continue;
-      }
-      case 'h':
-         if (*p == 'h') {
-            p++;
-            spec->length = Length::hh;
-         } else {
-            spec->length = Length::h;
-         }
-         continue;
-      case 'l':
-         if (*p == 'l') {
-            p++;
+         case 'h':
+            if (*p == 'h') {
+               p++;
+               spec->length = Length::hh;
+            } else {
+               spec->length = Length::h;
+            }
+            continue;
+         case 'l':
+            if (*p == 'l') {
+               p++;
+               spec->length = Length::ll;
+            } else {
+               spec->length = Length::l;
+            }
+            continue;
+         case 'q':
             spec->length = Length::ll;
-         } else {
-            spec->length = Length::l;
-         }
-         continue;
-      case 'q':
-         spec->length = Length::ll;
-         continue;
-      case 'L':
-         spec->length = Length::L;
-         continue;
-      case 'j':
-         spec->length = Length::j;
-         continue;
-      case 't':
-         spec->length = Length::t;
-         continue;
-      case 'z':
-      case 'Z':
-         spec->length = Length::z;
-         continue;
-      case 'I':
-         if (p[0] == '6' && p[1] == '4') {
-            p += 2;
-            spec->length = Length::I64;
-         } else if (p[0] == '3' && p[1] == '2') {
-            p += 2;
-            spec->length = Length::I32;
-         } else {
-            spec->length = Length::I;
-         }
-         continue;
-      default:
-         break;
+            continue;
+         case 'L':
+            spec->length = Length::L;
+            continue;
+         case 'j':
+            spec->length = Length::j;
+            continue;
+         case 't':
+            spec->length = Length::t;
+            continue;
+         case 'z':
+         case 'Z':
+            spec->length = Length::z;
+            continue;
+         case 'I':
+            if (p[0] == '6' && p[1] == '4') {
+               p += 2;
+               spec->length = Length::I64;
+            } else if (p[0] == '3' && p[1] == '2') {
+               p += 2;
+               spec->length = Length::I32;
+            } else {
+               spec->length = Length::I;
+            }
+            continue;
+         default:
+            break;
       }
 
       // The conversion character.
@@ -353,68 +353,68 @@ inline ParseStatus ParseSpecifier(const char *percent, int *nextArg, ConvSpec *s
       spec->end = ch == '\0' ? p - 1 : p;
       spec->conversionText.length = (size_t)(spec->end - spec->conversionText.text);
       switch (ch) {
-      case 'd':
-      case 'i':
-      case 'o':
-      case 'u':
-      case 'x':
-      case 'X':
-         spec->kind = IntegerKind(spec->length);
-         break;
-      case 'D':
-      case 'O':
-      case 'U':
-         if (spec->length == Length::none || spec->length == Length::hh ||
-             spec->length == Length::h || spec->length == Length::I32) {
+         case 'd':
+         case 'i':
+         case 'o':
+         case 'u':
+         case 'x':
+         case 'X':
+            spec->kind = IntegerKind(spec->length);
+            break;
+         case 'D':
+         case 'O':
+         case 'U':
+            if (spec->length == Length::none || spec->length == Length::hh ||
+                spec->length == Length::h || spec->length == Length::I32) {
+               spec->length = Length::l;
+            }
+            spec->kind = IntegerKind(spec->length);
+            break;
+         case 'c':
+            spec->kind = spec->length == Length::l ? ArgKind::WideChar : ArgKind::Int;
+            break;
+         case 'C':
             spec->length = Length::l;
-         }
-         spec->kind = IntegerKind(spec->length);
-         break;
-      case 'c':
-         spec->kind = spec->length == Length::l ? ArgKind::WideChar : ArgKind::Int;
-         break;
-      case 'C':
-         spec->length = Length::l;
-         spec->kind = ArgKind::WideChar;
-         break;
-      case 's':
-         spec->kind = spec->length == Length::l ? ArgKind::WideString : ArgKind::String;
-         break;
-      case 'S':
-         spec->length = Length::l;
-         spec->kind = ArgKind::WideString;
-         break;
-      case 'p':
-         spec->kind = ArgKind::Pointer;
-         break;
-      case 'e':
-      case 'E':
-      case 'f':
-      case 'F':
-      case 'g':
-      case 'G':
-         spec->kind = spec->length == Length::L ? ArgKind::LongDouble : ArgKind::Double;
-         break;
-      case 'n':
-         switch (spec->length) {
-         case Length::hh:
-            spec->kind = ArgKind::CountSChar;
+            spec->kind = ArgKind::WideChar;
             break;
-         case Length::h:
-            spec->kind = ArgKind::CountShort;
+         case 's':
+            spec->kind = spec->length == Length::l ? ArgKind::WideString : ArgKind::String;
             break;
-         case Length::none:
-         case Length::I32:
-            spec->kind = ArgKind::CountInt;
+         case 'S':
+            spec->length = Length::l;
+            spec->kind = ArgKind::WideString;
+            break;
+         case 'p':
+            spec->kind = ArgKind::Pointer;
+            break;
+         case 'e':
+         case 'E':
+         case 'f':
+         case 'F':
+         case 'g':
+         case 'G':
+            spec->kind = spec->length == Length::L ? ArgKind::LongDouble : ArgKind::Double;
+            break;
+         case 'n':
+            switch (spec->length) {
+               case Length::hh:
+                  spec->kind = ArgKind::CountSChar;
+                  break;
+               case Length::h:
+                  spec->kind = ArgKind::CountShort;
+                  break;
+               case Length::none:
+               case Length::I32:
+                  spec->kind = ArgKind::CountInt;
+                  break;
+               default:
+                  spec->kind = ArgKind::CountInt64;
+                  break;
+            }
             break;
          default:
-            spec->kind = ArgKind::CountInt64;
+            spec->kind = ArgKind::none;  // "%%", unknown characters, the format's end
             break;
-         }
-         break;
-      default:
-         spec->kind = ArgKind::none;  // "%%", unknown characters, the format's end
-         break;
       }
       if (spec->kind != ArgKind::none) {
          if (explicitPos != 0) {
@@ -455,7 +455,7 @@ inline ParseStatus ParseConversion(const char *percent, int *nextArg, ConvSpec *
  * end cuts short (conversion NUL, which ends output there), and after a bad specification.
  */
 class FormatScanner {
- public:
+  public:
    explicit FormatScanner(const char *fmt) : p_(fmt) {}
 
    bool Next(ConvSpec *spec, ParseStatus *status)
@@ -482,7 +482,7 @@ class FormatScanner {
       return true;
    }
 
- private:
+  private:
    const char *p_;
    int nextArg_ = 1;
    bool done_ = false;
@@ -498,7 +498,7 @@ class FormatScanner {
  * value; output that would carry it past INT_MAX fails.
  */
 class Output {
- public:
+  public:
    /* Fixed mode. */
    Output(char *buf, size_t size) : buf_(buf), size_(size), allocating_(false) {}
 
@@ -639,7 +639,7 @@ class Output {
       return count_;
    }
 
- private:
+  private:
    static constexpr int kMaxPieces = 8;
    static constexpr int kPadChunk = 16;
    static constexpr size_t kArenaSize = 512;
@@ -715,7 +715,6 @@ char *WideToUtf8(const wchar_t *text, int precision, size_t *length);
 /* Stops the process: a table or scratch area that cannot be what the format needs. */
 [[noreturn]] void Abort();
 
-
 /* ----------------------------------------------------------------------------------------- */
 /* The engine                                                                                 */
 /* ----------------------------------------------------------------------------------------- */
@@ -771,9 +770,9 @@ inline char *UnsignedToDigits(unsigned long long value, char *end, int base, boo
    char *cp = end;
    if (base == 10) {
       static const char kPairs[] =
-         "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
-         "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
-         "8081828384858687888990919293949596979899";
+          "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+          "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+          "8081828384858687888990919293949596979899";
       while (value >= 100) {
          const char *pair = kPairs + 2 * (value % 100);
          value /= 100;
@@ -807,8 +806,7 @@ inline char *UnsignedToDigits(unsigned long long value, char *end, int base, boo
  */
 template <typename PrintBody>
 inline bool PrintField(Output &out, int width, unsigned flags, char sign, const char *prefix,
-                       int prefixLength, long long zeros, long long bodyLength,
-                       PrintBody printBody)
+                       int prefixLength, long long zeros, long long bodyLength, PrintBody printBody)
 {
    long long realSize = bodyLength + zeros + (sign != '\0' ? 1 : 0) + prefixLength;
    long long pad = width > realSize ? width - realSize : 0;
@@ -857,9 +855,9 @@ inline char DigitAt(const char *digits, int n, long long i)
  * digits[0..n) with the decimal point before index decpt.
  */
 inline bool PrintFixedBody(Output &out, const char *digits, int n, int decpt,
-                           long long fractionDigits, bool alt, const char *grouping,
-                           char separator, const char *point, size_t pointLength,
-                           char *intBuf, long long *length, bool measureOnly)
+                           long long fractionDigits, bool alt, const char *grouping, char separator,
+                           const char *point, size_t pointLength, char *intBuf, long long *length,
+                           bool measureOnly)
 {
    // Integer part: decpt digits (zeros past the string), or "0".
    int intDigits = decpt > 0 ? decpt : 1;
@@ -882,8 +880,7 @@ inline bool PrintFixedBody(Output &out, const char *digits, int n, int decpt,
    if (measureOnly) {
       return true;
    }
-   if (!out.Print(intStart, (size_t)intLength) ||
-       (withPoint && !out.Print(point, pointLength))) {
+   if (!out.Print(intStart, (size_t)intLength) || (withPoint && !out.Print(point, pointLength))) {
       return false;
    }
    // Fraction: zeros before the digit string, the digits, zeros after it.
@@ -909,9 +906,9 @@ inline bool PrintFixedBody(Output &out, const char *digits, int n, int decpt,
  */
 template <class Source>
 class Engine {
- public:
+  public:
    Engine(Output &out, Punctuation &punct, Source &source)
-      : out_(out), punct_(punct), source_(source)
+       : out_(out), punct_(punct), source_(source)
    {
    }
 
@@ -941,7 +938,7 @@ class Engine {
       }
    }
 
- private:
+  private:
    static const char *FindPercent(const char *p)
    {
       // Literal runs between conversions are mostly short.
@@ -1011,77 +1008,78 @@ class Engine {
 
       char conv = spec.conversion;
       switch (conv) {
-      case 'd':
-      case 'i':
-      case 'D':
-         return SignedInteger(spec, v, flags, width, precision);
-      case 'u':
-      case 'U':
-         return Integer(UnsignedValue(spec, v), 10, false, nullptr, '\0', flags, width,
-                        precision);
-      case 'o':
-      case 'O':
-         return Integer(UnsignedValue(spec, v), 8, false, nullptr, '\0', flags, width,
-                        precision);
-      case 'x':
-      case 'X': {
-         unsigned long long value = UnsignedValue(spec, v);
-         const char *prefix = (flags & kAlt) && value != 0 ? (conv == 'x' ? "0x" : "0X") : nullptr;
-         return Integer(value, 16, conv == 'X', prefix, '\0', flags, width, precision);
-      }
-      case 'p':
-         return Integer((uintptr_t)v.p, 16, false, "0x", '\0', flags & ~kGroup, width,
-                        precision);
-      case 'e':
-      case 'E':
-      case 'f':
-      case 'F':
-      case 'g':
-      case 'G':
-         return Float(spec, spec.kind == ArgKind::LongDouble ? (double)v.ld : v.d, flags,
-                      width, precision);
-      case 's':
-      case 'S':
-         if (spec.kind == ArgKind::WideString) {
-            return WideString(v.ws, flags, width, precision);
+         case 'd':
+         case 'i':
+         case 'D':
+            return SignedInteger(spec, v, flags, width, precision);
+         case 'u':
+         case 'U':
+            return Integer(UnsignedValue(spec, v), 10, false, nullptr, '\0', flags, width,
+                           precision);
+         case 'o':
+         case 'O':
+            return Integer(UnsignedValue(spec, v), 8, false, nullptr, '\0', flags, width,
+                           precision);
+         case 'x':
+         case 'X': {
+            unsigned long long value = UnsignedValue(spec, v);
+            const char *prefix =
+                (flags & kAlt) && value != 0 ? (conv == 'x' ? "0x" : "0X") : nullptr;
+            return Integer(value, 16, conv == 'X', prefix, '\0', flags, width, precision);
          }
-         return String(v.s, flags, width, precision);
-      case 'c':
-      case 'C':
-         if (spec.kind == ArgKind::WideChar) {
-            return WideChar(v.wc, flags, width);
-         }
-         return Char((char)v.i, flags, width);
-      case 'n':
-         StoreCount(spec.kind, v);
-         return true;
-      default:
-         // Unknown conversions (and "%%") print the character itself.
-         return Char(conv, flags, width);
+         case 'p':
+            return Integer((uintptr_t)v.p, 16, false, "0x", '\0', flags & ~kGroup, width,
+                           precision);
+         case 'e':
+         case 'E':
+         case 'f':
+         case 'F':
+         case 'g':
+         case 'G':
+            return Float(spec, spec.kind == ArgKind::LongDouble ? (double)v.ld : v.d, flags, width,
+                         precision);
+         case 's':
+         case 'S':
+            if (spec.kind == ArgKind::WideString) {
+               return WideString(v.ws, flags, width, precision);
+            }
+            return String(v.s, flags, width, precision);
+         case 'c':
+         case 'C':
+            if (spec.kind == ArgKind::WideChar) {
+               return WideChar(v.wc, flags, width);
+            }
+            return Char((char)v.i, flags, width);
+         case 'n':
+            StoreCount(spec.kind, v);
+            return true;
+         default:
+            // Unknown conversions (and "%%") print the character itself.
+            return Char(conv, flags, width);
       }
    }
 
    static unsigned long long UnsignedValue(const ConvSpec &spec, const ArgValue &v)
    {
       switch (spec.kind) {
-      case ArgKind::Int:
-         if (spec.length == Length::hh) {
-            return (unsigned char)v.i;
-         }
-         if (spec.length == Length::h) {
-            return (unsigned short)v.i;
-         }
-         return (unsigned int)v.i;
-      case ArgKind::Long:
-         return (unsigned long)v.l;
-      case ArgKind::LongLong:
-         return (unsigned long long)v.ll;
-      case ArgKind::SizeT:
-         return v.sz;
-      case ArgKind::PtrDiff:
-         return (size_t)v.pd;
-      default:
-         return (uintmax_t)v.im;
+         case ArgKind::Int:
+            if (spec.length == Length::hh) {
+               return (unsigned char)v.i;
+            }
+            if (spec.length == Length::h) {
+               return (unsigned short)v.i;
+            }
+            return (unsigned int)v.i;
+         case ArgKind::Long:
+            return (unsigned long)v.l;
+         case ArgKind::LongLong:
+            return (unsigned long long)v.ll;
+         case ArgKind::SizeT:
+            return v.sz;
+         case ArgKind::PtrDiff:
+            return (size_t)v.pd;
+         default:
+            return (uintmax_t)v.im;
       }
    }
 
@@ -1090,35 +1088,35 @@ class Engine {
    {
       long long value;
       switch (spec.kind) {
-      case ArgKind::Int:
-         value = spec.length == Length::hh  ? (signed char)v.i
-                 : spec.length == Length::h ? (short)v.i
-                                            : v.i;
-         break;
-      case ArgKind::Long:
-         value = v.l;
-         break;
-      case ArgKind::LongLong:
-         value = v.ll;
-         break;
-      case ArgKind::SizeT:
-         value = (long long)(ptrdiff_t)v.sz;
-         break;
-      case ArgKind::PtrDiff:
-         value = v.pd;
-         break;
-      default:
-         value = v.im;
-         break;
+         case ArgKind::Int:
+            value = spec.length == Length::hh  ? (signed char)v.i
+                    : spec.length == Length::h ? (short)v.i
+                                               : v.i;
+            break;
+         case ArgKind::Long:
+            value = v.l;
+            break;
+         case ArgKind::LongLong:
+            value = v.ll;
+            break;
+         case ArgKind::SizeT:
+            value = (long long)(ptrdiff_t)v.sz;
+            break;
+         case ArgKind::PtrDiff:
+            value = v.pd;
+            break;
+         default:
+            value = v.im;
+            break;
       }
       unsigned long long magnitude =
-         value < 0 ? 0ULL - (unsigned long long)value : (unsigned long long)value;
+          value < 0 ? 0ULL - (unsigned long long)value : (unsigned long long)value;
       return Integer(magnitude, 10, false, nullptr, detail::SignFor(value < 0, flags), flags, width,
                      precision);
    }
 
-   bool Integer(unsigned long long value, int base, bool upper, const char *prefix,
-                char sign, unsigned flags, int width, int precision)
+   bool Integer(unsigned long long value, int base, bool upper, const char *prefix, char sign,
+                unsigned flags, int width, int precision)
    {
       if (precision >= 0) {
          flags &= ~kZeroPad;
@@ -1173,8 +1171,7 @@ class Engine {
          return false;
       }
       return detail::PrintField(out_, width, flags & ~kZeroPad, '\0', nullptr, 0, 0,
-                                (long long)length,
-                                [&] { return out_.Print(bytes, length); }) &&
+                                (long long)length, [&] { return out_.Print(bytes, length); }) &&
              out_.Flush();
    }
 
@@ -1197,8 +1194,7 @@ class Engine {
          return false;
       }
       bool ok = detail::PrintField(out_, width, flags & ~kZeroPad, '\0', nullptr, 0, 0,
-                                   (long long)length,
-                                   [&] { return out_.Print(text, length); }) &&
+                                   (long long)length, [&] { return out_.Print(text, length); }) &&
                 out_.Flush();
       free(text);
       return ok;
@@ -1208,18 +1204,18 @@ class Engine {
    {
       int count = out_.Count();
       switch (kind) {
-      case ArgKind::CountSChar:
-         *v.countSChar = (signed char)count;
-         break;
-      case ArgKind::CountShort:
-         *v.countShort = (short)count;
-         break;
-      case ArgKind::CountInt64:
-         *v.countInt64 = count;
-         break;
-      default:
-         *v.countInt = count;
-         break;
+         case ArgKind::CountSChar:
+            *v.countSChar = (signed char)count;
+            break;
+         case ArgKind::CountShort:
+            *v.countShort = (short)count;
+            break;
+         case ArgKind::CountInt64:
+            *v.countInt64 = count;
+            break;
+         default:
+            *v.countInt = count;
+            break;
       }
    }
 
@@ -1288,8 +1284,9 @@ class Engine {
             if (!alt) {
                // Only significant digits stay.
                long long lastUseful = significant - (long long)decpt;
-               fractionDigits = lastUseful < 0 ? 0 : lastUseful < fractionDigits ? lastUseful
-                                                                                 : fractionDigits;
+               fractionDigits = lastUseful < 0                ? 0
+                                : lastUseful < fractionDigits ? lastUseful
+                                                              : fractionDigits;
             }
          } else {
             fractionDigits = prec - 1;
@@ -1314,15 +1311,14 @@ class Engine {
          char intBuf[detail::kIntBufSize];
          long long bodyLength;
          detail::PrintFixedBody(out_, digits, n, decpt, fractionDigits, alt, grouping,
-                                punct_.thousandsSep, point, pointLength, intBuf, &bodyLength,
-                                true);
+                                punct_.thousandsSep, point, pointLength, intBuf, &bodyLength, true);
          return detail::PrintField(out_, width, flags, sign, nullptr, 0, 0, bodyLength,
                                    [&] {
                                       long long ignored;
                                       return detail::PrintFixedBody(
-                                         out_, digits, n, decpt, fractionDigits, alt, grouping,
-                                         punct_.thousandsSep, point, pointLength, intBuf,
-                                         &ignored, false);
+                                          out_, digits, n, decpt, fractionDigits, alt, grouping,
+                                          punct_.thousandsSep, point, pointLength, intBuf, &ignored,
+                                          false);
                                    }) &&
                 out_.Flush();
       }
@@ -1331,9 +1327,10 @@ class Engine {
       int exponent = decpt - 1;
       char expText[16];
       char *expEnd = expText + sizeof expText;
-      char *ep = detail::UnsignedToDigits(
-         exponent < 0 ? 0ULL - (unsigned long long)(long long)exponent : (unsigned long long)exponent,
-         expEnd, 10, false);
+      char *ep =
+          detail::UnsignedToDigits(exponent < 0 ? 0ULL - (unsigned long long)(long long)exponent
+                                                : (unsigned long long)exponent,
+                                   expEnd, 10, false);
       if (expEnd - ep < 2) {
          *--ep = '0';
       }
@@ -1343,17 +1340,16 @@ class Engine {
       bool withPoint = fractionDigits > 0 || alt;
       long long fromDigits = n - 1 < fractionDigits ? (n > 1 ? n - 1 : 0) : fractionDigits;
       long long bodyLength =
-         1 + (withPoint ? (long long)pointLength : 0) + fractionDigits + expLength;
+          1 + (withPoint ? (long long)pointLength : 0) + fractionDigits + expLength;
       const char *first = n > 0 ? digits : "0";
-      return detail::PrintField(out_, width, flags, sign, nullptr, 0, 0, bodyLength,
-                                [&] {
-                                   return out_.Print(first, 1) &&
-                                          (!withPoint || out_.Print(point, pointLength)) &&
-                                          (fromDigits == 0 ||
-                                           out_.Print(digits + 1, (size_t)fromDigits)) &&
-                                          out_.Pad(fractionDigits - fromDigits, '0') &&
-                                          out_.Print(ep, (size_t)expLength);
-                                }) &&
+      return detail::PrintField(
+                 out_, width, flags, sign, nullptr, 0, 0, bodyLength,
+                 [&] {
+                    return out_.Print(first, 1) && (!withPoint || out_.Print(point, pointLength)) &&
+                           (fromDigits == 0 || out_.Print(digits + 1, (size_t)fromDigits)) &&
+                           out_.Pad(fractionDigits - fromDigits, '0') &&
+                           out_.Print(ep, (size_t)expLength);
+                 }) &&
              out_.Flush();
    }
 
@@ -1395,7 +1391,7 @@ int Format(char **outbuf, size_t size, Punctuation &punct, const char *fmt, Sour
  * position plus one; failing to grow aborts the process.
  */
 class VaListSource {
- public:
+  public:
    VaListSource(const char *fmt, va_list args) : fmt_(fmt)
    {
       va_copy(args_, args);
@@ -1435,7 +1431,7 @@ class VaListSource {
    /* Entries of the type table (8 until a position beyond 7 is recorded). */
    int TableCapacity() const { return capacity_; }
 
- private:
+  private:
    struct Entry {
       ArgKind kind;
       ArgValue value;

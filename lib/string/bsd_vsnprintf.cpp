@@ -68,9 +68,8 @@ char *WideToUtf8(const wchar_t *text, int precision, size_t *length)
    const uint32_t *sourceEnd = source + wideLength;
    uint8_t *target = (uint8_t *)buf;
    for (;;) {
-      utfconv::Result result = utfconv::UTF32toUTF8(&source, sourceEnd, &target,
-                                                    (uint8_t *)buf + capacity,
-                                                    utfconv::Mode::lenient);
+      utfconv::Result result = utfconv::UTF32toUTF8(
+          &source, sourceEnd, &target, (uint8_t *)buf + capacity, utfconv::Mode::lenient);
       if (result != utfconv::Result::targetExhausted || capacity >= limit) {
          break;  // done, or the precision cuts the text at the last whole character
       }
@@ -93,47 +92,47 @@ char *WideToUtf8(const wchar_t *text, int precision, size_t *length)
 void VaListSource::Read(va_list *ap, ArgKind kind, ArgValue *value)
 {
    switch (kind) {
-   case ArgKind::Long:
-      value->l = va_arg(*ap, long);
-      break;
-   case ArgKind::LongLong:
-      value->ll = va_arg(*ap, long long);
-      break;
-   case ArgKind::SizeT:
-      value->sz = va_arg(*ap, size_t);
-      break;
-   case ArgKind::PtrDiff:
-      value->pd = va_arg(*ap, ptrdiff_t);
-      break;
-   case ArgKind::IntMax:
-      value->im = va_arg(*ap, intmax_t);
-      break;
-   case ArgKind::Double:
-      value->d = va_arg(*ap, double);
-      break;
-   case ArgKind::LongDouble:
-      value->ld = va_arg(*ap, long double);
-      break;
-   case ArgKind::String:
-      value->s = va_arg(*ap, const char *);
-      break;
-   case ArgKind::WideString:
-      value->ws = va_arg(*ap, const wchar_t *);
-      break;
-   case ArgKind::WideChar:
-      value->wc = va_arg(*ap, wint_t);
-      break;
-   case ArgKind::Pointer:
-   case ArgKind::CountSChar:
-   case ArgKind::CountShort:
-   case ArgKind::CountInt:
-   case ArgKind::CountInt64:
-      value->p = va_arg(*ap, void *);
-      break;
-   case ArgKind::none:  // a position no conversion names: read as an int
-   case ArgKind::Int:
-      value->i = va_arg(*ap, int);
-      break;
+      case ArgKind::Long:
+         value->l = va_arg(*ap, long);
+         break;
+      case ArgKind::LongLong:
+         value->ll = va_arg(*ap, long long);
+         break;
+      case ArgKind::SizeT:
+         value->sz = va_arg(*ap, size_t);
+         break;
+      case ArgKind::PtrDiff:
+         value->pd = va_arg(*ap, ptrdiff_t);
+         break;
+      case ArgKind::IntMax:
+         value->im = va_arg(*ap, intmax_t);
+         break;
+      case ArgKind::Double:
+         value->d = va_arg(*ap, double);
+         break;
+      case ArgKind::LongDouble:
+         value->ld = va_arg(*ap, long double);
+         break;
+      case ArgKind::String:
+         value->s = va_arg(*ap, const char *);
+         break;
+      case ArgKind::WideString:
+         value->ws = va_arg(*ap, const wchar_t *);
+         break;
+      case ArgKind::WideChar:
+         value->wc = va_arg(*ap, wint_t);
+         break;
+      case ArgKind::Pointer:
+      case ArgKind::CountSChar:
+      case ArgKind::CountShort:
+      case ArgKind::CountInt:
+      case ArgKind::CountInt64:
+         value->p = va_arg(*ap, void *);
+         break;
+      case ArgKind::none:  // a position no conversion names: read as an int
+      case ArgKind::Int:
+         value->i = va_arg(*ap, int);
+         break;
    }
 }
 

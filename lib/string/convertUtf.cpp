@@ -69,20 +69,20 @@ bool PutUTF8(uint32_t ch, uint8_t **target, uint8_t *targetEnd, bool *illegal)
    }
    uint8_t *out = *target + bytes;
    switch (bytes) {
-   case 4:
-      *--out = (uint8_t)((ch | 0x80) & 0xBF);
-      ch >>= 6;
-      [[fallthrough]];
-   case 3:
-      *--out = (uint8_t)((ch | 0x80) & 0xBF);
-      ch >>= 6;
-      [[fallthrough]];
-   case 2:
-      *--out = (uint8_t)((ch | 0x80) & 0xBF);
-      ch >>= 6;
-      [[fallthrough]];
-   default:
-      *--out = (uint8_t)(ch | kFirstByteMark[bytes]);
+      case 4:
+         *--out = (uint8_t)((ch | 0x80) & 0xBF);
+         ch >>= 6;
+         [[fallthrough]];
+      case 3:
+         *--out = (uint8_t)((ch | 0x80) & 0xBF);
+         ch >>= 6;
+         [[fallthrough]];
+      case 2:
+         *--out = (uint8_t)((ch | 0x80) & 0xBF);
+         ch >>= 6;
+         [[fallthrough]];
+      default:
+         *--out = (uint8_t)(ch | kFirstByteMark[bytes]);
    }
    *target += bytes;
    return true;
@@ -118,28 +118,28 @@ bool IsLegalUTF8(const uint8_t *source, size_t length)
    if (length > 1) {
       uint8_t second = source[1];
       switch (lead) {
-      case 0xE0:
-         if (second < 0xA0) {
-            return false;
-         }
-         break;
-      case 0xED:
-         if (second > 0x9F) {
-            return false;
-         }
-         break;
-      case 0xF0:
-         if (second < 0x90) {
-            return false;
-         }
-         break;
-      case 0xF4:
-         if (second > 0x8F) {
-            return false;
-         }
-         break;
-      default:
-         break;
+         case 0xE0:
+            if (second < 0xA0) {
+               return false;
+            }
+            break;
+         case 0xED:
+            if (second > 0x9F) {
+               return false;
+            }
+            break;
+         case 0xF0:
+            if (second < 0x90) {
+               return false;
+            }
+            break;
+         case 0xF4:
+            if (second > 0x8F) {
+               return false;
+            }
+            break;
+         default:
+            break;
       }
    }
    if (lead >= 0x80 && lead < 0xC2) {
