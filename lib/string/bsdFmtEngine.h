@@ -522,6 +522,8 @@ class Output {
    Output &operator=(const Output &) = delete;
 
    bool Failed() const { return failed_; }
+   /* Bytes held by the buffer (allocating mode) or its size (fixed mode). */
+   size_t Allocated() const { return size_; }
    int Count() const { return count_; }
 
    /* Queues length bytes at text, which must stay valid until the next Flush. */
@@ -1138,6 +1140,7 @@ class Engine {
          const char *grouping = detail::ActiveGrouping(punct_);
          if (grouping != nullptr) {
             // Grouped digits are rebuilt in front of the plain ones.
+            end = cp;
             cp = detail::GroupDigits(cp, ndigits, grouping, punct_.thousandsSep, cp);
          }
       }
