@@ -1416,7 +1416,7 @@ class VaListSource {
    bool Fetch(const ArgRef &ref, ArgKind kind, ArgValue *value)
    {
       if (!ref.explicitPosition && !built_) {
-         Read(&args_, kind, value);
+         ReadArg(&args_, kind, value);
          return true;
       }
       if (!built_) {
@@ -1434,6 +1434,9 @@ class VaListSource {
    /* Entries of the type table (8 until a position beyond 7 is recorded). */
    int TableCapacity() const { return capacity_; }
 
+   /* Reads the next argument of ap as kind (a position of kind none is read as an int). */
+   static void ReadArg(va_list *ap, ArgKind kind, ArgValue *value);
+
   private:
    struct Entry {
       ArgKind kind;
@@ -1441,7 +1444,6 @@ class VaListSource {
    };
    static constexpr int kStackEntries = 8;
 
-   static void Read(va_list *ap, ArgKind kind, ArgValue *value);
    void Record(const ArgRef &ref, ArgKind kind);
    void BuildTable();
 

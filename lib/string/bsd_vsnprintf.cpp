@@ -89,7 +89,7 @@ char *WideToUtf8(const wchar_t *text, int precision, size_t *length)
    return buf;
 }
 
-void VaListSource::Read(va_list *ap, ArgKind kind, ArgValue *value)
+void VaListSource::ReadArg(va_list *ap, ArgKind kind, ArgValue *value)
 {
    switch (kind) {
       case ArgKind::Long:
@@ -180,7 +180,7 @@ void VaListSource::BuildTable()
    va_list ap;
    va_copy(ap, start_);
    for (int i = 1; i <= highest_; i++) {
-      Read(&ap, table_[i].kind, &table_[i].value);
+      ReadArg(&ap, table_[i].kind, &table_[i].value);
    }
    va_end(ap);
 }

@@ -66,7 +66,7 @@ class Grid {
             }
             std::string fmt = "%" + flags + width + precision + conversion;
             bool starWidth = width[0] == '*';
-            bool starPrecision = precision[1] == '*';
+            bool starPrecision = (strcmp(precision, ".*") == 0);
             if (starWidth && starPrecision) {
                Check(fmt, 7, 3, value);
                Check(fmt, -7, -3, value);
@@ -196,9 +196,9 @@ TEST(FormatDiff, FloatingPoint)
                      continue;
                   }
                   std::string fmt = std::string("%") + flags + width + precision + conv;
-                  int digits = precision[0] == '\0'  ? 6
-                               : precision[1] == '*' ? 4
-                                                     : atoi(precision + 1);
+                  int digits = precision[0] == '\0'             ? 6
+                               : (strcmp(precision, ".*") == 0) ? 4
+                                                                : atoi(precision + 1);
                   if ((*conv | 0x20) == 'e' && !EcvtAgreesWithPrintf(value, digits + 1)) {
                      continue;
                   }
@@ -206,11 +206,11 @@ TEST(FormatDiff, FloatingPoint)
                       !EcvtAgreesWithPrintf(value, digits == 0 ? 1 : digits)) {
                      continue;
                   }
-                  if (width[0] == '*' && precision[1] == '*') {
+                  if (width[0] == '*' && (strcmp(precision, ".*") == 0)) {
                      grid.Check(fmt, -12, 2, value);
                   } else if (width[0] == '*') {
                      grid.Check(fmt, 12, value);
-                  } else if (precision[1] == '*') {
+                  } else if ((strcmp(precision, ".*") == 0)) {
                      grid.Check(fmt, 4, value);
                   } else {
                      grid.Check(fmt, value);

@@ -40,8 +40,7 @@ std::string Fmt(const char *fmt, ...)
 }
 
 /* Formats with explicit punctuation. */
-std::string WithPunct(const char *grouping, char separator, const char *point, const char *fmt,
-                      ...)
+std::string WithPunct(const char *grouping, char separator, const char *point, const char *fmt, ...)
 {
    bsdfmt::Punctuation punct;
    punct.grouping = grouping;
@@ -82,8 +81,8 @@ TEST(Format, DocumentedDifferences)
    EXPECT_EQ(Fmt("abc%"), "abc");
    EXPECT_EQ(Fmt("abc%-5"), "abc");
    EXPECT_EQ(Fmt("%.0f %.0f %.0f %.0f %.0f", 2.5, 0.5, -2.5, 1.5, 0.49), "3 1 -3 2 0");
-   EXPECT_EQ(Fmt("%E|%f|%F|%e|%+g|%010f|%-5G|", INFINITY, -INFINITY, NAN, NAN, INFINITY,
-                 INFINITY, -INFINITY),
+   EXPECT_EQ(Fmt("%E|%f|%F|%e|%+g|%010f|%-5G|", INFINITY, -INFINITY, NAN, NAN, INFINITY, INFINITY,
+                 -INFINITY),
              "INF|-inf|NAN|nan|+inf|       inf|-INF |");
    // %s with a precision reads no further than the precision.
    char unterminated[3] = {'a', 'b', 'c'};
@@ -116,9 +115,9 @@ TEST(Format, GroupingFollowsTheGroupingString)
    // Only decimal integers and the integer part of fixed-style floats are grouped.
    EXPECT_EQ(WithPunct("\3", ',', ".", "%'x %'o %'p", 0x123456, 01234567, (void *)0x123456),
              "123456 1234567 0x123456");
-   EXPECT_EQ(WithPunct("\3", ',', ",", "%'.2f|%'.10g|%'g|%'e", 1234567.891, 1234567.0, 1e7,
-                       1234567.0),
-             "1,234,567,89|1,234,567|1e+07|1,234567e+06");
+   EXPECT_EQ(
+       WithPunct("\3", ',', ",", "%'.2f|%'.10g|%'g|%'e", 1234567.891, 1234567.0, 1e7, 1234567.0),
+       "1,234,567,89|1,234,567|1e+07|1,234567e+06");
    EXPECT_EQ(WithPunct("\3", ',', ".", "%'.0f|%'f", 1e20, 0.5),
              "100,000,000,000,000,000,000|0.500000");
    EXPECT_EQ(WithPunct("\3", ',', ".", "%'012d|%'-12d|", 1234567, -1234),
@@ -140,12 +139,12 @@ TEST(Format, PositionalArgumentsAndTheirTable)
 
    EXPECT_EQ(TableCapacityFor("%1$d %7$d", 1, 2, 3, 4, 5, 6, 7), 8);
    EXPECT_EQ(TableCapacityFor("%1$d %8$d", 1, 2, 3, 4, 5, 6, 7, 8), 16);
-   EXPECT_EQ(TableCapacityFor("%1$d %20$d", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15,
-                              16, 17, 18, 19, 20),
+   EXPECT_EQ(TableCapacityFor("%1$d %20$d", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16,
+                              17, 18, 19, 20),
              21);
    // 8 -> 16 -> 32: doubling wins over the position plus one.
-   EXPECT_EQ(TableCapacityFor("%1$d %9$d %17$d", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14,
-                              15, 16, 17),
+   EXPECT_EQ(TableCapacityFor("%1$d %9$d %17$d", 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15,
+                              16, 17),
              32);
    EXPECT_EQ(Fmt("%25$s%24$s%23$s%22$s%21$s%20$s%19$s%18$s%17$s%16$s%15$s%14$s%13$s%12$s%11$s"
                  "%10$s%9$s%8$s%7$s%6$s%5$s%4$s%3$s%2$s%1$s",
@@ -169,9 +168,9 @@ TEST(Format, CountStoresEveryWidth)
    size_t z = 0;
    int64_t i64 = -1;
    std::string pad(200, 'x');
-   EXPECT_EQ(Fmt("%s%hhn%hn%n%ln%lln%jn%zn%I64n|", pad.c_str(), &hh, &h, &plain, &l, &ll, &j, &z,
-                 &i64),
-             pad + "|");
+   EXPECT_EQ(
+       Fmt("%s%hhn%hn%n%ln%lln%jn%zn%I64n|", pad.c_str(), &hh, &h, &plain, &l, &ll, &j, &z, &i64),
+       pad + "|");
    EXPECT_EQ(hh, (signed char)200);
    EXPECT_EQ(h, 200);
    EXPECT_EQ(plain, 200);
@@ -324,9 +323,9 @@ TEST(Format, UtfConversions)
    uint32_t *out32 = utf32;
    EXPECT_EQ(UTF8toUTF32(&in, cut + 3, &out32, utf32 + 4, Mode::strict), Result::sourceExhausted);
    EXPECT_EQ(in, cut + 1);
-   for (auto bytes : {std::string("\xC0\x80"), std::string("\xE0\x9F\xBF"),
-                      std::string("\xED\xA0\x80"), std::string("\xF4\x90\x80\x80"),
-                      std::string("\xF5\x80\x80\x80")}) {
+   for (auto bytes :
+        {std::string("\xC0\x80"), std::string("\xE0\x9F\xBF"), std::string("\xED\xA0\x80"),
+         std::string("\xF4\x90\x80\x80"), std::string("\xF5\x80\x80\x80")}) {
       EXPECT_FALSE(IsLegalUTF8((const uint8_t *)bytes.data(), bytes.size()));
    }
    EXPECT_TRUE(IsLegalUTF8((const uint8_t *)"\xF4\x8F\xBF\xBF", 4));
@@ -344,8 +343,7 @@ TEST(Format, UtfConversions)
    const uint16_t high[] = {0xD800, 'a'};
    const uint16_t *in16 = high;
    out32 = utf32;
-   EXPECT_EQ(UTF16toUTF32(&in16, high + 2, &out32, utf32 + 4, Mode::strict),
-             Result::sourceIllegal);
+   EXPECT_EQ(UTF16toUTF32(&in16, high + 2, &out32, utf32 + 4, Mode::strict), Result::sourceIllegal);
    EXPECT_EQ(UTF16toUTF32(&in16, high + 2, &out32, utf32 + 4, Mode::lenient), Result::ok);
    EXPECT_EQ(out32 - utf32, 2);
    const uint32_t astral[] = {0x10437};
@@ -399,9 +397,8 @@ TEST(Format, CapturedArgumentsRoundTrip)
    args[6] = Str8("@&!*@*@(msg.id)Hi there", MSGFMT_ARG_STRING8_MSGID);
    args[7] = Int32('Z');
    size_t length = 0;
-   char *s = MsgFmt_Asprintf(&length,
-                             "%1$d %2$lld %2$jd %3$p %4$.1f %4$g %5$s %6$S %6$ls %7$s %8$c %1$u",
-                             args, 8);
+   char *s = MsgFmt_Asprintf(
+       &length, "%1$d %2$lld %2$jd %3$p %4$.1f %4$g %5$s %6$S %6$ls %7$s %8$c %1$u", args, 8);
    ASSERT_NE(s, nullptr);
    EXPECT_STREQ(s,
                 "-5 -9223372036854775808 -9223372036854775808 0xabc 2.5 2.5 text w\xC3\xA9 "
@@ -425,8 +422,8 @@ TEST(Format, CapturedArgumentsRoundTrip)
 TEST(Format, CapturedArgumentsRefuseMismatches)
 {
    MsgFmt_Arg args[2] = {Int32(1), Str8("s")};
-   const char *refused[] = {"%s",   "%lld", "%f",   "%p",  "%S",  "%2$d", "%2$c", "%3$d",
-                            "%d%d", "%n",   "%2$n", "%Lf", "%*d", "%2$*1$d"};
+   const char *refused[] = {"%s",   "%lld", "%f", "%p",   "%S",  "%2$d", "%2$c",
+                            "%3$d", "%d%d", "%n", "%2$n", "%Lf", "%*d",  "%2$*1$d"};
    for (const char *fmt : refused) {
       EXPECT_EQ(MsgFmt_Asprintf(nullptr, fmt, args, 2), nullptr) << fmt;
       char buf[16];

@@ -81,12 +81,14 @@ TEST(Str, SnprintfCutsAtWholeCharacterForEverySize)
 TEST(Str, SnprintfEdgeSizes)
 {
    char buf[8];
-   EXPECT_EQ(Str_Snprintf(buf, 4, "a\xC3\xA9"
-                                  "b"),
+   EXPECT_EQ(Str_Snprintf(buf, 4,
+                          "a\xC3\xA9"
+                          "b"),
              -1);
    EXPECT_STREQ(buf, "a\xC3\xA9");
-   EXPECT_EQ(Str_Snprintf(buf, 3, "a\xC3\xA9"
-                                  "b"),
+   EXPECT_EQ(Str_Snprintf(buf, 3,
+                          "a\xC3\xA9"
+                          "b"),
              -1);
    EXPECT_STREQ(buf, "a");
    EXPECT_EQ(Str_Snprintf(buf, 1, "x"), -1);
