@@ -12,7 +12,20 @@
  *       The text a %s argument prints (a source may hide a prefix); s is never NULL.
  *
  * The same format parser serves the engine, the positional type pass of the va_list source and
- * argument capture (FormatScanner below).
+ * argument capture. Capturing the arguments of a format goes like this:
+ *
+ *    FormatScanner walks the conversions and fills a ConvSpec for each: the value's argument
+ *    (spec.arg: 1-based position, explicit "N$" or the next sequential one; position 0 for
+ *    "%%" and unknown characters, which take none), the "*" width and precision arguments
+ *    (spec.widthArg, spec.precisionArg: int arguments, position 0 when absent), the flags, the
+ *    literal width and precision, the length modifier as written (spec.length), the conversion
+ *    character, and the kind of value the engine will request (spec.kind). positionText and
+ *    conversionText quote the "N$" and the rest of the specification for messages. A
+ *    specification the parser rejects comes back with a status other than ok; scanning ends
+ *    there.
+ *
+ *    VaListSource::ReadArg then reads an argument of a given kind from a va_list, so positions
+ *    are read in order with one implementation of the C types behind each kind.
  */
 #ifndef TESMAR_STRING_BSDFMTENGINE_H
 #define TESMAR_STRING_BSDFMTENGINE_H
@@ -1416,7 +1429,14 @@ class VaListSource {
    bool Fetch(const ArgRef &ref, ArgKind kind, ArgValue *value)
    {
       if (!ref.explicitPosition && !built_) {
-         ReadArg(&args_, kind, value);
+         // The common kinds are read here; the rest out of line.
+         if (kind == ArgKind::Int) {
+            value->i = va_arg(args_, int);
+         } else if (kind == ArgKind::String) {
+            value->s = va_arg(args_, const char *);
+         } else {
+            ReadArg(&args_, kind, value);
+         }
          return true;
       }
       if (!built_) {
@@ -1453,7 +1473,7 @@ class VaListSource {
    bool built_ = false;
    int highest_ = 0;
    int capacity_ = kStackEntries;
-   Entry stackTable_[kStackEntries] = {};
+   Entry stackTable_[kStackEntries];  // cleared when the table is built
    Entry *table_ = stackTable_;
 };
 

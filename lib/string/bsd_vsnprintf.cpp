@@ -169,6 +169,7 @@ void VaListSource::Record(const ArgRef &ref, ArgKind kind)
 void VaListSource::BuildTable()
 {
    built_ = true;
+   memset(stackTable_, 0, sizeof stackTable_);
    FormatScanner scanner(fmt_);
    ConvSpec spec;
    ParseStatus status;
