@@ -174,6 +174,8 @@ struct ConvSpec {
    ArgRef widthArg;     // position 0: no "*" width
    int precision = -1;  // -1: none
    ArgRef precisionArg;
+   bool widthFromStar = false;  // false when digits after a "*" override its value
+   bool precisionFromStar = false;
    Length length = Length::none;
    char conversion = '\0';  // NUL when the format ends inside the specifier
    ArgKind kind = ArgKind::none;
@@ -273,6 +275,7 @@ inline ParseStatus ParseSpecifier(const char *percent, int *nextArg, ConvSpec *s
             if (status != ParseStatus::ok) {
                return status;
             }
+            spec->widthFromStar = true;
             continue;
          case '.':
             if (*p == '*') {
@@ -281,8 +284,12 @@ inline ParseStatus ParseSpecifier(const char *percent, int *nextArg, ConvSpec *s
                if (status != ParseStatus::ok) {
                   return status;
                }
-            } else if (!ParseDigits(p, INT_MAX, &spec->precision)) {
-               return ParseStatus::badNumber;
+               spec->precisionFromStar = true;
+            } else {
+               spec->precisionFromStar = false;
+               if (!ParseDigits(p, INT_MAX, &spec->precision)) {
+                  return ParseStatus::badNumber;
+               }
             }
             continue;
          case '1':
@@ -311,7 +318,7 @@ inline ParseStatus ParseSpecifier(const char *percent, int *nextArg, ConvSpec *s
                return ParseStatus::badNumber;
             }
             spec->width = n;
-            spec->widthArg = ArgRef{};
+            spec->widthFromStar = false;  // "%*5d": the star's argument is read, then unused
             continue;
          }
          case 'h':
@@ -996,23 +1003,30 @@ class Engine {
          if (!FetchInt(spec.precisionArg, &starValue)) {
             return false;
          }
-         precision = starValue < 0 ? -1 : starValue;
+         if (spec.precisionFromStar) {
+            precision = starValue < 0 ? -1 : starValue;
+         }
       }
       if (spec.widthArg.position != 0) {
          if (!FetchInt(spec.widthArg, &starValue)) {
             return false;
          }
-         if (starValue < 0) {
-            flags |= kLeftAdjust;
-            starValue = starValue == INT_MIN ? INT_MAX : -starValue;
+         // Digits after the star override its value; the argument is read all the same.
+         if (spec.widthFromStar) {
+            if (starValue < 0) {
+               flags |= kLeftAdjust;
+               starValue = starValue == INT_MIN ? INT_MAX : -starValue;
+            }
+            width = starValue;
          }
-         width = starValue;
       }
       if (!precisionFirst && spec.precisionArg.position != 0) {
          if (!FetchInt(spec.precisionArg, &starValue)) {
             return false;
          }
-         precision = starValue < 0 ? -1 : starValue;
+         if (spec.precisionFromStar) {
+            precision = starValue < 0 ? -1 : starValue;
+         }
       }
 
       ArgValue v;

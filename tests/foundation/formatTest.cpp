@@ -134,6 +134,8 @@ TEST(Format, PositionalArgumentsAndTheirTable)
    EXPECT_EQ(Fmt("%3$*1$.*2$f|", 8, 2, 3.14159), "    3.14|");
    EXPECT_EQ(Fmt("%2$hhd %1$lld %3$Lf", INT64_MIN, 0x17F, (long double)2.5),
              "127 -9223372036854775808 2.500000");
+   // Digits after a star override it, but its argument is still consumed.
+   EXPECT_EQ(Fmt("%*3d|%.*.1f|%s", 9, 7, 5, 2.25, "end"), "  7|2.2|end");
    // A position no conversion names is read as an int.
    EXPECT_EQ(Fmt("%1$d %3$d", 1, 2, 3), "1 3");
 
