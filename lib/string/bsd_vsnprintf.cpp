@@ -32,6 +32,289 @@ void LoadLocalePunctuation(Punctuation *punct)
 
 }  // namespace
 
+/* The argument kind of an integer conversion under a length modifier. */
+ArgKind IntegerKind(Length length)
+{
+   switch (length) {
+      case Length::l:
+         return ArgKind::Long;
+      case Length::ll:
+      case Length::L:
+      case Length::I64:
+         return ArgKind::LongLong;
+      case Length::j:
+         return ArgKind::IntMax;
+      case Length::t:
+         return ArgKind::PtrDiff;
+      case Length::z:
+      case Length::I:
+         return ArgKind::SizeT;
+      default:
+         return ArgKind::Int;
+   }
+}
+
+namespace {
+
+/* Reads decimal digits; false when the value exceeds limit. */
+bool ParseDigits(const char *&p, int limit, int *value)
+{
+   long long n = 0;
+   bool ok = true;
+   while (*p >= '0' && *p <= '9') {
+      n = n * 10 + (*p - '0');
+      if (n > limit) {
+         ok = false;
+         n = limit;
+      }
+      p++;
+   }
+   *value = (int)n;
+   return ok;
+}
+
+/* A "*" or "*N$" argument reference after the star; nextArg counts sequential arguments. */
+ParseStatus ParseStar(const char *&p, int *nextArg, ArgRef *ref)
+{
+   const char *q = p;
+   int n = 0;
+   bool fits = ParseDigits(q, INT_MAX, &n);
+   if (*q == '$') {
+      if (!fits || n < 1 || n > kMaxArgPosition) {
+         return ParseStatus::badPosition;
+      }
+      ref->position = n;
+      ref->explicitPosition = true;
+      p = q + 1;
+   } else {
+      ref->position = (*nextArg)++;
+      ref->explicitPosition = false;
+   }
+   return ParseStatus::ok;
+}
+
+ParseStatus ParseSpecifier(const char *percent, int *nextArg, ConvSpec *spec, const char **stop)
+{
+   const char *p = percent + 1;
+   spec->start = percent;
+   spec->conversionText.text = p;
+   int explicitPos = 0;
+   ParseStatus status;
+   for (;; *stop = p) {
+      char ch = *p++;
+      switch (ch) {
+         case ' ':
+            spec->flags |= kSpace;
+            continue;
+         case '#':
+            spec->flags |= kAlt;
+            continue;
+         case '-':
+            spec->flags |= kLeftAdjust;
+            continue;
+         case '+':
+            spec->flags |= kPlus;
+            continue;
+         case '\'':
+            spec->flags |= kGroup;
+            continue;
+         case '0':
+            spec->flags |= kZeroPad;
+            continue;
+         case '*':
+            status = ParseStar(p, nextArg, &spec->widthArg);
+            if (status != ParseStatus::ok) {
+               return status;
+            }
+            spec->widthFromStar = true;
+            continue;
+         case '.':
+            if (*p == '*') {
+               p++;
+               status = ParseStar(p, nextArg, &spec->precisionArg);
+               if (status != ParseStatus::ok) {
+                  return status;
+               }
+               spec->precisionFromStar = true;
+            } else {
+               spec->precisionFromStar = false;
+               if (!ParseDigits(p, INT_MAX, &spec->precision)) {
+                  return ParseStatus::badNumber;
+               }
+            }
+            continue;
+         case '1':
+         case '2':
+         case '3':
+         case '4':
+         case '5':
+         case '6':
+         case '7':
+         case '8':
+         case '9': {
+            const char *digits = p - 1;
+            int n;
+            bool fits = ParseDigits(--p, INT_MAX, &n);
+            if (*p == '$') {
+               if (!fits || n > kMaxArgPosition) {
+                  return ParseStatus::badPosition;
+               }
+               explicitPos = n;
+               p++;
+               spec->positionText = Span{digits, (size_t)(p - digits)};
+               spec->conversionText.text = p;
+               continue;
+            }
+            if (!fits) {
+               return ParseStatus::badNumber;
+            }
+            spec->width = n;
+            spec->widthFromStar = false;  // "%*5d": the star's argument is read, then unused
+            continue;
+         }
+         case 'h':
+            if (*p == 'h') {
+               p++;
+               spec->length = Length::hh;
+            } else {
+               spec->length = Length::h;
+            }
+            continue;
+         case 'l':
+            if (*p == 'l') {
+               p++;
+               spec->length = Length::ll;
+            } else {
+               spec->length = Length::l;
+            }
+            continue;
+         case 'q':
+            spec->length = Length::ll;
+            continue;
+         case 'L':
+            spec->length = Length::L;
+            continue;
+         case 'j':
+            spec->length = Length::j;
+            continue;
+         case 't':
+            spec->length = Length::t;
+            continue;
+         case 'z':
+         case 'Z':
+            spec->length = Length::z;
+            continue;
+         case 'I':
+            if (p[0] == '6' && p[1] == '4') {
+               p += 2;
+               spec->length = Length::I64;
+            } else if (p[0] == '3' && p[1] == '2') {
+               p += 2;
+               spec->length = Length::I32;
+            } else {
+               spec->length = Length::I;
+            }
+            continue;
+         default:
+            break;
+      }
+
+      // The conversion character.
+      spec->conversion = ch;
+      spec->end = ch == '\0' ? p - 1 : p;
+      spec->conversionText.length = (size_t)(spec->end - spec->conversionText.text);
+      switch (ch) {
+         case 'd':
+         case 'i':
+         case 'o':
+         case 'u':
+         case 'x':
+         case 'X':
+            spec->kind = IntegerKind(spec->length);
+            break;
+         case 'D':
+         case 'O':
+         case 'U':
+            if (spec->length == Length::none || spec->length == Length::hh ||
+                spec->length == Length::h || spec->length == Length::I32) {
+               spec->length = Length::l;
+            }
+            spec->kind = IntegerKind(spec->length);
+            break;
+         case 'c':
+            spec->kind = spec->length == Length::l ? ArgKind::WideChar : ArgKind::Int;
+            break;
+         case 'C':
+            spec->length = Length::l;
+            spec->kind = ArgKind::WideChar;
+            break;
+         case 's':
+            spec->kind = spec->length == Length::l ? ArgKind::WideString : ArgKind::String;
+            break;
+         case 'S':
+            spec->length = Length::l;
+            spec->kind = ArgKind::WideString;
+            break;
+         case 'p':
+            spec->kind = ArgKind::Pointer;
+            break;
+         case 'e':
+         case 'E':
+         case 'f':
+         case 'F':
+         case 'g':
+         case 'G':
+            spec->kind = spec->length == Length::L ? ArgKind::LongDouble : ArgKind::Double;
+            break;
+         case 'n':
+            switch (spec->length) {
+               case Length::hh:
+                  spec->kind = ArgKind::CountSChar;
+                  break;
+               case Length::h:
+                  spec->kind = ArgKind::CountShort;
+                  break;
+               case Length::none:
+               case Length::I32:
+                  spec->kind = ArgKind::CountInt;
+                  break;
+               default:
+                  spec->kind = ArgKind::CountInt64;
+                  break;
+            }
+            break;
+         default:
+            spec->kind = ArgKind::none;  // "%%", unknown characters, the format's end
+            break;
+      }
+      if (spec->kind != ArgKind::none) {
+         if (explicitPos != 0) {
+            spec->arg = ArgRef{explicitPos, true};
+         } else {
+            spec->arg = ArgRef{(*nextArg)++, false};
+         }
+      }
+      return ParseStatus::ok;
+   }
+}
+
+}  // namespace
+
+/*
+ * Parses the conversion specification starting at the "%" at percent. nextArg is the next
+ * sequential argument position (1-based) and advances over what the specification consumes.
+ */
+ParseStatus ParseConversion(const char *percent, int *nextArg, ConvSpec *spec)
+{
+   const char *stop = percent + 1;
+   ParseStatus status = ParseSpecifier(percent, nextArg, spec, &stop);
+   if (status != ParseStatus::ok) {
+      spec->end = stop;
+      spec->conversionText.length = (size_t)(stop - spec->conversionText.text);
+   }
+   return status;
+}
+
 Punctuation LocalePunctuation()
 {
    Punctuation punct;
