@@ -88,6 +88,8 @@ TEST(Format, DocumentedDifferences)
    char unterminated[3] = {'a', 'b', 'c'};
    EXPECT_EQ(Fmt("%.3s", unterminated), "abc");
    EXPECT_EQ(Fmt("%Lf|%Le", (long double)0.1, (long double)1e300), "0.100000|1.000000e+300");
+   // Digits come from ecvt/fcvt, which stop at 17; the rest are zeros.
+   EXPECT_EQ(Fmt("%.20f|%.20e", 0.1, 0.1), "0.10000000000000001000|1.00000000000000000000e-01");
 }
 
 TEST(Format, LengthModifiers)
@@ -406,6 +408,17 @@ TEST(Format, CapturedArgumentsRoundTrip)
                 "-5 -9223372036854775808 -9223372036854775808 0xabc 2.5 2.5 text w\xC3\xA9 "
                 "w\xC3\xA9 Hi there Z 4294967291");
    EXPECT_EQ(length, strlen(s));
+   free(s);
+
+   // The alternative integer and wide-string codes read the same way.
+   MsgFmt_Arg alt[2];
+   alt[0] = Int32(-2);
+   alt[0].type = MSGFMT_ARG_INT32_ALT;
+   alt[1].type = MSGFMT_ARG_STRING32_ALT;
+   alt[1].v.string32 = (wchar_t *)L"ok";
+   s = MsgFmt_Asprintf(nullptr, "%1$d %1$x %2$S", alt, 2);
+   ASSERT_NE(s, nullptr);
+   EXPECT_STREQ(s, "-2 fffffffe ok");
    free(s);
 
    // Sequential conversions take the array in order; fixed mode counts past the buffer.
