@@ -28,7 +28,7 @@ const char kName[] = "lib/misc/hashTable";
          benchmark::ClobberMemory();                                           \
       }                                                                        \
    }                                                                           \
-   BENCHMARK(BM_StrSnprintf_##name);                                           \
+   BENCHMARK(BM_StrSnprintf_##name)->Name("BM_StrSnprintf/" #name);            \
    void BM_GlibcSnprintf_##name(benchmark::State &state)                       \
    {                                                                           \
       char buf[256];                                                           \
@@ -37,7 +37,7 @@ const char kName[] = "lib/misc/hashTable";
          benchmark::ClobberMemory();                                           \
       }                                                                        \
    }                                                                           \
-   BENCHMARK(BM_GlibcSnprintf_##name);                                         \
+   BENCHMARK(BM_GlibcSnprintf_##name)->Name("BM_GlibcSnprintf/" #name);        \
    void BM_StrAsprintf_##name(benchmark::State &state)                         \
    {                                                                           \
       for (auto _ : state) {                                                   \
@@ -46,7 +46,7 @@ const char kName[] = "lib/misc/hashTable";
          free(s);                                                              \
       }                                                                        \
    }                                                                           \
-   BENCHMARK(BM_StrAsprintf_##name);                                           \
+   BENCHMARK(BM_StrAsprintf_##name)->Name("BM_StrAsprintf/" #name);            \
    void BM_GlibcAsprintf_##name(benchmark::State &state)                       \
    {                                                                           \
       for (auto _ : state) {                                                   \
@@ -55,7 +55,7 @@ const char kName[] = "lib/misc/hashTable";
          free(s);                                                              \
       }                                                                        \
    }                                                                           \
-   BENCHMARK(BM_GlibcAsprintf_##name);
+   BENCHMARK(BM_GlibcAsprintf_##name)->Name("BM_GlibcAsprintf/" #name);
 
 FORMAT_CASES(SNPRINTF_BENCH)
 
