@@ -14,15 +14,15 @@
  * The same format parser serves the engine, the positional type pass of the va_list source and
  * argument capture. Capturing the arguments of a format goes like this:
  *
- *    FormatScanner walks the conversions and fills a ConvSpec for each: the value's argument
- *    (spec.arg: 1-based position, explicit "N$" or the next sequential one; position 0 for
- *    "%%" and unknown characters, which take none), the "*" width and precision arguments
- *    (spec.widthArg, spec.precisionArg: int arguments, position 0 when absent), the flags, the
- *    literal width and precision, the length modifier as written (spec.length), the conversion
- *    character, and the kind of value the engine will request (spec.kind). positionText and
- *    conversionText quote the "N$" and the rest of the specification for messages. A
- *    specification the parser rejects comes back with a status other than ok; scanning ends
- *    there.
+ *    FormatScanner walks the conversions and fills a Directive for each: the value's
+ *    argument (directive.arg: 1-based position, explicit "N$" or the next sequential one;
+ *    position 0 for "%%" and unknown characters, which take none), the "*" width and precision
+ *    arguments (directive.widthArg, directive.precisionArg: int arguments, position 0 when
+ *    absent), the flags, the literal width and precision, the length modifier as written
+ *    (directive.length), the conversion character, and the kind of value the engine will
+ *    request (directive.kind). positionText and conversionText quote the "N$" and the rest of
+ *    the directive for messages. A directive the parser rejects comes back with a status other
+ *    than ok; scanning ends there.
  *
  *    VaListSource::ReadArg then reads an argument of a given kind from a va_list, so positions
  *    are read in order with one implementation of the C types behind each kind.
@@ -164,7 +164,7 @@ enum class ParseStatus {
 /* Highest argument position a format may name. */
 constexpr int kMaxArgPosition = 1 << 16;
 
-struct ConvSpec {
+struct Directive {
    const char *start = nullptr;  // the "%"
    const char *end = nullptr;    // just past the conversion character
    Span positionText;            // "N$" of the value, empty when sequential
@@ -177,7 +177,7 @@ struct ConvSpec {
    bool widthFromStar = false;  // false when digits after a "*" override its value
    bool precisionFromStar = false;
    Length length = Length::none;
-   char conversion = '\0';  // NUL when the format ends inside the specifier
+   char conversion = '\0';  // NUL when the format ends inside the directive
    ArgKind kind = ArgKind::none;
    ArgRef arg;  // the value's argument; position 0 when kind is none
 };
@@ -186,30 +186,30 @@ struct ConvSpec {
 ArgKind IntegerKind(Length length);
 
 /*
- * Parses the conversion specification starting at the "%" at percent. nextArg is the next
- * sequential argument position (1-based) and advances over what the specification consumes.
- * On a bad specification, spec->end and spec->conversionText end where parsing stopped.
+ * Parses the directive starting at the "%" at percent. nextArg is the next
+ * sequential argument position (1-based) and advances over what the directive consumes.
+ * On a bad directive, directive->end and directive->conversionText end where parsing stopped.
  */
-ParseStatus ParseConversion(const char *percent, int *nextArg, ConvSpec *spec);
+ParseStatus ParseConversion(const char *percent, int *nextArg, Directive *directive);
 
 /*
  * Walks a format's conversions in order, skipping literal text:
  *
  *    FormatScanner scanner(fmt);
- *    ConvSpec spec;
+ *    Directive directive;
  *    ParseStatus status;
- *    while (scanner.Next(&spec, &status)) {
- *       if (status != ParseStatus::ok) ...   // spec.start and spec.conversionText locate it
+ *    while (scanner.Next(&directive, &status)) {
+ *       if (status != ParseStatus::ok) ...   // start and conversionText locate it
  *    }
  *
- * Next returns false at the end of the format, and after a specification that the format's
- * end cuts short (conversion NUL, which ends output there), and after a bad specification.
+ * Next returns false at the end of the format, and after a directive that the format's
+ * end cuts short (conversion NUL, which ends output there), and after a bad directive.
  */
 class FormatScanner {
   public:
    explicit FormatScanner(const char *fmt) : p_(fmt) {}
 
-   bool Next(ConvSpec *spec, ParseStatus *status)
+   bool Next(Directive *directive, ParseStatus *status)
    {
       if (done_) {
          return false;
@@ -219,17 +219,17 @@ class FormatScanner {
          done_ = true;
          return false;
       }
-      *spec = ConvSpec{};
-      *status = ParseConversion(percent, &nextArg_, spec);
+      *directive = Directive{};
+      *status = ParseConversion(percent, &nextArg_, directive);
       if (*status != ParseStatus::ok) {
          done_ = true;
          return true;
       }
-      if (spec->conversion == '\0') {
+      if (directive->conversion == '\0') {
          done_ = true;
          return false;
       }
-      p_ = spec->end;
+      p_ = directive->end;
       return true;
    }
 
@@ -677,15 +677,15 @@ class Engine {
          if (*p == '\0') {
             return true;
          }
-         ConvSpec spec;
-         if (ParseConversion(p, &nextArg, &spec) != ParseStatus::ok) {
+         Directive directive;
+         if (ParseConversion(p, &nextArg, &directive) != ParseStatus::ok) {
             return false;
          }
-         if (spec.conversion == '\0') {
+         if (directive.conversion == '\0') {
             return true;  // a "%" at the end of the format ends the output
          }
-         fmt = spec.end;
-         if (!Convert(spec)) {
+         fmt = directive.end;
+         if (!Convert(directive)) {
             return false;
          }
       }
@@ -720,30 +720,31 @@ class Engine {
       return true;
    }
 
-   bool Convert(const ConvSpec &spec)
+   bool Convert(const Directive &directive)
    {
-      unsigned flags = spec.flags;
-      int width = spec.width;
-      int precision = spec.precision;
+      unsigned flags = directive.flags;
+      int width = directive.width;
+      int precision = directive.precision;
 
       // "*" arguments, fetched in the order the format lists them.
-      bool precisionFirst = spec.precisionArg.position != 0 && spec.widthArg.position != 0 &&
-                            spec.precisionArg.position < spec.widthArg.position;
+      bool precisionFirst = directive.precisionArg.position != 0 &&
+                            directive.widthArg.position != 0 &&
+                            directive.precisionArg.position < directive.widthArg.position;
       int starValue;
       if (precisionFirst) {
-         if (!FetchInt(spec.precisionArg, &starValue)) {
+         if (!FetchInt(directive.precisionArg, &starValue)) {
             return false;
          }
-         if (spec.precisionFromStar) {
+         if (directive.precisionFromStar) {
             precision = starValue < 0 ? -1 : starValue;
          }
       }
-      if (spec.widthArg.position != 0) {
-         if (!FetchInt(spec.widthArg, &starValue)) {
+      if (directive.widthArg.position != 0) {
+         if (!FetchInt(directive.widthArg, &starValue)) {
             return false;
          }
          // Digits after the star override its value; the argument is read all the same.
-         if (spec.widthFromStar) {
+         if (directive.widthFromStar) {
             if (starValue < 0) {
                flags |= kLeftAdjust;
                starValue = starValue == INT_MIN ? INT_MAX : -starValue;
@@ -751,38 +752,38 @@ class Engine {
             width = starValue;
          }
       }
-      if (!precisionFirst && spec.precisionArg.position != 0) {
-         if (!FetchInt(spec.precisionArg, &starValue)) {
+      if (!precisionFirst && directive.precisionArg.position != 0) {
+         if (!FetchInt(directive.precisionArg, &starValue)) {
             return false;
          }
-         if (spec.precisionFromStar) {
+         if (directive.precisionFromStar) {
             precision = starValue < 0 ? -1 : starValue;
          }
       }
 
       ArgValue v;
       memset(&v, 0, sizeof v);
-      if (spec.kind != ArgKind::none && !source_.Fetch(spec.arg, spec.kind, &v)) {
+      if (directive.kind != ArgKind::none && !source_.Fetch(directive.arg, directive.kind, &v)) {
          return false;
       }
 
-      char conv = spec.conversion;
+      char conv = directive.conversion;
       switch (conv) {
          case 'd':
          case 'i':
          case 'D':
-            return SignedInteger(spec, v, flags, width, precision);
+            return SignedInteger(directive, v, flags, width, precision);
          case 'u':
          case 'U':
-            return Integer(UnsignedValue(spec, v), 10, false, nullptr, '\0', flags, width,
+            return Integer(UnsignedValue(directive, v), 10, false, nullptr, '\0', flags, width,
                            precision);
          case 'o':
          case 'O':
-            return Integer(UnsignedValue(spec, v), 8, false, nullptr, '\0', flags, width,
+            return Integer(UnsignedValue(directive, v), 8, false, nullptr, '\0', flags, width,
                            precision);
          case 'x':
          case 'X': {
-            unsigned long long value = UnsignedValue(spec, v);
+            unsigned long long value = UnsignedValue(directive, v);
             const char *prefix =
                 (flags & kAlt) && value != 0 ? (conv == 'x' ? "0x" : "0X") : nullptr;
             return Integer(value, 16, conv == 'X', prefix, '\0', flags, width, precision);
@@ -796,22 +797,22 @@ class Engine {
          case 'F':
          case 'g':
          case 'G':
-            return Float(spec, spec.kind == ArgKind::LongDouble ? (double)v.ld : v.d, flags, width,
-                         precision);
+            return Float(directive, directive.kind == ArgKind::LongDouble ? (double)v.ld : v.d,
+                         flags, width, precision);
          case 's':
          case 'S':
-            if (spec.kind == ArgKind::WideString) {
+            if (directive.kind == ArgKind::WideString) {
                return WideString(v.ws, flags, width, precision);
             }
             return String(v.s, flags, width, precision);
          case 'c':
          case 'C':
-            if (spec.kind == ArgKind::WideChar) {
+            if (directive.kind == ArgKind::WideChar) {
                return WideChar(v.wc, flags, width);
             }
             return Char((char)v.i, flags, width);
          case 'n':
-            StoreCount(spec.kind, v);
+            StoreCount(directive.kind, v);
             return true;
          default:
             // Unknown conversions (and "%%") print the character itself.
@@ -819,14 +820,14 @@ class Engine {
       }
    }
 
-   static unsigned long long UnsignedValue(const ConvSpec &spec, const ArgValue &v)
+   static unsigned long long UnsignedValue(const Directive &directive, const ArgValue &v)
    {
-      switch (spec.kind) {
+      switch (directive.kind) {
          case ArgKind::Int:
-            if (spec.length == Length::hh) {
+            if (directive.length == Length::hh) {
                return (unsigned char)v.i;
             }
-            if (spec.length == Length::h) {
+            if (directive.length == Length::h) {
                return (unsigned short)v.i;
             }
             return (unsigned int)v.i;
@@ -843,15 +844,15 @@ class Engine {
       }
    }
 
-   bool SignedInteger(const ConvSpec &spec, const ArgValue &v, unsigned flags, int width,
+   bool SignedInteger(const Directive &directive, const ArgValue &v, unsigned flags, int width,
                       int precision)
    {
       long long value;
-      switch (spec.kind) {
+      switch (directive.kind) {
          case ArgKind::Int:
-            value = spec.length == Length::hh  ? (signed char)v.i
-                    : spec.length == Length::h ? (short)v.i
-                                               : v.i;
+            value = directive.length == Length::hh  ? (signed char)v.i
+                    : directive.length == Length::h ? (short)v.i
+                                                    : v.i;
             break;
          case ArgKind::Long:
             value = v.l;
@@ -980,10 +981,10 @@ class Engine {
       }
    }
 
-   __attribute__((noinline)) bool Float(const ConvSpec &spec, double value, unsigned flags,
+   __attribute__((noinline)) bool Float(const Directive &directive, double value, unsigned flags,
                                         int width, int precision)
    {
-      char conv = spec.conversion;
+      char conv = directive.conversion;
       bool upper = conv == 'E' || conv == 'F' || conv == 'G';
       char style = (char)(conv | 0x20);
       int prec = precision < 0 ? 6 : precision;

@@ -93,52 +93,53 @@ ParseStatus ParseStar(const char *&p, int *nextArg, ArgRef *ref)
    return ParseStatus::ok;
 }
 
-ParseStatus ParseSpecifier(const char *percent, int *nextArg, ConvSpec *spec, const char **stop)
+ParseStatus ParseDirective(const char *percent, int *nextArg, Directive *directive,
+                           const char **stop)
 {
    const char *p = percent + 1;
-   spec->start = percent;
-   spec->conversionText.text = p;
+   directive->start = percent;
+   directive->conversionText.text = p;
    int explicitPos = 0;
    ParseStatus status;
    for (;; *stop = p) {
       char ch = *p++;
       switch (ch) {
          case ' ':
-            spec->flags |= kSpace;
+            directive->flags |= kSpace;
             continue;
          case '#':
-            spec->flags |= kAlt;
+            directive->flags |= kAlt;
             continue;
          case '-':
-            spec->flags |= kLeftAdjust;
+            directive->flags |= kLeftAdjust;
             continue;
          case '+':
-            spec->flags |= kPlus;
+            directive->flags |= kPlus;
             continue;
          case '\'':
-            spec->flags |= kGroup;
+            directive->flags |= kGroup;
             continue;
          case '0':
-            spec->flags |= kZeroPad;
+            directive->flags |= kZeroPad;
             continue;
          case '*':
-            status = ParseStar(p, nextArg, &spec->widthArg);
+            status = ParseStar(p, nextArg, &directive->widthArg);
             if (status != ParseStatus::ok) {
                return status;
             }
-            spec->widthFromStar = true;
+            directive->widthFromStar = true;
             continue;
          case '.':
             if (*p == '*') {
                p++;
-               status = ParseStar(p, nextArg, &spec->precisionArg);
+               status = ParseStar(p, nextArg, &directive->precisionArg);
                if (status != ParseStatus::ok) {
                   return status;
                }
-               spec->precisionFromStar = true;
+               directive->precisionFromStar = true;
             } else {
-               spec->precisionFromStar = false;
-               if (!ParseDigits(p, INT_MAX, &spec->precision)) {
+               directive->precisionFromStar = false;
+               if (!ParseDigits(p, INT_MAX, &directive->precision)) {
                   return ParseStatus::badNumber;
                }
             }
@@ -161,58 +162,58 @@ ParseStatus ParseSpecifier(const char *percent, int *nextArg, ConvSpec *spec, co
                }
                explicitPos = n;
                p++;
-               spec->positionText = Span{digits, (size_t)(p - digits)};
-               spec->conversionText.text = p;
+               directive->positionText = Span{digits, (size_t)(p - digits)};
+               directive->conversionText.text = p;
                continue;
             }
             if (!fits) {
                return ParseStatus::badNumber;
             }
-            spec->width = n;
-            spec->widthFromStar = false;  // "%*5d": the star's argument is read, then unused
+            directive->width = n;
+            directive->widthFromStar = false;  // "%*5d": the star's argument is read, then unused
             continue;
          }
          case 'h':
             if (*p == 'h') {
                p++;
-               spec->length = Length::hh;
+               directive->length = Length::hh;
             } else {
-               spec->length = Length::h;
+               directive->length = Length::h;
             }
             continue;
          case 'l':
             if (*p == 'l') {
                p++;
-               spec->length = Length::ll;
+               directive->length = Length::ll;
             } else {
-               spec->length = Length::l;
+               directive->length = Length::l;
             }
             continue;
          case 'q':
-            spec->length = Length::ll;
+            directive->length = Length::ll;
             continue;
          case 'L':
-            spec->length = Length::L;
+            directive->length = Length::L;
             continue;
          case 'j':
-            spec->length = Length::j;
+            directive->length = Length::j;
             continue;
          case 't':
-            spec->length = Length::t;
+            directive->length = Length::t;
             continue;
          case 'z':
          case 'Z':
-            spec->length = Length::z;
+            directive->length = Length::z;
             continue;
          case 'I':
             if (p[0] == '6' && p[1] == '4') {
                p += 2;
-               spec->length = Length::I64;
+               directive->length = Length::I64;
             } else if (p[0] == '3' && p[1] == '2') {
                p += 2;
-               spec->length = Length::I32;
+               directive->length = Length::I32;
             } else {
-               spec->length = Length::I;
+               directive->length = Length::I;
             }
             continue;
          default:
@@ -220,9 +221,9 @@ ParseStatus ParseSpecifier(const char *percent, int *nextArg, ConvSpec *spec, co
       }
 
       // The conversion character.
-      spec->conversion = ch;
-      spec->end = ch == '\0' ? p - 1 : p;
-      spec->conversionText.length = (size_t)(spec->end - spec->conversionText.text);
+      directive->conversion = ch;
+      directive->end = ch == '\0' ? p - 1 : p;
+      directive->conversionText.length = (size_t)(directive->end - directive->conversionText.text);
       switch (ch) {
          case 'd':
          case 'i':
@@ -230,33 +231,34 @@ ParseStatus ParseSpecifier(const char *percent, int *nextArg, ConvSpec *spec, co
          case 'u':
          case 'x':
          case 'X':
-            spec->kind = IntegerKind(spec->length);
+            directive->kind = IntegerKind(directive->length);
             break;
          case 'D':
          case 'O':
          case 'U':
-            if (spec->length == Length::none || spec->length == Length::hh ||
-                spec->length == Length::h || spec->length == Length::I32) {
-               spec->length = Length::l;
+            if (directive->length == Length::none || directive->length == Length::hh ||
+                directive->length == Length::h || directive->length == Length::I32) {
+               directive->length = Length::l;
             }
-            spec->kind = IntegerKind(spec->length);
+            directive->kind = IntegerKind(directive->length);
             break;
          case 'c':
-            spec->kind = spec->length == Length::l ? ArgKind::WideChar : ArgKind::Int;
+            directive->kind = directive->length == Length::l ? ArgKind::WideChar : ArgKind::Int;
             break;
          case 'C':
-            spec->length = Length::l;
-            spec->kind = ArgKind::WideChar;
+            directive->length = Length::l;
+            directive->kind = ArgKind::WideChar;
             break;
          case 's':
-            spec->kind = spec->length == Length::l ? ArgKind::WideString : ArgKind::String;
+            directive->kind =
+                directive->length == Length::l ? ArgKind::WideString : ArgKind::String;
             break;
          case 'S':
-            spec->length = Length::l;
-            spec->kind = ArgKind::WideString;
+            directive->length = Length::l;
+            directive->kind = ArgKind::WideString;
             break;
          case 'p':
-            spec->kind = ArgKind::Pointer;
+            directive->kind = ArgKind::Pointer;
             break;
          case 'e':
          case 'E':
@@ -264,34 +266,35 @@ ParseStatus ParseSpecifier(const char *percent, int *nextArg, ConvSpec *spec, co
          case 'F':
          case 'g':
          case 'G':
-            spec->kind = spec->length == Length::L ? ArgKind::LongDouble : ArgKind::Double;
+            directive->kind =
+                directive->length == Length::L ? ArgKind::LongDouble : ArgKind::Double;
             break;
          case 'n':
-            switch (spec->length) {
+            switch (directive->length) {
                case Length::hh:
-                  spec->kind = ArgKind::CountSChar;
+                  directive->kind = ArgKind::CountSChar;
                   break;
                case Length::h:
-                  spec->kind = ArgKind::CountShort;
+                  directive->kind = ArgKind::CountShort;
                   break;
                case Length::none:
                case Length::I32:
-                  spec->kind = ArgKind::CountInt;
+                  directive->kind = ArgKind::CountInt;
                   break;
                default:
-                  spec->kind = ArgKind::CountInt64;
+                  directive->kind = ArgKind::CountInt64;
                   break;
             }
             break;
          default:
-            spec->kind = ArgKind::none;  // "%%", unknown characters, the format's end
+            directive->kind = ArgKind::none;  // "%%", unknown characters, the format's end
             break;
       }
-      if (spec->kind != ArgKind::none) {
+      if (directive->kind != ArgKind::none) {
          if (explicitPos != 0) {
-            spec->arg = ArgRef{explicitPos, true};
+            directive->arg = ArgRef{explicitPos, true};
          } else {
-            spec->arg = ArgRef{(*nextArg)++, false};
+            directive->arg = ArgRef{(*nextArg)++, false};
          }
       }
       return ParseStatus::ok;
@@ -300,17 +303,13 @@ ParseStatus ParseSpecifier(const char *percent, int *nextArg, ConvSpec *spec, co
 
 }  // namespace
 
-/*
- * Parses the conversion specification starting at the "%" at percent. nextArg is the next
- * sequential argument position (1-based) and advances over what the specification consumes.
- */
-ParseStatus ParseConversion(const char *percent, int *nextArg, ConvSpec *spec)
+ParseStatus ParseConversion(const char *percent, int *nextArg, Directive *directive)
 {
    const char *stop = percent + 1;
-   ParseStatus status = ParseSpecifier(percent, nextArg, spec, &stop);
+   ParseStatus status = ParseDirective(percent, nextArg, directive, &stop);
    if (status != ParseStatus::ok) {
-      spec->end = stop;
-      spec->conversionText.length = (size_t)(stop - spec->conversionText.text);
+      directive->end = stop;
+      directive->conversionText.length = (size_t)(stop - directive->conversionText.text);
    }
    return status;
 }
@@ -454,12 +453,12 @@ void VaListSource::BuildTable()
    built_ = true;
    memset(stackTable_, 0, sizeof stackTable_);
    FormatScanner scanner(fmt_);
-   ConvSpec spec;
+   Directive directive;
    ParseStatus status;
-   while (scanner.Next(&spec, &status) && status == ParseStatus::ok) {
-      Record(spec.widthArg, ArgKind::Int);
-      Record(spec.precisionArg, ArgKind::Int);
-      Record(spec.arg, spec.kind);
+   while (scanner.Next(&directive, &status) && status == ParseStatus::ok) {
+      Record(directive.widthArg, ArgKind::Int);
+      Record(directive.precisionArg, ArgKind::Int);
+      Record(directive.arg, directive.kind);
    }
    va_list ap;
    va_copy(ap, start_);

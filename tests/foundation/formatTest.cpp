@@ -269,36 +269,37 @@ TEST(Format, ParserReportsSpansAndStatus)
 {
    const char *fmt = "a%2$-*1$.*3$lldb%%%s%";
    bsdfmt::FormatScanner scanner(fmt);
-   bsdfmt::ConvSpec spec;
+   bsdfmt::Directive directive;
    bsdfmt::ParseStatus status;
-   ASSERT_TRUE(scanner.Next(&spec, &status));
+   ASSERT_TRUE(scanner.Next(&directive, &status));
    EXPECT_EQ(status, bsdfmt::ParseStatus::ok);
-   EXPECT_EQ(spec.start, fmt + 1);
-   EXPECT_EQ(std::string(spec.positionText.text, spec.positionText.length), "2$");
-   EXPECT_EQ(std::string(spec.conversionText.text, spec.conversionText.length), "-*1$.*3$lld");
-   EXPECT_EQ(spec.arg.position, 2);
-   EXPECT_TRUE(spec.arg.explicitPosition);
-   EXPECT_EQ(spec.widthArg.position, 1);
-   EXPECT_EQ(spec.precisionArg.position, 3);
-   EXPECT_EQ(spec.flags, (unsigned)bsdfmt::kLeftAdjust);
-   EXPECT_EQ(spec.length, bsdfmt::Length::ll);
-   EXPECT_EQ(spec.conversion, 'd');
-   EXPECT_EQ(spec.kind, bsdfmt::ArgKind::LongLong);
+   EXPECT_EQ(directive.start, fmt + 1);
+   EXPECT_EQ(std::string(directive.positionText.text, directive.positionText.length), "2$");
+   EXPECT_EQ(std::string(directive.conversionText.text, directive.conversionText.length),
+             "-*1$.*3$lld");
+   EXPECT_EQ(directive.arg.position, 2);
+   EXPECT_TRUE(directive.arg.explicitPosition);
+   EXPECT_EQ(directive.widthArg.position, 1);
+   EXPECT_EQ(directive.precisionArg.position, 3);
+   EXPECT_EQ(directive.flags, (unsigned)bsdfmt::kLeftAdjust);
+   EXPECT_EQ(directive.length, bsdfmt::Length::ll);
+   EXPECT_EQ(directive.conversion, 'd');
+   EXPECT_EQ(directive.kind, bsdfmt::ArgKind::LongLong);
 
-   ASSERT_TRUE(scanner.Next(&spec, &status));
-   EXPECT_EQ(spec.conversion, '%');
-   EXPECT_EQ(spec.kind, bsdfmt::ArgKind::none);
-   ASSERT_TRUE(scanner.Next(&spec, &status));
-   EXPECT_EQ(spec.conversion, 's');
-   EXPECT_EQ(spec.arg.position, 1);  // sequential numbering ignores explicit positions
-   EXPECT_FALSE(spec.arg.explicitPosition);
-   EXPECT_FALSE(scanner.Next(&spec, &status));  // the trailing "%" ends the format
+   ASSERT_TRUE(scanner.Next(&directive, &status));
+   EXPECT_EQ(directive.conversion, '%');
+   EXPECT_EQ(directive.kind, bsdfmt::ArgKind::none);
+   ASSERT_TRUE(scanner.Next(&directive, &status));
+   EXPECT_EQ(directive.conversion, 's');
+   EXPECT_EQ(directive.arg.position, 1);  // sequential numbering ignores explicit positions
+   EXPECT_FALSE(directive.arg.explicitPosition);
+   EXPECT_FALSE(scanner.Next(&directive, &status));  // the trailing "%" ends the format
 
    bsdfmt::FormatScanner bad("%5$d %.99999999999d");
-   ASSERT_TRUE(bad.Next(&spec, &status));
-   ASSERT_TRUE(bad.Next(&spec, &status));
+   ASSERT_TRUE(bad.Next(&directive, &status));
+   ASSERT_TRUE(bad.Next(&directive, &status));
    EXPECT_EQ(status, bsdfmt::ParseStatus::badNumber);
-   EXPECT_FALSE(bad.Next(&spec, &status));
+   EXPECT_FALSE(bad.Next(&directive, &status));
 }
 
 TEST(Format, UtfConversions)
