@@ -18,6 +18,9 @@
 
 namespace {
 
+// Each fixed-buffer routine reports the overflow with its own source line.
+const char kTooSmall[] = "lib/string/str:[0-9]+ Buffer too small\n";
+
 /* A wide character no locale can convert: the engine fails on it. */
 constexpr wint_t kUnconvertible = 0x110000;
 
@@ -107,14 +110,11 @@ TEST(Str, SprintfReturnsLengthOrPanics)
    EXPECT_EQ(Str_Sprintf(buf, sizeof buf, "%s", "1234567"), 7);
    EXPECT_EQ(Str_SprintfCLocale(buf, sizeof buf, "%'d", 1234567), 7);
    EXPECT_STREQ(buf, "1234567");
-   EXPECT_PANIC(Str_Sprintf(buf, sizeof buf, "%s", "12345678"),
-                "lib/string/str:59 Buffer too small\n");
-   EXPECT_PANIC(Str_SprintfCLocale(buf, sizeof buf, "%d", 123456789),
-                "lib/string/str:59 Buffer too small\n");
-   EXPECT_PANIC(Str_Sprintf(buf, 0, "%s", ""), "lib/string/str:59 Buffer too small\n");
+   EXPECT_PANIC_MATCHING(Str_Sprintf(buf, sizeof buf, "%s", "12345678"), kTooSmall);
+   EXPECT_PANIC_MATCHING(Str_SprintfCLocale(buf, sizeof buf, "%d", 123456789), kTooSmall);
+   EXPECT_PANIC_MATCHING(Str_Sprintf(buf, 0, "%s", ""), kTooSmall);
    // An engine failure is reported the same way.
-   EXPECT_PANIC(Str_Sprintf(buf, sizeof buf, "%lc", kUnconvertible),
-                "lib/string/str:59 Buffer too small\n");
+   EXPECT_PANIC_MATCHING(Str_Sprintf(buf, sizeof buf, "%lc", kUnconvertible), kTooSmall);
 }
 
 TEST(Str, AsprintfForms)
@@ -133,29 +133,29 @@ TEST(Str, AsprintfForms)
    s = Str_SafeAsprintf(nullptr, "%s", "");
    EXPECT_STREQ(s, "");
    free(s);
-   EXPECT_PANIC(Str_SafeAsprintf(nullptr, "%lc", kUnconvertible), "VERIFY lib/string/str:133\n");
+   EXPECT_PANIC_MATCHING(Str_SafeAsprintf(nullptr, "%lc", kUnconvertible),
+                         "VERIFY lib/string/str:[0-9]+\n");
 }
 
 TEST(Str, CopiesAndTheirPanics)
 {
    char buf[6];
    EXPECT_STREQ(Str_Strcpy(buf, "hello", sizeof buf), "hello");
-   EXPECT_PANIC(Str_Strcpy(buf, "hello!", sizeof buf), "lib/string/str:150 Buffer too small\n");
+   EXPECT_PANIC_MATCHING(Str_Strcpy(buf, "hello!", sizeof buf), kTooSmall);
 
    EXPECT_STREQ(Str_Strncpy(buf, sizeof buf, "hello world", 5), "hello");
    EXPECT_STREQ(Str_Strncpy(buf, sizeof buf, "hi", 100), "hi");
-   EXPECT_PANIC(Str_Strncpy(buf, sizeof buf, "hello world", 6),
-                "lib/string/str:159 Buffer too small\n");
+   EXPECT_PANIC_MATCHING(Str_Strncpy(buf, sizeof buf, "hello world", 6), kTooSmall);
 
    Str_Strcpy(buf, "ab", sizeof buf);
    EXPECT_STREQ(Str_Strcat(buf, "cde", sizeof buf), "abcde");
-   EXPECT_PANIC(Str_Strcat(buf, "f", sizeof buf), "lib/string/str:172 Buffer too small\n");
+   EXPECT_PANIC_MATCHING(Str_Strcat(buf, "f", sizeof buf), kTooSmall);
 
    Str_Strcpy(buf, "ab", sizeof buf);
    EXPECT_STREQ(Str_Strncat(buf, sizeof buf, "cdefgh", 2), "abcd");
    // A count larger than needed is fine while the source itself fits.
    EXPECT_STREQ(Str_Strncat(buf, sizeof buf, "e", 50), "abcde");
-   EXPECT_PANIC(Str_Strncat(buf, sizeof buf, "fg", 50), "lib/string/str:183 Buffer too small\n");
+   EXPECT_PANIC_MATCHING(Str_Strncat(buf, sizeof buf, "fg", 50), kTooSmall);
 }
 
 TEST(Str, SearchingAndCase)
