@@ -158,15 +158,19 @@ size_t NarrowAsciiBlocks(const uint8_t *s, size_t units, uint8_t *o)
    return i;
 }
 
-/* Room for n units of at most `per` bytes each after the buffer's end, or false. */
+/*
+ * Room for n units of at most `per` bytes each after the buffer's end, or NULL. Four bytes
+ * more are reserved so that a heap result's terminator does not make the buffer grow again.
+ */
 uint8_t *Reserve(DynBuf *db, size_t n, size_t per)
 {
+   constexpr size_t kTerminator = 4;
    size_t extra = n * per;
    if (per != 0 && extra / per != n) {
       return nullptr;
    }
-   size_t want = db->size + extra;
-   if (want < db->size || !DynBuf_Enlarge(db, want == 0 ? 1 : want)) {
+   size_t want = db->size + extra + kTerminator;
+   if (want < db->size + kTerminator || !DynBuf_Enlarge(db, want)) {
       return nullptr;
    }
    return (uint8_t *)db->data + db->size;
