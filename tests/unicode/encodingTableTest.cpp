@@ -78,9 +78,15 @@ TEST(EncodingTable, NamesOfEncodings)
    EXPECT_STREQ(Unicode_EncodingEnumToName(0), "UTF-8");
    EXPECT_STREQ(Unicode_EncodingEnumToName(13), "ISO-8859-6");
    EXPECT_STREQ(Unicode_EncodingEnumToName(35), "windows-1252");
-   EXPECT_PANIC(Unicode_EncodingEnumToName(324), "NOT_REACHED lib/unicode/unicodeSimpleTypes:");
-   testsupport::LogCapture log;
-   EXPECT_EXIT(Unicode_EncodingEnumToName(-2), ::testing::ExitedWithCode(1), "");
+   EXPECT_EXIT(
+      {
+         Log_SetOutputFd(2);
+         Unicode_EncodingEnumToName(324);
+      },
+      ::testing::ExitedWithCode(1),
+      "Unicode_EncodingEnumToName: Unknown encoding 324\\.\n.*Panic: NOT_REACHED "
+      "lib/unicode/unicodeSimpleTypes:");
+   EXPECT_PANIC(Unicode_EncodingEnumToName(-2), "NOT_REACHED lib/unicode/unicodeSimpleTypes:");
    EXPECT_TRUE(Unicode_IsEncodingValid(323));
    EXPECT_FALSE(Unicode_IsEncodingValid(324));
    EXPECT_EQ(Unicode_ResolveEncoding(-1), 0);
