@@ -70,6 +70,45 @@ uint32_t GetUnit(const uint8_t *p)
    return kBigEndian ? (uint32_t)p[0] << 8 | p[1] : (uint32_t)p[1] << 8 | p[0];
 }
 
+/* The strict decoder behind CodeSetDecodeUtf8, inlined into the conversion loops. */
+__attribute__((always_inline)) inline int DecodeUtf8(const uint8_t *p, size_t avail, uint32_t *cp,
+                                                     bool allowSurrogates)
+{
+   uint8_t lead = p[0];
+   if (lead < 0x80) {
+      *cp = lead;
+      return 1;
+   }
+   if (lead < 0xC2 || lead > 0xF4) {
+      return -1;
+   }
+   int len = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+   /* The second byte's range excludes overlong forms, surrogates and values past U+10FFFF. */
+   uint8_t lo = 0x80, hi = 0xBF;
+   if (lead == 0xE0) {
+      lo = 0xA0;
+   } else if (lead == 0xED && !allowSurrogates) {
+      hi = 0x9F;
+   } else if (lead == 0xF0) {
+      lo = 0x90;
+   } else if (lead == 0xF4) {
+      hi = 0x8F;
+   }
+   uint32_t value = lead & (0x7F >> len);
+   for (int k = 1; k < len; k++) {
+      if ((size_t)k >= avail) {
+         return -k;
+      }
+      uint8_t b = p[k];
+      if (k == 1 ? (b < lo || b > hi) : (b & 0xC0) != 0x80) {
+         return -k;
+      }
+      value = value << 6 | (b & 0x3F);
+   }
+   *cp = value;
+   return len;
+}
+
 /* Length of the run of ASCII bytes at the start of s (checked a block at a time). */
 size_t AsciiPrefix(const uint8_t *s, size_t n)
 {
@@ -203,20 +242,20 @@ bool FromUtf8(const uint8_t *s, size_t n, int policy, DynBuf *db)
          i += run;
          o += run;
       }
-      if (i >= n) {
-         break;
-      }
-      if (s[i] < 0x80) {
+      /* The ASCII bytes before the next non-ASCII one, which the block step left over. */
+      while (i < n && s[i] < 0x80) {
          if (kTarget == Utf8Target::kUtf16Le) {
             o = PutUnit<false>(o, s[i]);
          } else {
             *o++ = s[i];
          }
          i++;
-         continue;
+      }
+      if (i >= n) {
+         break;
       }
       uint32_t cp;
-      int len = CodeSetDecodeUtf8(s + i, n - i, &cp, false);
+      int len = DecodeUtf8(s + i, n - i, &cp, false);
       if (len > 0) {
          if (kTarget == Utf8Target::kUtf16Le) {
             o = PutUtf16<false>(o, cp);
@@ -264,7 +303,7 @@ bool Utf8ToAscii(const uint8_t *s, size_t n, int policy, DynBuf *db)
          *o++ = kAsciiSubstitute;
       }
       uint32_t cp;
-      int len = CodeSetDecodeUtf8(s + i, n - i, &cp, true);
+      int len = DecodeUtf8(s + i, n - i, &cp, true);
       i += len > 0 ? (size_t)len : 1;
    }
    Commit(db, o);
@@ -348,39 +387,7 @@ bool CopyBytes(const char *buf, size_t size, DynBuf *db)
 
 int CodeSetDecodeUtf8(const uint8_t *p, size_t avail, uint32_t *cp, bool allowSurrogates)
 {
-   uint8_t lead = p[0];
-   if (lead < 0x80) {
-      *cp = lead;
-      return 1;
-   }
-   if (lead < 0xC2 || lead > 0xF4) {
-      return -1;
-   }
-   int len = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-   /* The second byte's range excludes overlong forms, surrogates and values past U+10FFFF. */
-   uint8_t lo = 0x80, hi = 0xBF;
-   if (lead == 0xE0) {
-      lo = 0xA0;
-   } else if (lead == 0xED && !allowSurrogates) {
-      hi = 0x9F;
-   } else if (lead == 0xF0) {
-      lo = 0x90;
-   } else if (lead == 0xF4) {
-      hi = 0x8F;
-   }
-   uint32_t value = lead & (0x7F >> len);
-   for (int k = 1; k < len; k++) {
-      if ((size_t)k >= avail) {
-         return -k;
-      }
-      uint8_t b = p[k];
-      if (k == 1 ? (b < lo || b > hi) : (b & 0xC0) != 0x80) {
-         return -k;
-      }
-      value = value << 6 | (b & 0x3F);
-   }
-   *cp = value;
-   return len;
+   return DecodeUtf8(p, avail, cp, allowSurrogates);
 }
 
 bool CodeSetIsValidUtf8(const char *buf, size_t size)
@@ -393,7 +400,7 @@ bool CodeSetIsValidUtf8(const char *buf, size_t size)
          break;
       }
       uint32_t cp;
-      int len = CodeSetDecodeUtf8(s + i, size - i, &cp, false);
+      int len = DecodeUtf8(s + i, size - i, &cp, false);
       if (len <= 0) {
          return false;
       }
