@@ -15,7 +15,8 @@ Inputs:
 Each row's names: for the row that owns an ICU converter, the converter's IANA names first,
 then the preferred name, then ICU's other aliases, then "Windows-<code page>". A name is used
 by one row only (the first), and the preferred name of a row never appears in another row, so
-every preferred name finds its own row.
+every preferred name finds its own row. A code page goes to the first row without one that is
+named "windows-<page>", the page's charset name or "ibm-<page>".
 """
 import os
 import re
@@ -118,7 +119,8 @@ def main():
     for line in data_lines('windowsCodePages.txt'):
         cp, name = line.split(' ', 1)
         cp = int(cp)
-        for row in rows_named('windows-%d' % cp) + rows_named(name):
+        candidates = rows_named('windows-%d' % cp) + rows_named(name) + rows_named('ibm-%d' % cp)
+        for row in candidates:
             if row['cp'] is None:
                 row['cp'] = cp
                 win = 'Windows-%d' % cp
