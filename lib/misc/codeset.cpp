@@ -19,16 +19,16 @@
 #include <unicode/utypes.h>
 
 #include "codesetBuiltin.h"
+#include "location.h"
 #include "log.h"
 #include "str.h"
 #include "unicodeTypes.h"
 
 /*
- * The product-location module hands out its path lookup through this entry point. It is a weak
- * reference so that programs without that module link without it; they never use ICU.
+ * The product-location module hands out its path lookup through Location_GetResolver. The
+ * reference is weak so that programs without that module link without it; they never use ICU.
  */
-typedef char *(*CodeSetLocationLookupFn)(const char *key);
-extern "C" CodeSetLocationLookupFn Location_GetResolver(void) __attribute__((weak));
+#pragma weak Location_GetResolver
 
 namespace {
 
@@ -283,7 +283,7 @@ bool CodeSet_Init(const char *icuDataDir)
    if (icuDataDir != nullptr) {
       dir = strdup(icuDataDir);
    } else if (Location_GetResolver != nullptr) {
-      CodeSetLocationLookupFn lookup = Location_GetResolver();
+      LocationResolver lookup = Location_GetResolver();
       char *found = lookup != nullptr ? lookup("icuDir") : nullptr;
       if (found == nullptr) {
          gUseIcu.store(false);
