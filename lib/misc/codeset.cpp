@@ -4,7 +4,6 @@
  */
 #include "codeset.h"
 
-#include <errno.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -36,6 +35,7 @@ namespace {
 std::atomic<bool> gUseIcu{false};
 
 constexpr const char kIcuDataFile[] = U_ICUDATA_NAME ".dat";
+/* Without a product location the directory is one that cannot exist, so ICU stays unused. */
 constexpr const char kUnreachableIcuDir[] =
     "/dev/null/Non-existing DEFAULT_LIBDIRECTORY"
     "/icu";
