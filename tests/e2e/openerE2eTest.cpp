@@ -179,8 +179,7 @@ class OpenerE2e : public ::testing::Test {
    }
 
    // Starts the opener as nobody, under a mask it must replace; passFd becomes kPassAs.
-   Child Opener(std::vector<std::string> args, int passFd = -1,
-                std::vector<std::string> env = kEnv)
+   Child Opener(std::vector<std::string> args, int passFd = -1, std::vector<std::string> env = kEnv)
    {
       args.insert(args.begin(), opener_);
       std::vector<char *> argv;
