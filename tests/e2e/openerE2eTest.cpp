@@ -1,10 +1,12 @@
 /*
- * The set-user-ID opener run by an unprivileged user against a private root: starting and
- * finding the daemon, concurrent openers, stale sockets, misbehaving daemons, shell mode.
+ * The set-user-ID opener run as nobody against a private root: starting and finding the daemon,
+ * concurrent openers, stale sockets, misbehaving daemons, shell mode.
  */
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -12,44 +14,115 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <filesystem>
-#include <regex>
+#include <fstream>
+#include <map>
+#include <sstream>
 #include <thread>
 
-#include "e2eSupport.h"
 #include "serviceImpl.h"
 #include "testSupport.h"
 
 namespace fs = std::filesystem;
-using namespace e2e;
 
 namespace {
 
 const std::string kRoot = E2E_ROOT;
-const std::string kRunDir = kRoot + "/var/run";
-const std::string kSocketPath = kRunDir + "/BRIX Services.sock";
-const std::string kLockPath = kRunDir + "/BRIX Services.lock";
+const std::string kSocketPath = kRoot + "/var/run/BRIX Services.sock";
+const std::string kLockPath = kRoot + "/var/run/BRIX Services.lock";
 const std::string kLogPath = kRoot + "/var/log/BRIX Services.log";
 const std::string kDaemonPath =
     kRoot +
     "/Library/Application Support/Tesmar/Larkview/Services/Contents/Library/services/BRIX Services";
-
-constexpr int kPassAs = 5;
-
-#ifdef E2E_SANITIZER_ENV
-const std::vector<std::string> kExtraEnv = {E2E_SANITIZER_ENV};
-#else
-const std::vector<std::string> kExtraEnv;
-#endif
+constexpr uid_t kNobody = 65534;
+constexpr int kPassAs = 5;  // the descriptor number handed to the opener in descriptor mode
 constexpr int kTimeoutMs = 20000;
+#ifdef E2E_SANITIZER_ENV
+const std::vector<std::string> kEnv = {"PATH=/usr/bin:/bin", E2E_SANITIZER_ENV};
+#else
+const std::vector<std::string> kEnv = {"PATH=/usr/bin:/bin"};
+#endif
 
-int HighFd(int fd)
+std::string ReadFile(const std::string &path)
 {
-   int high = fcntl(fd, F_DUPFD_CLOEXEC, 100);
-   close(fd);
-   return high;
+   std::ifstream in(path);
+   std::stringstream text;
+   text << in.rdbuf();
+   return text.str();
 }
+
+std::string Readlink(const std::string &path)
+{
+   char buf[4096];
+   ssize_t n = readlink(path.c_str(), buf, sizeof buf);
+   return n > 0 ? std::string(buf, (size_t)n) : std::string();
+}
+
+bool WaitForText(const std::string &path, const std::string &text)
+{
+   for (int waited = 0; waited <= kTimeoutMs; waited += 10) {
+      if (ReadFile(path).find(text) != std::string::npos) {
+         return true;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+   }
+   return false;
+}
+
+// Live processes running the executable at path (a zombie has no executable link).
+std::vector<pid_t> ProcessesRunning(const std::string &path)
+{
+   std::vector<pid_t> pids;
+   for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {
+      pid_t pid = atoi(entry.path().filename().c_str());
+      if (pid > 0 && Readlink(entry.path() / "exe").rfind(path, 0) == 0) {
+         pids.push_back(pid);
+      }
+   }
+   return pids;
+}
+
+// Stops every process running path, even those a failed case left behind, and reaps them.
+void StopAll(const std::string &path)
+{
+   for (int sig : {SIGTERM, SIGKILL}) {
+      for (pid_t pid : ProcessesRunning(path)) {
+         kill(pid, sig);
+      }
+      for (int i = 0; i < 200 && !ProcessesRunning(path).empty(); i++) {
+         std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+   }
+   while (waitpid(-1, nullptr, WNOHANG) > 0) {
+   }
+}
+
+// A NUL-separated /proc file of pid (cmdline, environ) as strings.
+std::vector<std::string> ProcStrings(pid_t pid, const char *name)
+{
+   std::istringstream in(ReadFile("/proc/" + std::to_string(pid) + "/" + name));
+   std::vector<std::string> strings;
+   for (std::string s; std::getline(in, s, '\0');) {
+      strings.push_back(s);
+   }
+   return strings;
+}
+
+// A socket bound to the socket path, not yet listening.
+int BindSocketFile()
+{
+   struct sockaddr_un addr = {};
+   addr.sun_family = AF_UNIX;
+   strcpy(addr.sun_path, kSocketPath.c_str());
+   int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   EXPECT_EQ(bind(fd, (struct sockaddr *)&addr, sizeof addr), 0);
+   return fd;
+}
+
+struct Child {
+   pid_t pid;
+   int output;  // read end of its standard output and error
+};
 
 class OpenerE2e : public ::testing::Test {
   protected:
@@ -58,9 +131,11 @@ class OpenerE2e : public ::testing::Test {
       if (geteuid() != 0) {
          GTEST_SKIP() << "needs root: the opener is installed set-user-ID root";
       }
+      prctl(PR_SET_CHILD_SUBREAPER, 1);  // orphaned daemons come back here to be reaped
+      umask(022);
       StopAll(kDaemonPath);
       fs::remove_all(kRoot);
-      fs::create_directories(kRunDir);
+      fs::create_directories(kRoot + "/var/run");
       fs::create_directories(kRoot + "/var/log");
       fs::create_directories(fs::path(kDaemonPath).parent_path());
       fs::copy_file(E2E_SERVICES, kDaemonPath);
@@ -69,14 +144,10 @@ class OpenerE2e : public ::testing::Test {
       char pattern[] = "/tmp/brix-e2e-XXXXXX";
       ASSERT_NE(mkdtemp(pattern), nullptr);
       bundle_ = pattern;
-      ASSERT_EQ(chmod(bundle_.c_str(), 0755), 0);
+      ASSERT_EQ(chmod(pattern, 0755), 0);
       opener_ = bundle_ + "/Larkview.app/Contents/Library/services/Open BRIX Services";
       fs::create_directories(fs::path(opener_).parent_path());
-      for (fs::path p = fs::path(opener_).parent_path(); p != bundle_; p = p.parent_path()) {
-         chmod(p.c_str(), 0755);
-      }
       fs::copy_file(E2E_OPENER, opener_);
-      ASSERT_EQ(chown(opener_.c_str(), 0, 0), 0);
       ASSERT_EQ(chmod(opener_.c_str(), 04755), 0);
    }
 
@@ -91,29 +162,108 @@ class OpenerE2e : public ::testing::Test {
    }
 
    // A file to hand over, opened for appending at a high descriptor number.
-   int OpenOutput(const std::string &name)
+   int OpenOutput()
    {
-      return HighFd(open((bundle_ + "/" + name).c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644));
+      int fd = open((bundle_ + "/out").c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
+      int high = fcntl(fd, F_DUPFD_CLOEXEC, 100);
+      close(fd);
+      return high;
    }
 
-   Spawned Opener(const std::vector<std::string> &args, int passFd = -1,
-                  const std::vector<std::string> &env = {"PATH=/usr/bin:/bin"}, int extraFd = -1)
+   // Starts the opener as nobody, under a mask it must replace; passFd becomes kPassAs.
+   Child Opener(std::vector<std::string> args, int passFd = -1, std::vector<std::string> env = kEnv)
    {
-      std::vector<std::string> fullEnv = env;
-      fullEnv.insert(fullEnv.end(), kExtraEnv.begin(), kExtraEnv.end());
-      return SpawnAsNobody(opener_, args, fullEnv, passFd, kPassAs, extraFd, kPassAs + 2);
+      args.insert(args.begin(), opener_);
+      auto cStrings = [](std::vector<std::string> &strings) {
+         std::vector<char *> pointers(strings.size() + 1, nullptr);
+         std::transform(strings.begin(), strings.end(), pointers.begin(),
+                        [](std::string &s) { return s.data(); });
+         return pointers;
+      };
+      std::vector<char *> argv = cStrings(args);
+      std::vector<char *> envp = cStrings(env);
+      int out[2];
+      EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
+      pid_t pid = fork();
+      if (pid == 0) {
+         int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+         if (dup2(devNull, 0) != 0 || dup2(out[1], 1) != 1 || dup2(out[1], 2) != 2 ||
+             (passFd != -1 && dup2(passFd, kPassAs) != kPassAs) || setgroups(0, nullptr) != 0 ||
+             setresgid(kNobody, kNobody, kNobody) != 0 ||
+             setresuid(kNobody, kNobody, kNobody) != 0) {
+            _exit(126);
+         }
+         umask(077);
+         execve(opener_.c_str(), argv.data(), envp.data());
+         _exit(127);
+      }
+      close(out[1]);
+      return {pid, out[0]};
    }
 
-   // Runs the opener in descriptor mode to its end; returns its exit status (-1: abnormal).
-   int HandOver(int fd, std::string *output = nullptr)
+   // Reads the child's output to its end and reaps it, killing it after kTimeoutMs.
+   // Returns its exit status, or -1 when it did not exit normally.
+   int Finish(Child child, std::string *output = nullptr)
    {
-      Spawned child = Opener({std::to_string(kPassAs)}, fd);
-      std::string text = DrainOutput(child);
-      int status = WaitFor(child.pid, kTimeoutMs);
+      std::string text;
+      char buf[1024];
+      ssize_t n = 0;
+      struct pollfd ready = {child.output, POLLIN, 0};
+      int polled;
+      while ((polled = poll(&ready, 1, kTimeoutMs)) == 1 &&
+             (n = read(child.output, buf, sizeof buf)) > 0) {
+         text.append(buf, (size_t)n);
+      }
+      if (polled != 1) {
+         kill(child.pid, SIGKILL);
+      }
+      close(child.output);
+      int status = 0;
+      waitpid(child.pid, &status, 0);
       if (output != nullptr) {
          *output = testsupport::StripStamps(text);
       }
       return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+   }
+
+   int HandOver(int fd) { return Finish(Opener({std::to_string(kPassAs)}, fd)); }
+
+   /*
+    * Runs a descriptor-mode opener against a stand-in daemon that serves one connection per
+    * character of script: 'c' closes at once, 'g' greets and closes, '0' and '1' greet, take the
+    * descriptor and answer with that verdict. Returns the opener's status; counts connections.
+    */
+   int HandOverToStandIn(const std::string &script, int fd, int *served)
+   {
+      unlink(kSocketPath.c_str());
+      int listener = BindSocketFile();
+      EXPECT_EQ(listen(listener, 4), 0);
+      *served = 0;
+      std::thread daemon([&] {
+         for (char step : script) {
+            struct pollfd ready = {listener, POLLIN, 0};
+            if (poll(&ready, 1, kTimeoutMs) != 1) {
+               return;
+            }
+            int conn = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            ++*served;
+            if (step != 'c') {
+               ServiceImplWriteOne(conn, 'g');
+            }
+            int passed = -1;
+            if (step == '0' || step == '1') {
+               EXPECT_TRUE(ServiceImplRecvFd(conn, &passed));
+               EXPECT_EQ(gServiceImplMessageByte, 'g');  // the greeting comes back with it
+               close(passed);
+               ServiceImplWriteOne(conn, step);
+            }
+            close(conn);
+         }
+      });
+      int status = HandOver(fd);
+      daemon.join();
+      close(listener);
+      return status;
    }
 
    std::string bundle_;
@@ -122,16 +272,14 @@ class OpenerE2e : public ::testing::Test {
 
 TEST_F(OpenerE2e, FirstOpenerStartsTheDaemonAndTheNextFindsIt)
 {
-   int out = OpenOutput("out");
-   int marker = HighFd(open((bundle_ + "/marker").c_str(), O_RDONLY | O_CREAT, 0644));
-   std::vector<std::string> env = {"PATH=/usr/bin:/bin", "BASH_ENV=/tmp/x", "FN=() { :; }",
-                                   "FN2=() { echo; }",   "KEEP=() x",       "ENV=/tmp/y",
-                                   "SHELLOPTS=xtrace",   "NOEQUALS"};
-   Spawned first = Opener({std::to_string(kPassAs)}, out, env, marker);
-   std::string output = testsupport::StripStamps(DrainOutput(first));
-   int status = WaitFor(first.pid, kTimeoutMs);
-   ASSERT_TRUE(WIFEXITED(status)) << status;
-   EXPECT_EQ(WEXITSTATUS(status), 0) << output;
+   int out = OpenOutput();
+   std::vector<std::string> env = {"BASH_ENV=/tmp/x", "FN=() { :; }", "FN2=() { echo; }",
+                                   "KEEP=() x",       "ENV=/tmp/y",   "SHELLOPTS=xtrace",
+                                   "NOEQUALS"};
+   env.insert(env.end(), kEnv.begin(), kEnv.end());
+   Child first = Opener({std::to_string(kPassAs)}, out, env);
+   std::string output;
+   EXPECT_EQ(Finish(first, &output), 0) << output;
    EXPECT_EQ(output, "ServiceImpl_Opener: PID " + std::to_string(first.pid) + "\n");
 
    std::vector<pid_t> daemons = ProcessesRunning(kDaemonPath);
@@ -145,20 +293,19 @@ TEST_F(OpenerE2e, FirstOpenerStartsTheDaemonAndTheNextFindsIt)
    EXPECT_EQ(args[0], kDaemonPath);
    int listenFd = std::stoi(args[1]);
    int keepAliveFd = std::stoi(args[2]);
-   EXPECT_GT(listenFd, 2);
-   EXPECT_GT(keepAliveFd, 2);
 
    std::string statusText = ReadFile(proc + "/status");
    EXPECT_NE(statusText.find("\nUid:\t0\t0\t0\t0\n"), std::string::npos) << statusText;
    EXPECT_NE(statusText.find("\nUmask:\t0022\n"), std::string::npos) << statusText;
-   char cwd[64] = {};
-   ASSERT_GT(readlink((proc + "/cwd").c_str(), cwd, sizeof cwd - 1), 0);
-   EXPECT_STREQ(cwd, "/");
+   EXPECT_EQ(Readlink(proc + "/cwd"), "/");
 
    // Standard streams on /dev/null; of the opener's descriptors only the listener (and the
-   // keep-alive pipe until the opener finished) reached the daemon.
-   ASSERT_TRUE(WaitForText(kLogPath, "The starting opener has finished.", kTimeoutMs));
-   std::map<int, std::string> fds = Descriptors(daemon);
+   // keep-alive pipe until the opener finished) reached the daemon, not the handed-over one.
+   ASSERT_TRUE(WaitForText(kLogPath, "The starting opener has finished."));
+   std::map<int, std::string> fds;
+   for (const fs::directory_entry &entry : fs::directory_iterator(proc + "/fd")) {
+      fds[atoi(entry.path().filename().c_str())] = Readlink(entry.path());
+   }
    EXPECT_EQ(fds[0], "/dev/null");
    EXPECT_EQ(fds[1], "/dev/null");
    EXPECT_EQ(fds[2], "/dev/null");
@@ -172,26 +319,22 @@ TEST_F(OpenerE2e, FirstOpenerStartsTheDaemonAndTheNextFindsIt)
    }
 
    std::vector<std::string> environ = ProcStrings(daemon, "environ");
-   std::vector<std::string> kept = {"KEEP=() x", "NOEQUALS", "PATH=/usr/bin:/bin"};
-   kept.insert(kept.end(), kExtraEnv.begin(), kExtraEnv.end());
+   std::vector<std::string> kept = {"KEEP=() x", "NOEQUALS"};
+   kept.insert(kept.end(), kEnv.begin(), kEnv.end());
    std::sort(environ.begin(), environ.end());
    std::sort(kept.begin(), kept.end());
    EXPECT_EQ(environ, kept);
 
-   struct stat st;
-   ASSERT_EQ(lstat(kSocketPath.c_str(), &st), 0);
-   EXPECT_TRUE(S_ISSOCK(st.st_mode));
-   EXPECT_EQ(st.st_mode & 07777, 0600u);
-   EXPECT_EQ(st.st_uid, 0u);
-   ASSERT_EQ(stat(kLockPath.c_str(), &st), 0);
-   EXPECT_EQ(st.st_mode & 07777, 0600u);
-   EXPECT_EQ(st.st_uid, 0u);
+   for (const std::string &path : {kSocketPath, kLockPath}) {
+      struct stat st;
+      ASSERT_EQ(lstat(path.c_str(), &st), 0) << path;
+      EXPECT_EQ(st.st_mode & 07777, 0600u) << path;
+      EXPECT_EQ(st.st_uid, 0u) << path;
+   }
 
    // The second opener is a plain client of the same daemon.
-   Spawned second = Opener({std::to_string(kPassAs)}, out);
-   DrainOutput(second);
-   status = WaitFor(second.pid, kTimeoutMs);
-   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+   Child second = Opener({std::to_string(kPassAs)}, out);
+   EXPECT_EQ(Finish(second), 0);
    EXPECT_EQ(ProcessesRunning(kDaemonPath), daemons);
 
    std::string prefix = "BRIX Services (PID " + std::to_string(daemon) + ") received this file ";
@@ -199,22 +342,19 @@ TEST_F(OpenerE2e, FirstOpenerStartsTheDaemonAndTheNextFindsIt)
                                              ".\n" + prefix + "from opener PID " +
                                              std::to_string(second.pid) + ".\n");
    close(out);
-   close(marker);
 }
 
 TEST_F(OpenerE2e, ConcurrentOpenersStartExactlyOneDaemon)
 {
    constexpr int kOpeners = 64;
-   int out = OpenOutput("out");
-   std::vector<Spawned> openers;
+   int out = OpenOutput();
+   std::vector<Child> openers;
    for (int i = 0; i < kOpeners; i++) {
       openers.push_back(Opener({std::to_string(kPassAs)}, out));
    }
    int succeeded = 0;
-   for (Spawned &opener : openers) {
-      DrainOutput(opener);
-      int status = WaitFor(opener.pid, kTimeoutMs);
-      succeeded += WIFEXITED(status) && WEXITSTATUS(status) == 0;
+   for (Child &opener : openers) {
+      succeeded += Finish(opener) == 0;
    }
    EXPECT_EQ(succeeded, kOpeners);
    EXPECT_EQ(ProcessesRunning(kDaemonPath).size(), 1u);
@@ -225,126 +365,49 @@ TEST_F(OpenerE2e, ConcurrentOpenersStartExactlyOneDaemon)
 
 TEST_F(OpenerE2e, StaleSocketIsReplaced)
 {
-   int stale = socket(AF_UNIX, SOCK_STREAM, 0);
-   struct sockaddr_un addr = {};
-   addr.sun_family = AF_UNIX;
-   strcpy(addr.sun_path, kSocketPath.c_str());
-   ASSERT_EQ(bind(stale, (struct sockaddr *)&addr, sizeof addr), 0);
-   close(stale);  // the file stays behind with nobody listening
+   close(BindSocketFile());  // the file stays behind with nobody listening
 
-   int out = OpenOutput("out");
-   std::string output;
-   EXPECT_EQ(HandOver(out, &output), 0) << output;
+   int out = OpenOutput();
+   EXPECT_EQ(HandOver(out), 0);
    EXPECT_EQ(ProcessesRunning(kDaemonPath).size(), 1u);
-   struct stat st;
-   ASSERT_EQ(lstat(kSocketPath.c_str(), &st), 0);
-   EXPECT_EQ(st.st_mode & 07777, 0600u);
-   EXPECT_NE(ReadFile(bundle_ + "/out"), "");
    close(out);
 }
 
-// A stand-in daemon listening on the socket path; serves each connection with the next script.
-enum class Script { CloseAtOnce, GreetThenClose, Verdict0, Verdict1 };
-
-class FakeDaemon {
-  public:
-   explicit FakeDaemon(std::vector<Script> scripts) : scripts_(std::move(scripts))
-   {
-      listen_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      struct sockaddr_un addr = {};
-      addr.sun_family = AF_UNIX;
-      strcpy(addr.sun_path, kSocketPath.c_str());
-      EXPECT_EQ(bind(listen_, (struct sockaddr *)&addr, sizeof addr), 0);
-      EXPECT_EQ(listen(listen_, 4), 0);
-      thread_ = std::thread([this] { Serve(); });
-   }
-   ~FakeDaemon()
-   {
-      thread_.join();
-      close(listen_);
-   }
-   int Served() const { return served_; }
-
-  private:
-   void Serve()
-   {
-      for (Script script : scripts_) {
-         struct pollfd ready = {listen_, POLLIN, 0};
-         if (poll(&ready, 1, kTimeoutMs) != 1) {
-            return;
-         }
-         int conn = accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC);
-         served_++;
-         if (script != Script::CloseAtOnce) {
-            ServiceImplWriteOne(conn, 'g');
-         }
-         if (script == Script::Verdict0 || script == Script::Verdict1) {
-            int fd = -1;
-            EXPECT_TRUE(ServiceImplRecvFd(conn, &fd));
-            EXPECT_EQ(gServiceImplMessageByte, 'g');  // the greeting comes back with the fd
-            close(fd);
-            ServiceImplWriteOne(conn, script == Script::Verdict1 ? '1' : '0');
-         }
-         close(conn);
-      }
-   }
-
-   std::vector<Script> scripts_;
-   int listen_;
-   std::atomic<int> served_{0};
-   std::thread thread_;
-};
-
 TEST_F(OpenerE2e, MisbehavingDaemons)
 {
-   int out = OpenOutput("out");
-   {
-      // Dropped before the greeting: the opener starts over and succeeds on the next try.
-      FakeDaemon daemon({Script::CloseAtOnce, Script::CloseAtOnce, Script::Verdict1});
-      EXPECT_EQ(HandOver(out), 0);
-      EXPECT_EQ(daemon.Served(), 3);
-   }
-   unlink(kSocketPath.c_str());
-   {
-      FakeDaemon daemon({Script::GreetThenClose});
-      EXPECT_EQ(HandOver(out), 1);
-   }
-   unlink(kSocketPath.c_str());
-   {
-      FakeDaemon daemon({Script::Verdict0});
-      EXPECT_EQ(HandOver(out), 1);
-   }
+   int out = OpenOutput();
+   int served;
+   // Dropped before the greeting: the opener starts over and succeeds on the next try.
+   EXPECT_EQ(HandOverToStandIn("cc1", out, &served), 0);
+   EXPECT_EQ(served, 3);
+   EXPECT_EQ(HandOverToStandIn("g", out, &served), 1);
+   EXPECT_EQ(HandOverToStandIn("0", out, &served), 1);
+   EXPECT_EQ(served, 1);
    EXPECT_TRUE(ProcessesRunning(kDaemonPath).empty());
    close(out);
 }
 
 TEST_F(OpenerE2e, ShellModeOpenerIsWatchedUntilItDies)
 {
-   Spawned shell = Opener({});
+   Child shell = Opener({});
    std::string pid = std::to_string(shell.pid);
-   ASSERT_TRUE(WaitForText(kLogPath, "Watching the keep-alive pipe of opener PID " + pid + ".",
-                           kTimeoutMs));
+   ASSERT_TRUE(WaitForText(kLogPath, "Watching the keep-alive pipe of opener PID " + pid + "."));
    std::this_thread::sleep_for(std::chrono::milliseconds(100));
    int status;
    EXPECT_EQ(waitpid(shell.pid, &status, WNOHANG), 0) << "the shell-mode opener must stay";
    EXPECT_EQ(ReadFile(kLogPath).find("Opener PID " + pid + " has gone"), std::string::npos);
 
    kill(shell.pid, SIGKILL);
-   WaitFor(shell.pid, kTimeoutMs);
-   DrainOutput(shell);
-   EXPECT_TRUE(WaitForText(kLogPath,
-                           "Opener PID " + pid +
-                               " has gone; its keep-alive pipe is "
-                               "closed.",
-                           kTimeoutMs));
+   EXPECT_EQ(Finish(shell), -1);
+   EXPECT_TRUE(
+       WaitForText(kLogPath, "Opener PID " + pid + " has gone; its keep-alive pipe is closed."));
 }
 
 TEST_F(OpenerE2e, WrongArgumentCount)
 {
-   Spawned opener = Opener({"1", "2"});
-   std::string output = testsupport::StripStamps(DrainOutput(opener));
-   int status = WaitFor(opener.pid, kTimeoutMs);
-   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+   Child opener = Opener({"1", "2"});
+   std::string output;
+   EXPECT_EQ(Finish(opener, &output), 1);
    EXPECT_EQ(output, "ServiceImpl_Opener: PID " + std::to_string(opener.pid) +
                          "\nWarning: Invalid number of arguments.\n");
    EXPECT_TRUE(ProcessesRunning(kDaemonPath).empty());

@@ -1,10 +1,10 @@
-#include <dirent.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <string>
+#include <filesystem>
+#include <vector>
 
 #include "serviceImpl.h"
 #include "testSupport.h"
@@ -13,46 +13,31 @@ using testsupport::LogCapture;
 
 namespace {
 
-int OpenDescriptorCount()
+// Sends one byte with one SCM_RIGHTS control header per entry of headers.
+void SendRaw(int sock, const std::vector<std::vector<int>> &headers)
 {
-   int count = 0;
-   DIR *dir = opendir("/proc/self/fd");
-   while (readdir(dir) != nullptr) {
-      count++;
-   }
-   closedir(dir);
-   return count;
-}
-
-// Sends one byte with the given descriptors, in one control message or one message each.
-void SendRaw(int sock, const int *fds, int count, bool separateHeaders)
-{
-   char control[CMSG_SPACE(sizeof(int) * 4) * 4] = {};
+   alignas(struct cmsghdr) char control[256] = {};
    char byte = 'x';
    struct iovec iov = {&byte, 1};
    struct msghdr msg = {};
    msg.msg_iov = &iov;
    msg.msg_iovlen = 1;
-   if (count > 0) {
-      msg.msg_control = control;
-      msg.msg_controllen =
-          separateHeaders ? CMSG_SPACE(sizeof(int)) * count : CMSG_SPACE(sizeof(int) * count);
-      struct cmsghdr *header = CMSG_FIRSTHDR(&msg);
-      for (int i = 0; i < count; i++) {
-         header->cmsg_level = SOL_SOCKET;
-         header->cmsg_type = SCM_RIGHTS;
-         if (separateHeaders) {
-            header->cmsg_len = CMSG_LEN(sizeof(int));
-            memcpy(CMSG_DATA(header), &fds[i], sizeof(int));
-            header = CMSG_NXTHDR(&msg, header);
-         } else {
-            header->cmsg_len = CMSG_LEN(sizeof(int) * count);
-            memcpy(CMSG_DATA(header), fds, sizeof(int) * count);
-            break;
-         }
-      }
+   for (const std::vector<int> &fds : headers) {
+      auto *header = (struct cmsghdr *)(control + msg.msg_controllen);
+      header->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
+      header->cmsg_level = SOL_SOCKET;
+      header->cmsg_type = SCM_RIGHTS;
+      memcpy(CMSG_DATA(header), fds.data(), sizeof(int) * fds.size());
+      msg.msg_controllen += CMSG_SPACE(sizeof(int) * fds.size());
    }
+   msg.msg_control = msg.msg_controllen > 0 ? control : nullptr;
    ASSERT_EQ(sendmsg(sock, &msg, MSG_NOSIGNAL), 1);
+}
+
+size_t OpenDescriptorCount()
+{
+   auto entries = std::filesystem::directory_iterator("/proc/self/fd");
+   return (size_t)std::distance(begin(entries), end(entries));
 }
 
 }  // namespace
@@ -93,10 +78,9 @@ TEST(ServiceImpl, DescriptorCrossesWithTheMessageByte)
    EXPECT_EQ(log.Text(),
              "Warning: ServiceImplReadOne: read errno 9.\n"
              "Warning: ServiceImplSendFd: sendmsg errno 9.\n");
-   close(pair[0]);
-   close(received);
-   close(pipeFds[0]);
-   close(pipeFds[1]);
+   for (int fd : {pair[0], received, pipeFds[0], pipeFds[1]}) {
+      close(fd);
+   }
 }
 
 TEST(ServiceImpl, UnexpectedMessagesAreRefusedWithoutLeaks)
@@ -105,16 +89,15 @@ TEST(ServiceImpl, UnexpectedMessagesAreRefusedWithoutLeaks)
    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
    int a = open("/dev/null", O_RDONLY);
    int b = open("/dev/null", O_RDONLY);
-   int fds[] = {a, b};
    LogCapture log;
-   int before = OpenDescriptorCount();
+   size_t before = OpenDescriptorCount();
    int received = -1;
 
-   SendRaw(pair[0], fds, 2, false);  // two descriptors in one header
+   SendRaw(pair[0], {{a, b}});  // two descriptors in one header
    EXPECT_FALSE(ServiceImplRecvFd(pair[1], &received));
-   SendRaw(pair[0], fds, 2, true);  // two headers: the second is truncated away
+   SendRaw(pair[0], {{a}, {b}});  // two headers: the second is truncated away
    EXPECT_FALSE(ServiceImplRecvFd(pair[1], &received));
-   SendRaw(pair[0], fds, 0, false);  // no descriptor at all
+   SendRaw(pair[0], {});  // no descriptor at all
    EXPECT_FALSE(ServiceImplRecvFd(pair[1], &received));
    EXPECT_EQ(received, -1);
    EXPECT_EQ(OpenDescriptorCount(), before);
@@ -125,7 +108,7 @@ TEST(ServiceImpl, UnexpectedMessagesAreRefusedWithoutLeaks)
              "Warning: ServiceImplRecvFd: Unexpected message.\n"
              "Warning: ServiceImplRecvFd: Unexpected message.\n"
              "Warning: ServiceImplRecvFd: Unexpected message.\n");
-   close(pair[1]);
-   close(a);
-   close(b);
+   for (int fd : {pair[1], a, b}) {
+      close(fd);
+   }
 }
