@@ -53,7 +53,7 @@ void MXUserWaitInternal(MXRecLock *lock, MXUserCondVar *condVar, uint32_t msecWa
    int32_t presentCount = lock->count.load(std::memory_order_relaxed);
    lock->count.store(savedCount + presentCount, std::memory_order_relaxed);
    if (presentCount == 0) {
-      lock->owner.store(pthread_self(), std::memory_order_relaxed);
+      lock->owner.store(MXUserThreadID(), std::memory_order_relaxed);
    }
 
    if (err != 0 && err != ETIMEDOUT) {

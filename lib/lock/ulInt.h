@@ -39,10 +39,20 @@ struct MXUserHeader {
 struct MXRecLock {
    pthread_mutex_t nativeLock;
    std::atomic<int32_t> count;
-   std::atomic<pthread_t> owner;
+   std::atomic<uintptr_t> owner;
 };
 
-constexpr pthread_t MXUSER_NO_OWNER = static_cast<pthread_t>(~0UL);
+constexpr uintptr_t MXUSER_NO_OWNER = ~static_cast<uintptr_t>(0);
+
+/*
+ * The calling thread's identity: the address of a thread-local anchor, unique among live
+ * threads and cheaper to reach than a library call on every acquire.
+ */
+inline uintptr_t MXUserThreadID(void)
+{
+   static thread_local char anchor;
+   return reinterpret_cast<uintptr_t>(&anchor);
+}
 
 inline bool MXRecLockInit(MXRecLock *lock)
 {
@@ -67,7 +77,7 @@ inline int32_t MXRecLockCount(const MXRecLock *lock)
 inline bool MXRecLockIsOwner(const MXRecLock *lock)
 {
    return MXRecLockCount(lock) > 0 &&
-          pthread_equal(lock->owner.load(std::memory_order_relaxed), pthread_self());
+          lock->owner.load(std::memory_order_relaxed) == MXUserThreadID();
 }
 
 /* Called with the native mutex held: one more level. */
@@ -75,25 +85,38 @@ inline void MXRecLockIncCount(MXRecLock *lock)
 {
    int32_t count = lock->count.load(std::memory_order_relaxed);
    if (count == 0) {
-      lock->owner.store(pthread_self(), std::memory_order_relaxed);
+      lock->owner.store(MXUserThreadID(), std::memory_order_relaxed);
    }
    lock->count.store(count + 1, std::memory_order_relaxed);
 }
 
+/* Called right after taking the native mutex: nobody else can hold a count now. */
+inline void MXRecLockSetOwner(MXRecLock *lock)
+{
+   lock->owner.store(MXUserThreadID(), std::memory_order_relaxed);
+   lock->count.store(1, std::memory_order_relaxed);
+}
+
 inline void MXRecLockAcquire(MXRecLock *lock)
 {
-   if (!MXRecLockIsOwner(lock)) {
-      pthread_mutex_lock(&lock->nativeLock);
+   if (MXRecLockIsOwner(lock)) {
+      lock->count.store(MXRecLockCount(lock) + 1, std::memory_order_relaxed);
+      return;
    }
-   MXRecLockIncCount(lock);
+   pthread_mutex_lock(&lock->nativeLock);
+   MXRecLockSetOwner(lock);
 }
 
 inline bool MXRecLockTryAcquire(MXRecLock *lock)
 {
-   if (!MXRecLockIsOwner(lock) && pthread_mutex_trylock(&lock->nativeLock) != 0) {
+   if (MXRecLockIsOwner(lock)) {
+      lock->count.store(MXRecLockCount(lock) + 1, std::memory_order_relaxed);
+      return true;
+   }
+   if (pthread_mutex_trylock(&lock->nativeLock) != 0) {
       return false;
    }
-   MXRecLockIncCount(lock);
+   MXRecLockSetOwner(lock);
    return true;
 }
 
