@@ -44,7 +44,10 @@ void Util_ZeroFreeString(char *str);
  */
 char *Util_ExpandString(const char *fileName);
 
-/* Stores a copy of path as the process-wide replacement for "~"; returns the stored copy. */
+/*
+ * Stores a copy of path as the process-wide replacement for "~" and "~user"; NULL removes it.
+ * Returns the stored copy, which stays valid until the next call.
+ */
 const char *Util_OverrideHomeDirectory(const char *path);
 
 #ifdef __cplusplus
