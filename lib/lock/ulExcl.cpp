@@ -40,8 +40,8 @@ MXUserExclLock *CreateExclLock(const char *name, MX_Rank rank, const void *calle
 {
    void *mem = Util_SafeCalloc(1, sizeof(MXUserExclLock));
    MXUserExclLock *lock = new (mem) MXUserExclLock();
-   lock->header.name = name != nullptr ? Util_SafeStrdup(name)
-                                       : Str_SafeAsprintf(nullptr, "X-%p", caller);
+   lock->header.name =
+       name != nullptr ? Util_SafeStrdup(name) : Str_SafeAsprintf(nullptr, "X-%p", caller);
    if (!MXRecLockInit(&lock->recursiveLock)) {
       Panic("%s: native lock initialization routine failed\n", "MXUser_CreateExclLock");
    }
@@ -65,7 +65,7 @@ __attribute__((noinline)) MXUserExclLock *MXUser_CreateExclLock(const char *name
 }
 
 __attribute__((noinline)) MXUserExclLock *MXUser_CreateSingletonExclLock(
-   MXUserExclLock **lockStorage, const char *name, MX_Rank rank)
+    MXUserExclLock **lockStorage, const char *name, MX_Rank rank)
 {
    std::atomic_ref<MXUserExclLock *> slot(*lockStorage);
    MXUserExclLock *lock = slot.load(std::memory_order_acquire);

@@ -202,7 +202,7 @@ uint64_t MXUserAllocSerialNumber(void);
 void MXUserAddToList(MXUserHeader *header);
 void MXUserRemoveFromList(MXUserHeader *header);
 [[noreturn]] void MXUserDumpAndPanic(MXUserHeader *header, const char *fmt, ...)
-   __attribute__((format(printf, 2, 3)));
+    __attribute__((format(printf, 2, 3)));
 MXRecLock *MXUserInternalListLock(void);
 /* The list lock if it has been created, without creating it. */
 MXRecLock *MXUserListLockIfAny(void);

@@ -49,8 +49,8 @@ MXUserRecLock *AllocRecLock(void)
 MXUserRecLock *CreateRecLock(const char *name, MX_Rank rank, const void *caller)
 {
    MXUserRecLock *lock = AllocRecLock();
-   lock->header.name = name != nullptr ? Util_SafeStrdup(name)
-                                       : Str_SafeAsprintf(nullptr, "R-%p", caller);
+   lock->header.name =
+       name != nullptr ? Util_SafeStrdup(name) : Str_SafeAsprintf(nullptr, "R-%p", caller);
    if (!MXRecLockInit(&lock->recursiveLock)) {
       Panic("%s: native lock initialization routine failed\n", "MXUser_CreateRecLock");
    }
@@ -96,8 +96,9 @@ __attribute__((noinline)) MXUserRecLock *MXUser_CreateRecLock(const char *name, 
    return CreateRecLock(name, rank, __builtin_return_address(0));
 }
 
-__attribute__((noinline)) MXUserRecLock *MXUser_CreateSingletonRecLock(
-   MXUserRecLock **lockStorage, const char *name, MX_Rank rank)
+__attribute__((noinline)) MXUserRecLock *MXUser_CreateSingletonRecLock(MXUserRecLock **lockStorage,
+                                                                       const char *name,
+                                                                       MX_Rank rank)
 {
    std::atomic_ref<MXUserRecLock *> slot(*lockStorage);
    MXUserRecLock *lock = slot.load(std::memory_order_acquire);
@@ -198,16 +199,15 @@ void MXUser_DumpRecLock(MXUserRecLock *lock)
 MXUserRecLock *MXUser_BindMXMutexRec(MX_MutexRec *mutex, MX_Rank rank)
 {
    const MXUserHostHooks &hooks = mxUserHostHooks;
-   if (hooks.lockFunc == nullptr || hooks.unlockFunc == nullptr ||
-       hooks.tryLockFunc == nullptr || hooks.isLockedFunc == nullptr ||
-       hooks.nameFunc == nullptr) {
+   if (hooks.lockFunc == nullptr || hooks.unlockFunc == nullptr || hooks.tryLockFunc == nullptr ||
+       hooks.isLockedFunc == nullptr || hooks.nameFunc == nullptr) {
       return nullptr;
    }
    MXUserRecLock *lock = AllocRecLock();
    const char *hostName = hooks.nameFunc(mutex);
    lock->header.name = hostName != nullptr
-                          ? Str_SafeAsprintf(nullptr, "%s *", hostName)
-                          : Str_SafeAsprintf(nullptr, "MX_%p", static_cast<void *>(mutex));
+                           ? Str_SafeAsprintf(nullptr, "%s *", hostName)
+                           : Str_SafeAsprintf(nullptr, "MX_%p", static_cast<void *>(mutex));
    lock->header.signature = MXUserGetSignature(MXUSER_TYPE_REC);
    lock->header.rank = rank;
    lock->header.serialNumber = MXUserAllocSerialNumber();
@@ -229,8 +229,7 @@ void MXUser_WaitCondVarRecLock(MXUserRecLock *lock, MXUserCondVar *condVar)
    MXUserWaitCondVar(&lock->header, &lock->recursiveLock, condVar, MXUSER_WAIT_INFINITE);
 }
 
-void MXUser_TimedWaitCondVarRecLock(MXUserRecLock *lock, MXUserCondVar *condVar,
-                                    uint32_t msecWait)
+void MXUser_TimedWaitCondVarRecLock(MXUserRecLock *lock, MXUserCondVar *condVar, uint32_t msecWait)
 {
    MXUserWaitCondVar(&lock->header, &lock->recursiveLock, condVar, msecWait);
 }

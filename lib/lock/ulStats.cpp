@@ -36,26 +36,26 @@ constexpr uint32_t HOT_HISTO_DECADES = 7;
 
 /* 65536 * log2(1 + i / 256), the fractional part of a base-2 logarithm in 16.16 form. */
 constexpr uint32_t log2FractionTable[256] = {
-   0,     369,   736,   1102,  1466,  1829,  2190,  2551,  2909,  3267,  3623,  3978,  4331,
-   4683,  5034,  5384,  5732,  6079,  6425,  6769,  7112,  7454,  7795,  8134,  8473,  8810,
-   9146,  9480,  9814,  10146, 10477, 10807, 11136, 11464, 11791, 12116, 12440, 12764, 13086,
-   13407, 13727, 14046, 14363, 14680, 14996, 15310, 15624, 15937, 16248, 16559, 16868, 17177,
-   17484, 17791, 18096, 18401, 18704, 19007, 19308, 19609, 19909, 20207, 20505, 20802, 21098,
-   21393, 21687, 21980, 22272, 22564, 22854, 23144, 23433, 23720, 24007, 24293, 24579, 24863,
-   25146, 25429, 25711, 25992, 26272, 26551, 26830, 27108, 27384, 27660, 27936, 28210, 28484,
-   28757, 29029, 29300, 29571, 29840, 30109, 30378, 30645, 30912, 31178, 31443, 31707, 31971,
-   32234, 32496, 32758, 33019, 33279, 33538, 33797, 34055, 34312, 34569, 34825, 35080, 35334,
-   35588, 35841, 36094, 36346, 36597, 36847, 37097, 37346, 37595, 37842, 38090, 38336, 38582,
-   38827, 39072, 39316, 39559, 39802, 40044, 40286, 40527, 40767, 41006, 41246, 41484, 41722,
-   41959, 42196, 42432, 42667, 42902, 43137, 43370, 43603, 43836, 44068, 44300, 44530, 44761,
-   44990, 45220, 45448, 45676, 45904, 46131, 46357, 46583, 46809, 47034, 47258, 47482, 47705,
-   47928, 48150, 48372, 48593, 48813, 49034, 49253, 49472, 49691, 49909, 50127, 50344, 50560,
-   50776, 50992, 51207, 51422, 51636, 51850, 52063, 52276, 52488, 52700, 52911, 53122, 53332,
-   53542, 53751, 53960, 54169, 54377, 54584, 54791, 54998, 55204, 55410, 55615, 55820, 56025,
-   56229, 56432, 56635, 56838, 57040, 57242, 57443, 57644, 57845, 58045, 58245, 58444, 58643,
-   58841, 59039, 59237, 59434, 59631, 59827, 60023, 60219, 60414, 60609, 60803, 60997, 61190,
-   61384, 61576, 61769, 61961, 62152, 62343, 62534, 62725, 62915, 63104, 63294, 63483, 63671,
-   63859, 64047, 64234, 64421, 64608, 64794, 64980, 65166, 65351,
+    0,     369,   736,   1102,  1466,  1829,  2190,  2551,  2909,  3267,  3623,  3978,  4331,
+    4683,  5034,  5384,  5732,  6079,  6425,  6769,  7112,  7454,  7795,  8134,  8473,  8810,
+    9146,  9480,  9814,  10146, 10477, 10807, 11136, 11464, 11791, 12116, 12440, 12764, 13086,
+    13407, 13727, 14046, 14363, 14680, 14996, 15310, 15624, 15937, 16248, 16559, 16868, 17177,
+    17484, 17791, 18096, 18401, 18704, 19007, 19308, 19609, 19909, 20207, 20505, 20802, 21098,
+    21393, 21687, 21980, 22272, 22564, 22854, 23144, 23433, 23720, 24007, 24293, 24579, 24863,
+    25146, 25429, 25711, 25992, 26272, 26551, 26830, 27108, 27384, 27660, 27936, 28210, 28484,
+    28757, 29029, 29300, 29571, 29840, 30109, 30378, 30645, 30912, 31178, 31443, 31707, 31971,
+    32234, 32496, 32758, 33019, 33279, 33538, 33797, 34055, 34312, 34569, 34825, 35080, 35334,
+    35588, 35841, 36094, 36346, 36597, 36847, 37097, 37346, 37595, 37842, 38090, 38336, 38582,
+    38827, 39072, 39316, 39559, 39802, 40044, 40286, 40527, 40767, 41006, 41246, 41484, 41722,
+    41959, 42196, 42432, 42667, 42902, 43137, 43370, 43603, 43836, 44068, 44300, 44530, 44761,
+    44990, 45220, 45448, 45676, 45904, 46131, 46357, 46583, 46809, 47034, 47258, 47482, 47705,
+    47928, 48150, 48372, 48593, 48813, 49034, 49253, 49472, 49691, 49909, 50127, 50344, 50560,
+    50776, 50992, 51207, 51422, 51636, 51850, 52063, 52276, 52488, 52700, 52911, 53122, 53332,
+    53542, 53751, 53960, 54169, 54377, 54584, 54791, 54998, 55204, 55410, 55615, 55820, 56025,
+    56229, 56432, 56635, 56838, 57040, 57242, 57443, 57644, 57845, 58045, 58245, 58444, 58643,
+    58841, 59039, 59237, 59434, 59631, 59827, 60023, 60219, 60414, 60609, 60803, 60997, 61190,
+    61384, 61576, 61769, 61961, 62152, 62343, 62534, 62725, 62915, 63104, 63294, 63483, 63671,
+    63859, 64047, 64234, 64421, 64608, 64794, 64980, 65166, 65351,
 };
 
 /* 65536 * log2(10), truncated: divides a 16.16 base-2 logarithm into a base-10 one. */
@@ -137,10 +137,11 @@ void MXUserHistoSample(MXUserHisto *histo, uint64_t value)
    histo->totalSamples++;
    uint32_t bin = 0;
    if (value >= histo->minValue) {
-      uint64_t log10Times100 = (100 * static_cast<uint64_t>(MXUserLog2Fixed(value / histo->minValue))) /
-                               LOG2_OF_10_FIXED;
+      uint64_t log10Times100 =
+          (100 * static_cast<uint64_t>(MXUserLog2Fixed(value / histo->minValue))) /
+          LOG2_OF_10_FIXED;
       bin = log10Times100 >= histo->numBins ? histo->numBins - 1
-                                             : static_cast<uint32_t>(log10Times100);
+                                            : static_cast<uint32_t>(log10Times100);
    }
    histo->binData[bin]++;
 }
@@ -271,28 +272,27 @@ void MXUserEnableStats(const char *caller, MXUserHeader *header,
 {
    int mode = statsMode.load(std::memory_order_relaxed);
    switch (mode) {
-   case 0:
-      MXUserAcquisitionStatsFree(acquire.exchange(nullptr));
-      MXUserHeldStatsFree(held.exchange(nullptr));
-      header->statsFunc = nullptr;
-      break;
-   case 1:
-      MXUserAcquisitionStatsSetUp(acquire);
-      MXUserHeldStatsFree(held.exchange(nullptr));
-      header->statsFunc = statsAction;
-      break;
-   case 2:
-      MXUserAcquisitionStatsSetUp(acquire);
-      MXUserHeldStatsSetUp(held);
-      header->statsFunc = statsAction;
-      break;
-   default:
-      Panic("%s: unknown stats mode: %d!\n", caller, mode);
+      case 0:
+         MXUserAcquisitionStatsFree(acquire.exchange(nullptr));
+         MXUserHeldStatsFree(held.exchange(nullptr));
+         header->statsFunc = nullptr;
+         break;
+      case 1:
+         MXUserAcquisitionStatsSetUp(acquire);
+         MXUserHeldStatsFree(held.exchange(nullptr));
+         header->statsFunc = statsAction;
+         break;
+      case 2:
+         MXUserAcquisitionStatsSetUp(acquire);
+         MXUserHeldStatsSetUp(held);
+         header->statsFunc = statsAction;
+         break;
+      default:
+         Panic("%s: unknown stats mode: %d!\n", caller, mode);
    }
 }
 
-void MXUserAcquireWithStats(MXRecLock *lock, MXUserAcquisitionStats *acquire,
-                            MXUserHeldStats *held)
+void MXUserAcquireWithStats(MXRecLock *lock, MXUserAcquisitionStats *acquire, MXUserHeldStats *held)
 {
    if (MXRecLockIsOwner(lock)) {
       MXRecLockIncCount(lock);
@@ -362,14 +362,14 @@ void MXUserDumpAcquisitionStats(const MXUserAcquisitionStats *stats, const MXUse
    if (stats->numSuccesses != 0) {
       MXUserDumpBasicStats(&stats->basicStats, header);
    }
-   StatsOut("MXUser: ce l=%llu a=%llu s=%llu sc=%llu sct=%llu t=%llu\n",
-            static_cast<unsigned long long>(header->serialNumber),
-            static_cast<unsigned long long>(attempts),
-            static_cast<unsigned long long>(stats->numSuccesses),
-            static_cast<unsigned long long>(stats->numSuccessesContended),
-            static_cast<unsigned long long>(stats->successContentionTime),
-            static_cast<unsigned long long>(
-               stats->totalContentionTime.load(std::memory_order_relaxed)));
+   StatsOut(
+       "MXUser: ce l=%llu a=%llu s=%llu sc=%llu sct=%llu t=%llu\n",
+       static_cast<unsigned long long>(header->serialNumber),
+       static_cast<unsigned long long>(attempts),
+       static_cast<unsigned long long>(stats->numSuccesses),
+       static_cast<unsigned long long>(stats->numSuccessesContended),
+       static_cast<unsigned long long>(stats->successContentionTime),
+       static_cast<unsigned long long>(stats->totalContentionTime.load(std::memory_order_relaxed)));
 }
 
 void MXUserDumpHisto(const MXUserHisto *histo, const MXUserHeader *header)
@@ -378,10 +378,11 @@ void MXUserDumpHisto(const MXUserHisto *histo, const MXUserHeader *header)
        statsLine == nullptr || statsMaxLineLength == 0) {
       return;
    }
-   int len = Str_Snprintf(statsLine, statsMaxLineLength, "MXUser: h l=%llu t=%s min=%llu max=%llu\n",
-                          static_cast<unsigned long long>(header->serialNumber), histo->typeName,
-                          static_cast<unsigned long long>(histo->minValue),
-                          static_cast<unsigned long long>(histo->maxValue));
+   int len =
+       Str_Snprintf(statsLine, statsMaxLineLength, "MXUser: h l=%llu t=%s min=%llu max=%llu\n",
+                    static_cast<unsigned long long>(header->serialNumber), histo->typeName,
+                    static_cast<unsigned long long>(histo->minValue),
+                    static_cast<unsigned long long>(histo->maxValue));
    if (len > 0) {
       /* Each bin goes over the preceding line end, while it fits. */
       size_t end = static_cast<size_t>(len) - 1;
@@ -414,11 +415,11 @@ void MXUserContentionVerdictImpl(const MXUserAcquisitionStats *stats, double *ra
    if (attempts >= stats->contentionCountFloor) {
       double failed = attempts == 0 ? 0.0
                                     : static_cast<double>(attempts - stats->numSuccesses) /
-                                         static_cast<double>(attempts);
+                                          static_cast<double>(attempts);
       double contended = stats->numSuccesses == 0
-                            ? 0.0
-                            : static_cast<double>(stats->numSuccessesContended) /
-                                 static_cast<double>(stats->numSuccesses);
+                             ? 0.0
+                             : static_cast<double>(stats->numSuccessesContended) /
+                                   static_cast<double>(stats->numSuccesses);
       *ratio = failed > contended ? failed : contended;
    }
    if (stats->contentionCountFloor == UINT64_MAX) {

@@ -49,8 +49,8 @@ const EscapeTable escapeTable;
 
 char *EscapeValue(const char *value)
 {
-   char *escaped =
-      static_cast<char *>(Escape_Do(ESCAPE_BYTE, escapeTable.bytes, value, strlen(value), nullptr));
+   char *escaped = static_cast<char *>(
+       Escape_Do(ESCAPE_BYTE, escapeTable.bytes, value, strlen(value), nullptr));
    VERIFY(escaped != nullptr);
    return escaped;
 }
@@ -75,8 +75,7 @@ char *UnescapeValue(std::string_view value)
       }
    }
    size_t length = 0;
-   char *plain =
-      static_cast<char *>(Escape_Undo(ESCAPE_BYTE, value.data(), value.size(), &length));
+   char *plain = static_cast<char *>(Escape_Undo(ESCAPE_BYTE, value.data(), value.size(), &length));
    if (plain == nullptr) {
       return nullptr;
    }
@@ -193,7 +192,7 @@ ProductVersionNumber ProductStateData::VersionNumber()
    ProductVersionNumber *existing = versionNumber_.load(std::memory_order_acquire);
    if (existing == nullptr) {
       auto *fresh =
-         static_cast<ProductVersionNumber *>(Util_SafeCalloc(1, sizeof(ProductVersionNumber)));
+          static_cast<ProductVersionNumber *>(Util_SafeCalloc(1, sizeof(ProductVersionNumber)));
       const char *version = Version();
       if (strcmp(version, "e.x.p") == 0) {
          version = productStateBuiltInVersion;
@@ -269,8 +268,7 @@ bool ProductStateData::ApplyPiece(const char *key, size_t keyLength, const char 
       return ParseUnsigned(v, UINT32_MAX, &number) && SetProduct(static_cast<uint32_t>(number));
    }
    if (k == KEY_BUILDNUMBER) {
-      return ParseUnsigned(v, UINT32_MAX, &number) &&
-             SetBuildNumber(static_cast<uint32_t>(number));
+      return ParseUnsigned(v, UINT32_MAX, &number) && SetBuildNumber(static_cast<uint32_t>(number));
    }
    if (k == KEY_CAPABILITIES) {
       return ParseUnsigned(v, UINT64_MAX, &number) && SetCapabilities(number);
@@ -307,8 +305,7 @@ bool ProductStateData::Deserialize(const char *text)
          return false; /* an unterminated last piece */
       }
       const char *equals = static_cast<const char *>(memchr(piece, '=', end - piece));
-      if (equals == nullptr ||
-          !ApplyPiece(piece, equals - piece, equals + 1, end - equals - 1)) {
+      if (equals == nullptr || !ApplyPiece(piece, equals - piece, equals + 1, end - equals - 1)) {
          allApplied = false;
       }
       piece = end + 1;

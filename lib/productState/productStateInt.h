@@ -12,7 +12,7 @@
 /* A value that can be set once; readers see either nothing or the whole value. */
 template <typename T>
 class OnceValue {
- public:
+  public:
    bool Set(T value)
    {
       int expected = UNSET;
@@ -26,7 +26,7 @@ class OnceValue {
    bool IsSet() const { return state_.load(std::memory_order_acquire) == SET; }
    T Get(T fallback) const { return IsSet() ? value_ : fallback; }
 
- private:
+  private:
    enum { UNSET, SETTING, SET };
    std::atomic<int> state_{UNSET};
    T value_{};
@@ -39,7 +39,7 @@ struct ProductVersionNumber {
 };
 
 class ProductStateData {
- public:
+  public:
    ProductStateData() = default;
    ~ProductStateData();
    ProductStateData(const ProductStateData &) = delete;
@@ -67,7 +67,7 @@ class ProductStateData {
    char *Serialize(uint32_t mask) const;
    bool Deserialize(const char *text);
 
- private:
+  private:
    static bool SetString(std::atomic<char *> &slot, const char *value);
    /* Publishes fresh unless a value is there already; returns the value that stands. */
    static const char *Publish(std::atomic<char *> &slot, char *fresh);

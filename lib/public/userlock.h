@@ -60,8 +60,7 @@ MXUserCondVar *MXUser_CreateCondVarRecLock(MXUserRecLock *lock);
 MXUserCondVar *MXUser_CreateCondVarExclLock(MXUserExclLock *lock);
 void MXUser_WaitCondVarRecLock(MXUserRecLock *lock, MXUserCondVar *condVar);
 void MXUser_WaitCondVarExclLock(MXUserExclLock *lock, MXUserCondVar *condVar);
-void MXUser_TimedWaitCondVarRecLock(MXUserRecLock *lock, MXUserCondVar *condVar,
-                                    uint32_t msecWait);
+void MXUser_TimedWaitCondVarRecLock(MXUserRecLock *lock, MXUserCondVar *condVar, uint32_t msecWait);
 void MXUser_TimedWaitCondVarExclLock(MXUserExclLock *lock, MXUserCondVar *condVar,
                                      uint32_t msecWait);
 void MXUser_SignalCondVar(MXUserCondVar *condVar);

@@ -96,8 +96,8 @@ char *UUID_PackText(const uint8_t bytes[UUID_SIZE])
                            "%02x %02x %02x %02x %02x %02x %02x %02x-"
                            "%02x %02x %02x %02x %02x %02x %02x %02x",
                            bytes[0], bytes[1], bytes[2], bytes[3], bytes[4], bytes[5], bytes[6],
-                           bytes[7], bytes[8], bytes[9], bytes[10], bytes[11], bytes[12],
-                           bytes[13], bytes[14], bytes[15]);
+                           bytes[7], bytes[8], bytes[9], bytes[10], bytes[11], bytes[12], bytes[13],
+                           bytes[14], bytes[15]);
 }
 
 bool UUID_ParseText(const char *text, uint8_t bytes[UUID_SIZE])
@@ -127,10 +127,9 @@ char *UUID_ConvertToText(const char *text, char *buf, size_t size)
    if (!UUID_ParseText(text, b)) {
       return nullptr;
    }
-   Str_Sprintf(buf, size,
-               "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", b[0],
-               b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13],
-               b[14], b[15]);
+   Str_Sprintf(buf, size, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x",
+               b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12],
+               b[13], b[14], b[15]);
    return buf;
 }
 
@@ -167,25 +166,25 @@ char *UUID_CreateRandom(unsigned int kind, uint8_t tag)
       return nullptr;
    }
    switch (kind) {
-   case UUID_RANDOM_PLAIN:
-      bytes[0] = 'K';
-      bytes[1] = 'D';
-      break;
-   case UUID_RANDOM_HOST:
-      bytes[0] = 'R';
-      break;
-   case UUID_RANDOM_B:
-      bytes[0] = 'B';
-      bytes[1] = tag;
-      break;
-   case UUID_RANDOM_P:
-      bytes[0] = 'P';
-      bytes[1] = tag;
-      break;
-   default:
-      /* Log readers know this check by its reported line; keep the number fixed. */
+      case UUID_RANDOM_PLAIN:
+         bytes[0] = 'K';
+         bytes[1] = 'D';
+         break;
+      case UUID_RANDOM_HOST:
+         bytes[0] = 'R';
+         break;
+      case UUID_RANDOM_B:
+         bytes[0] = 'B';
+         bytes[1] = tag;
+         break;
+      case UUID_RANDOM_P:
+         bytes[0] = 'P';
+         bytes[1] = tag;
+         break;
+      default:
+         /* Log readers know this check by its reported line; keep the number fixed. */
 #line 304
-      NOT_REACHED();
+         NOT_REACHED();
    }
    return UUID_PackText(bytes);
 }

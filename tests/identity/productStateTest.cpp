@@ -87,7 +87,8 @@ TEST(ProductState, SerialisationEscapesAndRoundTrips)
    EXPECT_EQ(text,
              "product=7;name=A#3BB#23C;version=1.2.3;buildnumber=42;"
              "capabilities=18446744073709551615;bundleidentifier=com.example.x;");
-   EXPECT_EQ(Take(state.Serialize(0x02 | 0x10)), "name=A#3BB#23C;capabilities=18446744073709551615;");
+   EXPECT_EQ(Take(state.Serialize(0x02 | 0x10)),
+             "name=A#3BB#23C;capabilities=18446744073709551615;");
    EXPECT_EQ(Take(state.Serialize(0x20 | 0x40)), "");
 
    ProductStateData copy;
@@ -99,7 +100,8 @@ TEST(ProductState, SerialisationEscapesAndRoundTrips)
 TEST(ProductState, ReaderIsOrderIndependentAndSkipsUnknownKeys)
 {
    ProductStateData state;
-   EXPECT_TRUE(state.Deserialize("future=x;bundleidentifier=id;buildnumber=5;=;name=N#3b;product=3;"));
+   EXPECT_TRUE(
+       state.Deserialize("future=x;bundleidentifier=id;buildnumber=5;=;name=N#3b;product=3;"));
    EXPECT_EQ(state.Product(), 3u);
    EXPECT_EQ(state.BuildNumber(), 5u);
    EXPECT_STREQ(state.Name(), "N;");
@@ -110,9 +112,10 @@ TEST(ProductState, ReaderIsOrderIndependentAndSkipsUnknownKeys)
 TEST(ProductState, MalformedPiecesAreRefusedAndTheRestApplies)
 {
    ProductStateData state;
-   EXPECT_FALSE(state.Deserialize("product=12x;buildnumber=-1;capabilities=18446744073709551616;"
-                                  "nameonly;name=Good;version=bad#4;bundleidentifier=nul#00x;"
-                                  "product=4294967295;"));
+   EXPECT_FALSE(
+       state.Deserialize("product=12x;buildnumber=-1;capabilities=18446744073709551616;"
+                         "nameonly;name=Good;version=bad#4;bundleidentifier=nul#00x;"
+                         "product=4294967295;"));
    EXPECT_EQ(state.Product(), 4294967295u);
    EXPECT_EQ(state.BuildNumber(), 0u);
    EXPECT_EQ(state.Capabilities(), 0u);
@@ -155,7 +158,8 @@ TEST(ProductState, ProcessWideEntries)
    EXPECT_STREQ(ProductState_GetBuildNumberString(), "build-1234");
    unsigned int major = 0;
    ProductState_GetVersionNumber(&major, nullptr, nullptr);
-   EXPECT_EQ(std::to_string(major), std::string(ProductState_GetVersion()).substr(0, std::to_string(major).size()));
+   EXPECT_EQ(std::to_string(major),
+             std::string(ProductState_GetVersion()).substr(0, std::to_string(major).size()));
    EXPECT_EQ(Take(ProductState_Serialize(0x08)), "buildnumber=1234;");
    EXPECT_TRUE(ProductState_Deserialize("bundleidentifier=b;"));
    EXPECT_STREQ(ProductState_GetBundleIdentifier(), "b");

@@ -54,14 +54,13 @@ TEST(UUID, TextFormsAndParser)
    EXPECT_EQ(memcmp(back, bytes, 16), 0);
 
    for (const char *bad : {
-           "",
-           "0a 1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 0",    /* short */
-           "0a 1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 09 ",  /* trailing blank */
-           "0a 1b 2c 3d 4e 5f 70 81 92 a3 b4 c5 d6 e7 f8 09",   /* no dash */
-           "0a 1b 2c 3d-4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 09",   /* dash misplaced */
-           "0a 1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 0g",   /* not hex */
-           "0a1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 09 0", /* pairs run together */
-           "0a1b2c3d-4e5f-7081-92a3-b4c5d6e7f809",              /* canonical form */
+            "", "0a 1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 0", /* short */
+            "0a 1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 09 ",   /* trailing blank */
+            "0a 1b 2c 3d 4e 5f 70 81 92 a3 b4 c5 d6 e7 f8 09",    /* no dash */
+            "0a 1b 2c 3d-4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 09",    /* dash misplaced */
+            "0a 1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 0g",    /* not hex */
+            "0a1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 09 0",   /* pairs run together */
+            "0a1b2c3d-4e5f-7081-92a3-b4c5d6e7f809",               /* canonical form */
         }) {
       EXPECT_FALSE(UUID_ParseText(bad, back)) << bad;
       EXPECT_EQ(UUID_ConvertToText(bad, canonical, sizeof canonical), nullptr) << bad;
@@ -75,9 +74,8 @@ TEST(UUID, HostIdentifierHashesTheMachineIdentity)
    uint32_t hostId = 0;
    uint64_t hardwareId = 0;
    Hostinfo_MachineID(&hostId, &hardwareId);
-   std::string identity = hardwareId != 0
-                             ? std::string(reinterpret_cast<char *>(&hardwareId), 8)
-                             : std::string(reinterpret_cast<char *>(&hostId), 4);
+   std::string identity = hardwareId != 0 ? std::string(reinterpret_cast<char *>(&hardwareId), 8)
+                                          : std::string(reinterpret_cast<char *>(&hostId), 4);
    std::string host = Take(UUID_GetHostUUID());
    EXPECT_EQ(host, Sha1Spaced(identity, "R"));
    EXPECT_EQ(host.substr(0, 3), "52 ");
@@ -112,8 +110,9 @@ TEST(UUID, LocationIdentifierFollowsCanonicalPathAndHost)
    log.Clear();
    EXPECT_EQ(UUID_CreateLocation(file.c_str(), 3), nullptr);
    EXPECT_EQ(UUID_CreateLocation(file.c_str(), -1), nullptr);
-   EXPECT_EQ(log.Text(), "Warning: UUID_CreateLocation: Unknown scheme control value 3\n"
-                         "Warning: UUID_CreateLocation: Unknown scheme control value -1\n");
+   EXPECT_EQ(log.Text(),
+             "Warning: UUID_CreateLocation: Unknown scheme control value 3\n"
+             "Warning: UUID_CreateLocation: Unknown scheme control value -1\n");
 }
 
 TEST(UUID, RandomIdentifiersCarryTheirKind)

@@ -81,8 +81,8 @@ TEST(MXUserHooks, BindingNeedsHooksAndForwardsEveryOperation)
    MXUserInstallMxHooks(nullptr, nullptr, HostLock, HostUnlock, HostTry, HostIsLocked, HostName,
                         HostSetInPanic, HostInPanic);
    /* A second installation is ignored. */
-   MXUserInstallMxHooks(nullptr, nullptr, OtherLock, OtherLock, nullptr, nullptr, nullptr,
-                        nullptr, nullptr);
+   MXUserInstallMxHooks(nullptr, nullptr, OtherLock, OtherLock, nullptr, nullptr, nullptr, nullptr,
+                        nullptr);
 
    MXUserRecLock *bound = MXUser_BindMXMutexRec(Rec(&host), 7);
    ASSERT_NE(bound, nullptr);

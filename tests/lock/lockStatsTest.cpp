@@ -40,7 +40,7 @@ std::vector<std::string> Matching(const std::string &pattern)
 }
 
 class MXUserStats : public ::testing::Test {
- protected:
+  protected:
    void SetUp() override
    {
       lines.clear();
@@ -69,12 +69,12 @@ TEST(MXUserStatsMath, HistogramBinsAreHundredthsOfADecade)
    MXUserHisto *histo = MXUserHistoSetUp("a", 1000, 7);
    EXPECT_EQ(histo->numBins, 700u);
    EXPECT_EQ(histo->maxValue, 10000000000ULL);
-   MXUserHistoSample(histo, 10);           /* below the minimum */
-   MXUserHistoSample(histo, 1999);         /* quotient 1 */
-   MXUserHistoSample(histo, 10000);        /* one decade */
-   MXUserHistoSample(histo, 100000);       /* two decades */
-   MXUserHistoSample(histo, 31622);        /* half a decade, just under */
-   MXUserHistoSample(histo, UINT64_MAX);   /* far beyond: last bin */
+   MXUserHistoSample(histo, 10);         /* below the minimum */
+   MXUserHistoSample(histo, 1999);       /* quotient 1 */
+   MXUserHistoSample(histo, 10000);      /* one decade */
+   MXUserHistoSample(histo, 100000);     /* two decades */
+   MXUserHistoSample(histo, 31622);      /* half a decade, just under */
+   MXUserHistoSample(histo, UINT64_MAX); /* far beyond: last bin */
    EXPECT_EQ(histo->totalSamples, 6u);
    EXPECT_EQ(histo->binData[0], 2u);
    EXPECT_EQ(histo->binData[100], 1u);
@@ -174,8 +174,9 @@ TEST_F(MXUserStats, PerLockReportAnnouncesOnceAndWritesEveryLine)
    MXUser_PerLockData();
    std::string l = std::to_string(serial);
    EXPECT_EQ(Matching("^MXUser: n n=counted l=" + l + " r=0x77\n$").size(), 1u);
-   EXPECT_EQ(Matching("^MXUser: e l=" + l + " t=h c=4 min=\\d+ max=\\d+ mean=\\d+ sd=\\d+\n$").size(),
-             1u);
+   EXPECT_EQ(
+       Matching("^MXUser: e l=" + l + " t=h c=4 min=\\d+ max=\\d+ mean=\\d+ sd=\\d+\n$").size(),
+       1u);
    EXPECT_EQ(Matching("^MXUser: e l=" + l + " t=a c=4 min=").size(), 1u);
    EXPECT_EQ(Matching("^MXUser: ce l=" + l + " a=4 s=4 sc=0 sct=0 t=0\n$").size(), 1u);
    EXPECT_TRUE(Matching("^MXUser: h ").empty()); /* no histogram before the lock is hot */
@@ -224,8 +225,9 @@ TEST_F(MXUserStats, HistogramLineStopsWhereTheBufferEnds)
    MXUser_SetStatsFunc(&lines, 256, CollectLine);
    MXUserDumpHisto(histo, &header);
    ASSERT_EQ(lines.size(), 1u);
-   EXPECT_EQ(lines[0], "MXUser: h l=9 t=h min=1 max=10000000 0-1 100-1 200-1 300-1 400-1 500-1 "
-                       "600-1\n");
+   EXPECT_EQ(lines[0],
+             "MXUser: h l=9 t=h min=1 max=10000000 0-1 100-1 200-1 300-1 400-1 500-1 "
+             "600-1\n");
 
    /* Room for the first two bins and not the third. */
    std::string head = "MXUser: h l=9 t=h min=1 max=10000000\n";

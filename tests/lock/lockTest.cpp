@@ -102,12 +102,12 @@ TEST(MXUser, FirstLockOfAProcessHasSerialNumberOne)
    GTEST_FLAG_SET(death_test_style, "threadsafe");
    /* The threadsafe style re-runs the program, so the child starts with fresh globals. */
    EXPECT_EXIT(
-      {
-         MXUserExclLock *first = MXUser_CreateExclLock("first", 0);
-         MXUserRecLock *second = MXUser_CreateRecLock("second", 0);
-         exit(static_cast<int>(first->header.serialNumber * 10 + second->header.serialNumber));
-      },
-      ::testing::ExitedWithCode(12), "");
+       {
+          MXUserExclLock *first = MXUser_CreateExclLock("first", 0);
+          MXUserRecLock *second = MXUser_CreateRecLock("second", 0);
+          exit(static_cast<int>(first->header.serialNumber * 10 + second->header.serialNumber));
+       },
+       ::testing::ExitedWithCode(12), "");
 }
 
 TEST(MXUser, RecursiveLockNestsCountsAndDumps)
@@ -157,71 +157,71 @@ TEST(MXUser, HeldLocksPanicOnDestroyAfterDumpingThemselves)
 {
    MXUserExclLock *excl = MXUser_CreateExclLock("held", 0x10);
    std::string exclDump =
-      "Warning: MXUserDumpExclLock: Exclusive lock @ 0x[0-9a-f]+\n"
-      ".*Warning: \tsignature 0x4[0-9A-F]{7}\n"
-      ".*Warning: \tname held\n"
-      ".*Warning: \trank 0x10\n"
-      ".*Warning: \tserial number [0-9]+\n"
-      ".*Warning: \tlock count 2\n"
-      ".*Warning: \taddress of owner data 0x[0-9a-f]+\n"
-      ".*Panic: MXUser_DestroyExclLock: Destroy of an acquired exclusive lock\n";
+       "Warning: MXUserDumpExclLock: Exclusive lock @ 0x[0-9a-f]+\n"
+       ".*Warning: \tsignature 0x4[0-9A-F]{7}\n"
+       ".*Warning: \tname held\n"
+       ".*Warning: \trank 0x10\n"
+       ".*Warning: \tserial number [0-9]+\n"
+       ".*Warning: \tlock count 2\n"
+       ".*Warning: \taddress of owner data 0x[0-9a-f]+\n"
+       ".*Panic: MXUser_DestroyExclLock: Destroy of an acquired exclusive lock\n";
    EXPECT_EXIT(
-      {
-         Log_SetOutputFd(2);
-         MXUser_AcquireExclLock(excl);
-         MXUser_AcquireExclLock(excl);
-         MXUser_DestroyExclLock(excl);
-      },
-      ::testing::ExitedWithCode(1), exclDump);
+       {
+          Log_SetOutputFd(2);
+          MXUser_AcquireExclLock(excl);
+          MXUser_AcquireExclLock(excl);
+          MXUser_DestroyExclLock(excl);
+       },
+       ::testing::ExitedWithCode(1), exclDump);
    MXUser_DestroyExclLock(excl);
 
    MXUserRecLock *rec = MXUser_CreateRecLock("shared", 3);
    std::string recDump =
-      "Warning: MXUserDumpRecLock: Recursive lock @ 0x[0-9a-f]+\n"
-      ".*Warning: \tsignature 0x2[0-9A-F]{7}\n"
-      ".*Warning: \tname shared\n"
-      ".*Warning: \trank 0x3\n"
-      ".*Warning: \tserial number [0-9]+\n"
-      ".*Warning: \treference count 0\n"
-      ".*Warning: \tlock count 1\n"
-      ".*Warning: \taddress of owner data 0x[0-9a-f]+\n"
-      ".*Panic: MXUserCondDestroyRecLock: Destroy of an acquired recursive lock\n";
+       "Warning: MXUserDumpRecLock: Recursive lock @ 0x[0-9a-f]+\n"
+       ".*Warning: \tsignature 0x2[0-9A-F]{7}\n"
+       ".*Warning: \tname shared\n"
+       ".*Warning: \trank 0x3\n"
+       ".*Warning: \tserial number [0-9]+\n"
+       ".*Warning: \treference count 0\n"
+       ".*Warning: \tlock count 1\n"
+       ".*Warning: \taddress of owner data 0x[0-9a-f]+\n"
+       ".*Panic: MXUserCondDestroyRecLock: Destroy of an acquired recursive lock\n";
    EXPECT_EXIT(
-      {
-         Log_SetOutputFd(2);
-         MXUser_IncRefRecLock(rec);
-         MXUser_AcquireRecLock(rec);
-         MXUser_DestroyRecLock(rec); /* not the last reference: no check yet */
-         MXUser_DestroyRecLock(rec);
-      },
-      ::testing::ExitedWithCode(1), recDump);
+       {
+          Log_SetOutputFd(2);
+          MXUser_IncRefRecLock(rec);
+          MXUser_AcquireRecLock(rec);
+          MXUser_DestroyRecLock(rec); /* not the last reference: no check yet */
+          MXUser_DestroyRecLock(rec);
+       },
+       ::testing::ExitedWithCode(1), recDump);
    MXUser_DestroyRecLock(rec);
 }
 
 TEST(MXUser, UnknownStatisticsModeIsFatal)
 {
    EXPECT_PANIC(
-      {
-         MXUser_SetStatsMode(3);
-         MXUser_CreateExclLock("x", 0);
-      },
-      "MXUser_CreateExclLock: unknown stats mode: 3!\n");
+       {
+          MXUser_SetStatsMode(3);
+          MXUser_CreateExclLock("x", 0);
+       },
+       "MXUser_CreateExclLock: unknown stats mode: 3!\n");
    EXPECT_PANIC(
-      {
-         MXUser_SetStatsMode(-1);
-         MXUser_CreateRecLock("r", 0);
-      },
-      "MXUser_CreateRecLock: unknown stats mode: -1!\n");
+       {
+          MXUser_SetStatsMode(-1);
+          MXUser_CreateRecLock("r", 0);
+       },
+       "MXUser_CreateRecLock: unknown stats mode: -1!\n");
 }
 
 TEST(MXUser, SerialNumberWrapIsFatal)
 {
    EXPECT_PANIC(
-      {
-         mxUserSerialCounter.store(0);
-         MXUser_CreateExclLock("x", 0);
-      },
-      "MXUserAllocSerialNumber: too many locks!\n");
+       {
+          mxUserSerialCounter.store(0);
+          MXUser_CreateExclLock("x", 0);
+       },
+       "MXUserAllocSerialNumber: too many locks!\n");
 }
 
 TEST(MXUser, ZeroTimeoutWaitReturnsWithTheNestingRestored)
@@ -250,24 +250,24 @@ TEST(MXUser, ConditionVariableMisuseIsFatal)
    MXUserCondVar *cv = MXUser_CreateCondVarExclLock(owner);
 
    EXPECT_PANIC(
-      {
-         MXUser_AcquireExclLock(other);
-         MXUser_WaitCondVarExclLock(other, cv);
-      },
-      "MXUserWaitCondVar: invalid use of lock other with condVar (0x" + Hex(cv) + "; owner)\n");
+       {
+          MXUser_AcquireExclLock(other);
+          MXUser_WaitCondVarExclLock(other, cv);
+       },
+       "MXUserWaitCondVar: invalid use of lock other with condVar (0x" + Hex(cv) + "; owner)\n");
 
    EXPECT_PANIC(
-      {
-         std::thread waiter([&] {
-            MXUser_AcquireExclLock(owner);
-            MXUser_WaitCondVarExclLock(owner, cv);
-         });
-         while (cv->referenceCount.load() == 0) {
-            std::this_thread::yield();
-         }
-         MXUser_DestroyCondVar(cv);
-      },
-      "MXUser_DestroyCondVar: Attempted destroy on active condVar (0x" + Hex(cv) + "; owner)\n");
+       {
+          std::thread waiter([&] {
+             MXUser_AcquireExclLock(owner);
+             MXUser_WaitCondVarExclLock(owner, cv);
+          });
+          while (cv->referenceCount.load() == 0) {
+             std::this_thread::yield();
+          }
+          MXUser_DestroyCondVar(cv);
+       },
+       "MXUser_DestroyCondVar: Attempted destroy on active condVar (0x" + Hex(cv) + "; owner)\n");
 
    MXUser_DestroyCondVar(cv);
    MXUser_DestroyExclLock(other);

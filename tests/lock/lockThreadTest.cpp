@@ -10,7 +10,7 @@ namespace {
 
 /* Starts every thread's body at once, to widen the race windows. */
 class StartLine {
- public:
+  public:
    explicit StartLine(int n) : waiting_(n) {}
    void Arrive()
    {
@@ -20,7 +20,7 @@ class StartLine {
       }
    }
 
- private:
+  private:
    std::atomic<int> waiting_;
 };
 
