@@ -1,0 +1,259 @@
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "hostinfo.h"
+#include "id.h"
+#include "misc/idInt.h"
+#include "testSupport.h"
+
+using testsupport::LogCapture;
+using testsupport::ScratchDir;
+
+namespace {
+
+const char *const kDaemon = "/usr/bin/dbus-daemon";
+const char *const kSend = "/usr/bin/dbus-send";
+const char *const kPython = "/usr/bin/python3"; /* the interpreter the system's dbusmock is for */
+
+pid_t Spawn(const std::vector<std::string> &argv, const std::string &output)
+{
+   pid_t pid = fork();
+   if (pid == 0) {
+      int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+      dup2(fd, 1);
+      dup2(fd, 2);
+      unsetenv("PYTHONPATH");
+      unsetenv("PYTHONHOME");
+      std::vector<char *> args;
+      for (const std::string &arg : argv) {
+         args.push_back(const_cast<char *>(arg.c_str()));
+      }
+      args.push_back(nullptr);
+      execv(args[0], args.data());
+      _exit(127);
+   }
+   return pid;
+}
+
+int RunToExit(const std::vector<std::string> &argv)
+{
+   int status = 0;
+   pid_t pid = Spawn(argv, "/dev/null");
+   return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status)
+                                                                          : -1;
+}
+
+void Stop(pid_t pid)
+{
+   if (pid > 0 && kill(pid, SIGTERM) == 0) {
+      waitpid(pid, nullptr, 0);
+   }
+}
+
+/* Each test starts and ends without a cached reference. */
+class IdAuth : public ::testing::Test {
+  protected:
+   void SetUp() override { IdAuthCacheDiscard(); }
+   void TearDown() override { IdAuthCacheDiscard(); }
+};
+
+/* A private bus, named as this process's system bus, with dbusmock's polkit stand-in on it. */
+class PolkitAuth : public IdAuth {
+  protected:
+   void SetUp() override
+   {
+      IdAuth::SetUp();
+      if (access(kDaemon, X_OK) != 0 || access(kSend, X_OK) != 0) {
+         GTEST_SKIP() << "dbus-daemon or dbus-send is not installed";
+      }
+      if (RunToExit({kPython, "-c", "import dbusmock"}) != 0) {
+         GTEST_SKIP() << "python3-dbusmock is not installed for " << kPython;
+      }
+      address_ = "unix:path=" + scratch_ / "bus";
+      daemon_ = Spawn({kDaemon, "--session", "--nofork", "--address=" + address_}, "/dev/null");
+      setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
+      mock_ = Spawn({kPython, "-m", "dbusmock", "--template", "polkitd", "-l", scratch_ / "calls"},
+                    scratch_ / "mock.out");
+      for (int tries = 0; !Allow(""); tries++) {
+         ASSERT_LT(tries, 150) << "the polkit stand-in did not come up";
+         usleep(100 * 1000);
+      }
+   }
+
+   void TearDown() override
+   {
+      Stop(mock_);
+      Stop(daemon_);
+      unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+      IdAuth::TearDown();
+   }
+
+   bool Allow(const std::string &right)
+   {
+      return RunToExit({kSend, "--bus=" + address_, "--print-reply",
+                        "--dest=org.freedesktop.PolicyKit1",
+                        "/org/freedesktop/PolicyKit1/Authority",
+                        "org.freedesktop.DBus.Mock.SetAllowed", "array:string:" + right}) == 0;
+   }
+
+   /* The CheckAuthorization calls the stand-in received, as it logged them. */
+   std::vector<std::string> Checks() const
+   {
+      std::ifstream log(scratch_ / "calls");
+      std::vector<std::string> checks;
+      for (std::string line; std::getline(log, line);) {
+         if (line.find(" CheckAuthorization ") != std::string::npos) {
+            checks.push_back(line);
+         }
+      }
+      return checks;
+   }
+
+   ScratchDir scratch_;
+   std::string address_;
+   pid_t daemon_ = -1;
+   pid_t mock_ = -1;
+};
+
+/* Another process that hands over its reference's form and lives until released. */
+class FormDonor {
+  public:
+   FormDonor()
+   {
+      int toParent[2], toChild[2];
+      EXPECT_EQ(pipe(toParent) | pipe(toChild), 0);
+      pid_ = fork();
+      if (pid_ == 0) {
+         close(toChild[1]);
+         size_t size = 0;
+         void *form = Id_AuthGetExternal(&size);
+         char byte;
+         if (form != nullptr && write(toParent[1], form, size) == (ssize_t)size) {
+            (void)!read(toChild[0], &byte, 1); /* returns at the parent's close */
+         }
+         _exit(0);
+      }
+      close(toParent[1]);
+      close(toChild[0]);
+      release_ = toChild[1];
+      form.resize(ID_AUTH_EXTERNAL_SIZE);
+      EXPECT_EQ(read(toParent[0], form.data(), form.size()), ID_AUTH_EXTERNAL_SIZE);
+      close(toParent[0]);
+   }
+   ~FormDonor() { Release(); }
+   void Release()
+   {
+      if (release_ >= 0) {
+         close(release_);
+         release_ = -1;
+         waitpid(pid_, nullptr, 0);
+      }
+   }
+   pid_t Pid() const { return pid_; }
+   std::vector<unsigned char> form;
+
+  private:
+   pid_t pid_;
+   int release_ = -1;
+};
+
+std::string Pattern(const char *key, const char *type, uint64_t value)
+{
+   return std::string("'") + key + "'): dbus." + type + "(" + std::to_string(value) + ",";
+}
+
+}  // namespace
+
+TEST_F(IdAuth, SetAcceptsOneValidFormOnce)
+{
+   FormDonor donor;
+   std::vector<unsigned char> &form = donor.form;
+   LogCapture log;
+   EXPECT_FALSE(Id_AuthSet(form.data(), 31));
+   EXPECT_FALSE(Id_AuthSet(form.data(), 33));
+   EXPECT_FALSE(Id_AuthSet(nullptr, 32));
+   EXPECT_EQ(log.Text(),
+             "Warning: Id_AuthSet: Invalid argument.\n"
+             "Warning: Id_AuthSet: Invalid argument.\n"
+             "Warning: Id_AuthSet: Invalid argument.\n");
+
+   const std::string refused = "Warning: AuthorizationCreateFromExternalForm failed.\n";
+   for (size_t byte : {0u, 4u, 16u, 31u}) { /* magic, version, start time, reserved */
+      log.Clear();
+      std::vector<unsigned char> altered = form;
+      altered[byte] ^= 1;
+      EXPECT_FALSE(Id_AuthSet(altered.data(), altered.size())) << "byte " << byte;
+      EXPECT_EQ(log.Text(), refused);
+   }
+
+   log.Clear();
+   ASSERT_TRUE(Id_AuthSet(form.data(), form.size()));
+   size_t size = 0;
+   void *current = Id_AuthGetExternal(&size);
+   ASSERT_EQ(size, 32u);
+   EXPECT_EQ(memcmp(current, form.data(), size), 0);
+   free(current);
+   EXPECT_EQ(log.Text(), "");
+   EXPECT_PANIC(Id_AuthSet(form.data(), form.size()), "NOT_IMPLEMENTED lib/misc/idLinux:");
+
+   /* A form outlives its process only as a refusal. */
+   donor.Release();
+   EXPECT_FALSE(Id_AuthSet(form.data(), form.size()));
+   EXPECT_EQ(log.Text(), refused);
+}
+
+TEST_F(IdAuth, CheckWithoutAuthorityMeansNo)
+{
+   ScratchDir scratch;
+   setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + scratch / "nobody").c_str(), 1);
+   LogCapture log;
+   EXPECT_FALSE(Id_AuthCheck("org.example.tesmar.anything", "Prompt", false));
+   EXPECT_EQ(log.Text().rfind("Id_AuthCheck: system bus unavailable: ", 0), 0u) << log.Text();
+   unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+}
+
+TEST_F(PolkitAuth, AllowedAndDeniedRights)
+{
+   ASSERT_TRUE(Allow("org.example.tesmar.allowed"));
+   EXPECT_TRUE(Id_AuthCheck("org.example.tesmar.allowed", "Install the services", true));
+   EXPECT_FALSE(Id_AuthCheck("org.example.tesmar.denied", nullptr, false));
+   /* Never sent: libdbus would abort on strings that are not UTF-8. */
+   EXPECT_FALSE(Id_AuthCheck("org.example.\xff", nullptr, false));
+   EXPECT_FALSE(Id_AuthCheck("org.example.tesmar.allowed", "bad \xc3", false));
+   EXPECT_FALSE(Id_AuthCheck(nullptr, nullptr, false));
+
+   /* The subject is this process; the prompt travels as the message detail. */
+   uint64_t ticks;
+   ASSERT_TRUE(Hostinfo_GetProcessStartTicks(getpid(), &ticks));
+   std::vector<std::string> checks = Checks();
+   ASSERT_EQ(checks.size(), 2u);
+   for (const std::string &check : checks) {
+      EXPECT_NE(check.find("(dbus.String('unix-process')"), std::string::npos) << check;
+      EXPECT_NE(check.find(Pattern("pid", "UInt32", getpid())), std::string::npos) << check;
+      EXPECT_NE(check.find(Pattern("start-time", "UInt64", ticks)), std::string::npos) << check;
+      EXPECT_NE(check.find(Pattern("uid", "Int32", getuid())), std::string::npos) << check;
+   }
+   EXPECT_TRUE(checks[0].ends_with(
+       "\"org.example.tesmar.allowed\" {\"polkit.message\": \"Install the services\"} 1 \"\""))
+       << checks[0];
+   EXPECT_TRUE(checks[1].ends_with("\"org.example.tesmar.denied\" {} 0 \"\"")) << checks[1];
+}
+
+TEST_F(PolkitAuth, BorrowedReferenceSpeaksForItsProcess)
+{
+   FormDonor donor;
+   ASSERT_TRUE(Id_AuthSet(donor.form.data(), donor.form.size()));
+   ASSERT_TRUE(Allow("org.example.tesmar.allowed"));
+   EXPECT_TRUE(Id_AuthCheck("org.example.tesmar.allowed", nullptr, false));
+   std::vector<std::string> checks = Checks();
+   ASSERT_EQ(checks.size(), 1u);
+   EXPECT_NE(checks[0].find(Pattern("pid", "UInt32", donor.Pid())), std::string::npos) << checks[0];
+}
