@@ -1,5 +1,6 @@
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -66,7 +67,12 @@ TEST(UUID, TextFormsAndParser)
       EXPECT_EQ(UUID_ConvertToText(bad, canonical, sizeof canonical), nullptr) << bad;
    }
    EXPECT_FALSE(UUID_ParseText(nullptr, back));
-   EXPECT_PANIC(UUID_ConvertToText(spaced.c_str(), canonical, 36), "lib/uuid/uuid:");
+   EXPECT_EXIT(
+       {
+          Log_SetOutputFd(2);
+          UUID_ConvertToText(spaced.c_str(), canonical, 36);
+       },
+       ::testing::ExitedWithCode(1), "Buffer too small");
 }
 
 TEST(UUID, HostIdentifierHashesTheMachineIdentity)
@@ -90,6 +96,7 @@ TEST(UUID, LocationIdentifierFollowsCanonicalPathAndHost)
    ASSERT_NE(f, nullptr);
    fclose(f);
    ASSERT_EQ(symlink(file.c_str(), (dir / "link").c_str()), 0);
+   ASSERT_EQ(mkdir((dir / "x").c_str(), 0700), 0);
    char *real = realpath(file.c_str(), nullptr);
    std::string canonical = real;
    free(real);
@@ -99,7 +106,7 @@ TEST(UUID, LocationIdentifierFollowsCanonicalPathAndHost)
    EXPECT_EQ(id, Sha1Spaced(host + canonical, "KD"));
    EXPECT_EQ(id.substr(0, 6), "4b 44 ");
    EXPECT_EQ(Take(UUID_CreateLocation((dir / "link").c_str(), 1)), id);
-   EXPECT_EQ(Take(UUID_CreateLocation((dir / "x/../f").c_str(), 2)), id);
+   EXPECT_EQ(Take(UUID_CreateLocation((dir / "./x/../f").c_str(), 2)), id);
    EXPECT_NE(Take(UUID_CreateLocation(dir.Path().c_str(), 0)), id);
 
    LogCapture log;
