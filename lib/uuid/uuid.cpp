@@ -144,6 +144,9 @@ char *UUID_CreateLocation(const char *path, int schemeControl)
       Warning("%s: Unknown scheme control value %d\n", "UUID_CreateLocation", schemeControl);
       return nullptr;
    }
+   if (path == nullptr) {
+      return nullptr;
+   }
    const char *host = HostUUIDText();
    char *canonical = realpath(path, nullptr);
    const char *hashed = canonical;

@@ -117,6 +117,7 @@ TEST(UUID, LocationIdentifierFollowsCanonicalPathAndHost)
    log.Clear();
    EXPECT_EQ(UUID_CreateLocation(file.c_str(), 3), nullptr);
    EXPECT_EQ(UUID_CreateLocation(file.c_str(), -1), nullptr);
+   EXPECT_EQ(UUID_CreateLocation(nullptr, 0), nullptr);
    EXPECT_EQ(log.Text(),
              "Warning: UUID_CreateLocation: Unknown scheme control value 3\n"
              "Warning: UUID_CreateLocation: Unknown scheme control value -1\n");
