@@ -18,6 +18,7 @@
 
 #include <algorithm>
 
+#include "codesetBuiltin.h"
 #include "log.h"
 #include "str.h"
 #include "util.h"
@@ -28,45 +29,12 @@ constexpr size_t kModulePathSize = 1024;
 
 /*
  * The default (locale) encoding is UTF-8 on this platform, so conversion is a copy that refuses
- * text which is not valid UTF-8, as a real conversion would.
+ * text which is not valid UTF-8, as a real conversion would. The validator is the built-in
+ * converters' own, which keeps ICU out of programs that only start daemons.
  */
-bool HostinfoIsValidUtf8(const char *text)
-{
-   const unsigned char *p = (const unsigned char *)text;
-   while (*p != 0) {
-      unsigned char c = *p;
-      int follow;
-      uint32_t min;
-      uint32_t cp;
-      if (c < 0x80) {
-         p++;
-         continue;
-      } else if ((c & 0xE0) == 0xC0) {
-         follow = 1, min = 0x80, cp = c & 0x1F;
-      } else if ((c & 0xF0) == 0xE0) {
-         follow = 2, min = 0x800, cp = c & 0x0F;
-      } else if ((c & 0xF8) == 0xF0) {
-         follow = 3, min = 0x10000, cp = c & 0x07;
-      } else {
-         return false;
-      }
-      p++;
-      for (int i = 0; i < follow; i++, p++) {
-         if ((*p & 0xC0) != 0x80) {
-            return false;
-         }
-         cp = (cp << 6) | (*p & 0x3F);
-      }
-      if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-         return false;
-      }
-   }
-   return true;
-}
-
 char *HostinfoUtf8ToDefaultEncoding(const char *text)
 {
-   if (!HostinfoIsValidUtf8(text)) {
+   if (!CodeSetIsValidUtf8(text, strlen(text))) {
       errno = EILSEQ;
       return nullptr;
    }

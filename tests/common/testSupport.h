@@ -14,7 +14,7 @@ namespace testsupport {
 
 /* Routes the log to an in-memory file for the lifetime of the object. */
 class LogCapture {
- public:
+  public:
    LogCapture();
    ~LogCapture();
    LogCapture(const LogCapture &) = delete;
@@ -26,7 +26,7 @@ class LogCapture {
    std::string Text() const;
    void Clear();
 
- private:
+  private:
    int fd_;
    int previousFd_;
 };
@@ -36,7 +36,7 @@ std::string StripStamps(const std::string &text);
 
 /* A fresh directory under the system's temporary directory, removed with its contents. */
 class ScratchDir {
- public:
+  public:
    ScratchDir();
    ~ScratchDir();
    ScratchDir(const ScratchDir &) = delete;
@@ -44,7 +44,7 @@ class ScratchDir {
    const std::string &Path() const { return path_; }
    std::string operator/(const std::string &name) const { return path_ + "/" + name; }
 
- private:
+  private:
    std::string path_;
 };
 
@@ -57,12 +57,21 @@ std::string RegexQuote(const std::string &text);
  * Expects statement to panic: the panic line ("Panic: " + message) on the log, exit status 1.
  * The log is routed to standard error inside the child so the death test can read it.
  */
-#define EXPECT_PANIC(statement, message)                                                 \
-   EXPECT_EXIT(                                                                          \
-      {                                                                                  \
-         Log_SetOutputFd(2);                                                             \
-         statement;                                                                      \
-      },                                                                                 \
-      ::testing::ExitedWithCode(1), "Panic: " + ::testsupport::RegexQuote(message))
+#define EXPECT_PANIC(statement, message) \
+   EXPECT_EXIT(                          \
+       {                                 \
+          Log_SetOutputFd(2);            \
+          statement;                     \
+       },                                \
+       ::testing::ExitedWithCode(1), "Panic: " + ::testsupport::RegexQuote(message))
+
+/* As EXPECT_PANIC, with the message given as a regular expression. */
+#define EXPECT_PANIC_MATCHING(statement, messageRegex) \
+   EXPECT_EXIT(                                        \
+       {                                               \
+          Log_SetOutputFd(2);                          \
+          statement;                                   \
+       },                                              \
+       ::testing::ExitedWithCode(1), std::string("Panic: ") + (messageRegex))
 
 #endif

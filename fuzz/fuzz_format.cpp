@@ -1,0 +1,100 @@
+/*
+ * The printf engine on arbitrary format text. Arguments come from a captured array built from
+ * the input, so every request is answered with a value of a fitting type or refused.
+ *
+ * Input: one byte giving the argument count (low 4 bits), then 9 bytes per argument (a type
+ * byte and 8 value bytes), then the format text.
+ */
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "msgfmt.h"
+
+namespace {
+
+const char *const kStrings[] = {
+    "",         "a",           "text with spaces", "\xC3\xA9\xE2\x82\xAC",
+    "@&!*@*@(", "@&!*@*@(id)", "@&!*@*@(id)rest",  nullptr};
+const wchar_t kWide0[] = {L'a', 0xE9, 0x1F600, 0};
+const wchar_t kWide1[] = {0xD800, 0xDFFF, 0x110000, (wchar_t)0xFFFFFFFF, 0};
+const wchar_t kWide2[] = {0};
+const wchar_t *const kWides[] = {kWide0, kWide1, kWide2, nullptr};
+
+MsgFmt_Arg MakeArg(const uint8_t *bytes)
+{
+   MsgFmt_Arg arg;
+   memset(&arg, 0, sizeof arg);
+   uint64_t raw;
+   memcpy(&raw, bytes + 1, sizeof raw);
+   arg.type = bytes[0] % 10;
+   switch (arg.type) {
+      case MSGFMT_ARG_INT32:
+      case MSGFMT_ARG_INT32_ALT:
+         arg.v.unsigned32 = (uint32_t)raw;
+         break;
+      case MSGFMT_ARG_INT64:
+         arg.v.unsigned64 = raw;
+         break;
+      case MSGFMT_ARG_PTR:
+         arg.v.ptr = (void *)(uintptr_t)raw;  // only printed, never followed
+         break;
+      case MSGFMT_ARG_FLOAT64:
+         memcpy(&arg.v.float64, &raw, sizeof raw);
+         break;
+      case MSGFMT_ARG_STRING8:
+      case MSGFMT_ARG_STRING8_MSGID:
+         arg.v.string8 = (char *)kStrings[raw % (sizeof kStrings / sizeof kStrings[0])];
+         break;
+      case MSGFMT_ARG_STRING32:
+      case MSGFMT_ARG_STRING32_ALT:
+         arg.v.string32 = (wchar_t *)kWides[raw % (sizeof kWides / sizeof kWides[0])];
+         break;
+      default:
+         break;
+   }
+   return arg;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+   if (size < 1) {
+      return 0;
+   }
+   int numArgs = data[0] & 15;
+   size_t pos = 1;
+   std::vector<MsgFmt_Arg> args;
+   for (int i = 0; i < numArgs && pos + 9 <= size; i++, pos += 9) {
+      args.push_back(MakeArg(data + pos));
+   }
+   std::string fmt((const char *)data + pos, size - pos);  // stops at an embedded NUL
+
+   char small[16];
+   int fixed = MsgFmt_Snprintf(small, sizeof small, fmt.c_str(), args.data(), (int)args.size());
+   if (memchr(small, '\0', sizeof small) == nullptr) {
+      abort();
+   }
+   char large[512];
+   int fixedLarge =
+       MsgFmt_Snprintf(large, sizeof large, fmt.c_str(), args.data(), (int)args.size());
+   if (fixed != fixedLarge) {
+      abort();  // the result never depends on the buffer
+   }
+   // Huge widths are cheap in fixed mode but would allocate gigabytes here.
+   if (fixed >= 0 && fixed < (1 << 20)) {
+      size_t length = 0;
+      char *heap = MsgFmt_Asprintf(&length, fmt.c_str(), args.data(), (int)args.size());
+      // %c and %C of 0 put NUL bytes inside the output.
+      if (heap == nullptr || length != (size_t)fixed || heap[length] != '\0' ||
+          (length < sizeof large && memcmp(heap, large, length + 1) != 0)) {
+         abort();
+      }
+      free(heap);
+   }
+   return 0;
+}

@@ -1,0 +1,226 @@
+/*
+ * System strings: construction from encoded buffers, encoding back, bounded copies, size
+ * bounds, unescaping, and the code-point operations.
+ */
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+
+#include "icuMode.h"
+#include "testSupport.h"
+#include "unicode.h"
+
+namespace {
+
+using Bytes = std::string;
+
+std::string Take(char *s)
+{
+   std::string out = s == nullptr ? "(null)" : s;
+   free(s);
+   return out;
+}
+
+TEST(UnicodeAlloc, FromEncodings)
+{
+   UseBuiltin();
+   EXPECT_EQ(Unicode_AllocWithLength(nullptr, 3, 0), nullptr);
+   EXPECT_EQ(Take(Unicode_Alloc("abc", STRING_ENCODING_DEFAULT)), "abc");
+   EXPECT_EQ(Take(Unicode_AllocWithLength("h\0i\0\0\0", -1, STRING_ENCODING_UTF16_LE)), "hi");
+   EXPECT_EQ(Take(Unicode_AllocWithLength("\0h\0i", 4, STRING_ENCODING_UTF16_BE)), "hi");
+   EXPECT_EQ(Take(Unicode_AllocWithLength("\xE9", 1, STRING_ENCODING_ISO_8859_1)), "\xC3\xA9");
+   EXPECT_EQ(Take(Unicode_AllocWithLength("", 0, STRING_ENCODING_UTF8)), "");
+   /* The panicking constructor substitutes; the strict one refuses. */
+   EXPECT_EQ(Take(Unicode_AllocWithLength("a\xFFz", 3, 0)), "a\xEF\xBF\xBDz");
+   EXPECT_EQ(Unicode_AllocInternal("a\xFFz", 3, 0, true), nullptr);
+   EXPECT_EQ(Unicode_AllocInternal("a\x80", 2, STRING_ENCODING_US_ASCII, true), nullptr);
+   EXPECT_EQ(Unicode_AllocInternal("\0\xD8", 2, STRING_ENCODING_UTF16_LE, true), nullptr);
+   EXPECT_EQ(Take(Unicode_AllocInternal("\0\xD8", 2, STRING_ENCODING_UTF16_LE, false)),
+             "\xEF\xBF\xBD");
+   /* Without ICU only the built-in encodings convert. */
+   EXPECT_PANIC(Unicode_AllocWithLength("a\x80", 2, STRING_ENCODING_ISO_8859_2),
+                "Unicode_AllocWithLength: Couldn't convert invalid buffer [a\\80] from "
+                "ISO-8859-2 to Unicode.\n");
+   testsupport::ScratchDir dir;
+   UseIcu(dir);
+   EXPECT_EQ(Take(Unicode_AllocWithLength("\xB3", 1, STRING_ENCODING_ISO_8859_2)), "\xC5\x82");
+   UseBuiltin();
+}
+
+TEST(UnicodeAlloc, Lists)
+{
+   UseBuiltin();
+   char a[] = "one", b[] = "t\xC3\xA9";
+   char *list[] = {a, b, nullptr};
+   char **copy = Unicode_AllocList(list, -1, STRING_ENCODING_UTF8);
+   EXPECT_STREQ(copy[0], "one");
+   EXPECT_STREQ(copy[1], "t\xC3\xA9");
+   EXPECT_EQ(copy[2], nullptr);
+   char **ascii = Unicode_GetAllocList(copy, 2, STRING_ENCODING_US_ASCII);
+   EXPECT_EQ(ascii, nullptr); /* the second element is not ASCII */
+   char **utf8 = Unicode_GetAllocList(copy, -1, STRING_ENCODING_UTF8);
+   ASSERT_NE(utf8, nullptr);
+   EXPECT_STREQ(utf8[1], "t\xC3\xA9");
+   for (int i = 0; i < 2; i++) {
+      free(copy[i]);
+      free(utf8[i]);
+   }
+   free(copy);
+   free(utf8);
+}
+
+TEST(UnicodeBytes, GetAllocBytesAndValidity)
+{
+   UseBuiltin();
+   size_t length = 0;
+   void *bytes =
+       Unicode_GetAllocBytesWithLength("h\xC3\xA9", STRING_ENCODING_UTF16_LE, -1, &length);
+   EXPECT_EQ(Bytes((char *)bytes, length + 2), Bytes("h\0\xE9\0\0\0", 6));
+   free(bytes);
+   EXPECT_EQ(Unicode_GetAllocBytes("\xC3\xA9", STRING_ENCODING_US_ASCII), nullptr);
+   EXPECT_EQ(Unicode_GetAllocBytes(nullptr, STRING_ENCODING_UTF8), nullptr);
+   EXPECT_PANIC(Unicode_GetAllocBytes("\xFF", STRING_ENCODING_UTF16_LE),
+                "NOT_IMPLEMENTED lib/unicode/unicodeSimpleBase:");
+   EXPECT_TRUE(Unicode_CanGetBytesWithEncoding(nullptr, STRING_ENCODING_US_ASCII));
+   EXPECT_TRUE(Unicode_CanGetBytesWithEncoding("abc", STRING_ENCODING_US_ASCII));
+   EXPECT_FALSE(Unicode_CanGetBytesWithEncoding("\xC3\xA9", STRING_ENCODING_US_ASCII));
+
+   EXPECT_TRUE(Unicode_IsBufferValid(nullptr, 5, STRING_ENCODING_UTF8));
+   EXPECT_TRUE(Unicode_IsBufferValid("a\xC3\xA9", -1, STRING_ENCODING_UTF8));
+   EXPECT_FALSE(Unicode_IsBufferValid("\xC0\x80", -1, STRING_ENCODING_UTF8));
+   EXPECT_FALSE(Unicode_IsBufferValid("\x80", 1, STRING_ENCODING_US_ASCII));
+   EXPECT_TRUE(Unicode_IsBufferValid("a\0\0\0", -1, STRING_ENCODING_UTF16_LE));
+   EXPECT_FALSE(Unicode_IsBufferValid("\0\xDC\0\0", -1, STRING_ENCODING_UTF16_LE));
+
+   EXPECT_EQ(Unicode_LengthInBytes("abc", STRING_ENCODING_UTF8), 3u);
+   /* The terminator is a whole zero unit: two zero bytes astride two units are not one. */
+   EXPECT_EQ(Unicode_LengthInBytes("a\0\0b\0\0", STRING_ENCODING_UTF16_LE), 4u);
+   EXPECT_EQ(Unicode_LengthInBytes("\0a\0\0\0\0\0\0", STRING_ENCODING_UTF32_BE), 4u);
+}
+
+TEST(UnicodeBytes, CopyBytesTruncates)
+{
+   UseBuiltin();
+   char buf[16];
+   size_t length = 99;
+   /* "a" and U+1F600 into 4 bytes of UTF-16LE: the pair cannot fit, only "a" stays. */
+   memset(buf, 'x', sizeof buf);
+   EXPECT_FALSE(Unicode_CopyBytes(buf, "a\xF0\x9F\x98\x80", 4, &length, STRING_ENCODING_UTF16_LE));
+   EXPECT_EQ(length, 2u);
+   EXPECT_EQ(Bytes(buf, 4), Bytes("a\0\0\0", 4));
+   /* With 6 bytes the high surrogate would fit alone; it is dropped. */
+   EXPECT_FALSE(Unicode_CopyBytes(buf, "a\xF0\x9F\x98\x80", 6, &length, STRING_ENCODING_UTF16_LE));
+   EXPECT_EQ(length, 2u);
+   EXPECT_TRUE(Unicode_CopyBytes(buf, "a\xF0\x9F\x98\x80", 8, &length, STRING_ENCODING_UTF16_LE));
+   EXPECT_EQ(length, 6u);
+   /* UTF-8 is cut at a character boundary. */
+   EXPECT_FALSE(Unicode_CopyBytes(buf, "a\xC3\xA9", 3, &length, STRING_ENCODING_UTF8));
+   EXPECT_STREQ(buf, "a");
+   EXPECT_EQ(length, 1u);
+   EXPECT_TRUE(Unicode_CopyBytes(buf, "a\xC3\xA9", 4, &length, STRING_ENCODING_UTF8));
+   EXPECT_STREQ(buf, "a\xC3\xA9");
+   EXPECT_FALSE(Unicode_CopyBytes(buf, "abc", 3, &length, STRING_ENCODING_US_ASCII));
+   EXPECT_STREQ(buf, "ab");
+   EXPECT_FALSE(Unicode_CopyBytes(buf, "\xC3\xA9", 8, &length, STRING_ENCODING_US_ASCII));
+   EXPECT_EQ(length, 0u);
+   /* Other encodings are cut by bytes. */
+   EXPECT_FALSE(
+       Unicode_CopyBytes(buf, "\xC3\xA9t\xC3\xA9", 3, &length, STRING_ENCODING_ISO_8859_1));
+   EXPECT_FALSE(Unicode_CopyBytes(buf, "x", 8, &length, STRING_ENCODING_ISO_8859_2));
+   EXPECT_EQ(length, 0u);
+}
+
+TEST(UnicodeBytes, BytesRequired)
+{
+   EXPECT_EQ(Unicode_BytesRequired("a", STRING_ENCODING_UTF16_LE), 22u);
+   EXPECT_EQ(Unicode_BytesRequired("a\xF0\x9F\x98\x80", STRING_ENCODING_UTF16_LE), 26u);
+   EXPECT_EQ(Unicode_BytesRequired("abc", STRING_ENCODING_UTF8), 4u);
+   EXPECT_EQ(Unicode_BytesRequired("a\xC3\xA9", STRING_ENCODING_UTF32), 8u + 40u);
+   EXPECT_EQ(Unicode_BytesRequired("a\xC3\xA9", STRING_ENCODING_WINDOWS_1252), 2u + 10u);
+   EXPECT_EQ(Unicode_BytesRequired("a", STRING_ENCODING_SHIFT_JIS), 7u + 70u);
+   /* A NUL inside a sequence ends the walk. */
+   EXPECT_EQ(Unicode_BytesRequired("a\xE2\x82", STRING_ENCODING_UTF16_LE), 2u + 20u);
+}
+
+TEST(UnicodeEscapes, FromEscapedAscii)
+{
+   UseBuiltin();
+   EXPECT_EQ(Take(Unicode_FromEscapedAscii("a\\u00e9", false)), "a\\u00e9");
+   EXPECT_EQ(Take(Unicode_FromEscapedAscii("\\u00e9", true)), "\xC3\xA9");
+   EXPECT_EQ(Take(Unicode_FromEscapedAscii("x\\U0001F600y", true)), "x\xF0\x9F\x98\x80y");
+   EXPECT_EQ(Take(Unicode_FromEscapedAscii("\\\\\\q\\", true)), "\\q");
+   EXPECT_EQ(Take(Unicode_FromEscapedAscii("", true)), "");
+   EXPECT_PANIC(Unicode_FromEscapedAscii("\\u00g9", true),
+                "NOT_IMPLEMENTED lib/unicode/unicodeSimpleBase:");
+   EXPECT_PANIC(Unicode_FromEscapedAscii("\\u00", true),
+                "NOT_IMPLEMENTED lib/unicode/unicodeSimpleBase:");
+   EXPECT_PANIC(Unicode_FromEscapedAscii("\\U00110000", true),
+                "VERIFY lib/unicode/unicodeSimpleBase:");
+   EXPECT_PANIC(Unicode_FromEscapedAscii("\xC3\xA9", true),
+                "VERIFY lib/unicode/unicodeSimpleBase:");
+}
+
+TEST(UnicodeOperations, Substrings)
+{
+   const char *s = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z"; /* a e-acute euro grin z */
+   EXPECT_EQ(Take(Unicode_Substr(s, 1, 2)), "\xC3\xA9\xE2\x82\xAC");
+   EXPECT_EQ(Take(Unicode_Substr(s, 3, -1)), "\xF0\x9F\x98\x80z");
+   EXPECT_EQ(Take(Unicode_Substr(s, 4, 100)), "z");
+   EXPECT_EQ(Take(Unicode_Substr(s, 9, 1)), "");
+   EXPECT_PANIC(Unicode_Substr("a\xC3", 0, 1), "Unicode_Substr: invalid UTF8 string @ ");
+}
+
+TEST(UnicodeOperations, Searches)
+{
+   const char *s =
+       "ab\xC3\xA9"
+       "ab\xC3\xA9"
+       "ab"; /* 8 code points */
+   EXPECT_EQ(Unicode_FindSubstrInRange(s, 0, -1, "b\xC3\xA9", 0, -1), 1);
+   EXPECT_EQ(Unicode_FindSubstrInRange(s, 2, -1, "b\xC3\xA9", 0, -1), 4);
+   EXPECT_EQ(Unicode_FindSubstrInRange(s, 2, 3, "b\xC3\xA9", 0, -1), -1);
+   EXPECT_EQ(Unicode_FindSubstrInRange(s, 3, -1, "xyz", 0, 0), 3);
+   EXPECT_EQ(Unicode_FindSubstrInRange(s, 0, -1, "zzab", 2, 2), 0);
+   EXPECT_EQ(Unicode_FindLastSubstrInRange(s, 0, -1, "ab", 0, -1), 6);
+   EXPECT_EQ(Unicode_FindLastSubstrInRange(s, 0, 7, "ab", 0, -1), 3);
+   EXPECT_EQ(Unicode_FindLastSubstrInRange(s, 5, -1, "", 0, -1), 5);
+   EXPECT_EQ(Unicode_FindLastSubstrInRange(s, 6, -1, "abc", 0, -1), -1);
+   EXPECT_PANIC(Unicode_FindSubstrInRange(s, 0, -1, "\xFF", 0, -1),
+                "Unicode_FindSubstrInRange: invalid UTF8 string @ ");
+   EXPECT_PANIC(Unicode_FindLastSubstrInRange("\xFF", 0, -1, "a", 0, -1),
+                "Unicode_FindLastSubstrInRange: invalid UTF8 string @ ");
+}
+
+TEST(UnicodeOperations, CompareRange)
+{
+   EXPECT_EQ(Unicode_CompareRange("abc", 0, -1, "abc", 0, -1, false), 0);
+   EXPECT_EQ(Unicode_CompareRange("abc", 0, -1, "abd", 0, -1, false), -1);
+   EXPECT_EQ(Unicode_CompareRange("abc", 0, -1, "ab", 0, -1, false), 1);
+   EXPECT_EQ(Unicode_CompareRange("ABC", 0, -1, "abc", 0, -1, false), -1);
+   EXPECT_EQ(Unicode_CompareRange("ABC", 0, -1, "abc", 0, -1, true), 0);
+   /* Simple folding beyond ASCII: E-acute, Greek sigma forms, Kelvin sign. */
+   EXPECT_EQ(Unicode_CompareRange("\xC3\x89", 0, -1, "\xC3\xA9", 0, -1, true), 0);
+   EXPECT_EQ(Unicode_CompareRange("\xCE\xA3", 0, -1, "\xCF\x82", 0, -1, true), 0);
+   EXPECT_EQ(Unicode_CompareRange("\xE2\x84\xAA", 0, -1, "k", 0, -1, true), 0);
+   /* Ranges by code point. */
+   EXPECT_EQ(Unicode_CompareRange("xx\xC3\xA9y", 2, 2, "\xC3\x89Y", 0, -1, true), 0);
+   /* Characters above U+FFFF order after every BMP character. */
+   EXPECT_EQ(Unicode_CompareRange("\xF0\x90\x80\x80", 0, -1, "\xEF\xBF\xBF", 0, -1, false), 1);
+   EXPECT_EQ(Unicode_CompareRange("\xEF\xBC\xA1", 0, -1, "\xF0\x90\x80\x80", 0, -1, true), -1);
+   /* A whole string that is not UTF-8 compares as smaller. */
+   EXPECT_EQ(Unicode_CompareRange("\xFF", 0, -1, "a", 0, -1, false), -1);
+}
+
+TEST(UnicodeOperations, JoinAndFormat)
+{
+   EXPECT_EQ(Unicode_Join(nullptr, "a", nullptr), nullptr);
+   EXPECT_EQ(Take(Unicode_Join("a", "b\xC3\xA9", "", "c", nullptr)),
+             "ab\xC3\xA9"
+             "c");
+   EXPECT_EQ(Take(Unicode_Format("%s-%d", "x", 42)), "x-42");
+}
+
+}  // namespace
