@@ -407,8 +407,8 @@ void MXUserDumpHisto(const MXUserHisto *histo, const MXUserHeader *header)
    statsFunc(statsContext, "%s", statsLine);
 }
 
-void MXUserContentionVerdictImpl(const MXUserAcquisitionStats *stats, double *ratio, bool *isHot,
-                                 bool *doLog)
+bool MXUserContentionVerdict(const MXUserAcquisitionStats *stats, double *ratio, bool *isHot,
+                             bool *doLog)
 {
    uint64_t attempts = stats->numAttempts.load(std::memory_order_relaxed);
    *ratio = 0.0;
@@ -431,12 +431,6 @@ void MXUserContentionVerdictImpl(const MXUserAcquisitionStats *stats, double *ra
    } else {
       *isHot = *doLog = *ratio > stats->contentionRatioFloor;
    }
-}
-
-bool MXUserContentionVerdict(const MXUserAcquisitionStats *stats, double *ratio, bool *isHot,
-                             bool *doLog)
-{
-   MXUserContentionVerdictImpl(stats, ratio, isHot, doLog);
    return *isHot;
 }
 

@@ -11,22 +11,6 @@ using testsupport::LogCapture;
 
 namespace {
 
-/* Everything after the "Warning: " prefixes, joined, for comparing dumps. */
-std::string Warnings(const LogCapture &log)
-{
-   std::string text = log.Text();
-   std::string out;
-   size_t pos = 0;
-   const std::string prefix = "Warning: ";
-   while ((pos = text.find(prefix, pos)) != std::string::npos) {
-      pos += prefix.size();
-      size_t end = text.find('\n', pos);
-      out += text.substr(pos, end - pos + 1);
-      pos = end;
-   }
-   return out;
-}
-
 std::string Hex(const void *p)
 {
    char buf[32];
@@ -127,18 +111,18 @@ TEST(MXUser, RecursiveLockNestsCountsAndDumps)
       MXUser_DumpRecLock(lock);
       char expected[512];
       snprintf(expected, sizeof expected,
-               "MXUserDumpRecLock: Recursive lock @ %s\n"
-               "\tsignature 0x%X\n"
-               "\tname nested\n"
-               "\trank 0x2A\n"
-               "\tserial number %llu\n"
-               "\treference count 2\n"
-               "\tlock count 2\n"
-               "\taddress of owner data %s\n",
+               "Warning: MXUserDumpRecLock: Recursive lock @ %s\n"
+               "Warning: \tsignature 0x%X\n"
+               "Warning: \tname nested\n"
+               "Warning: \trank 0x2A\n"
+               "Warning: \tserial number %llu\n"
+               "Warning: \treference count 2\n"
+               "Warning: \tlock count 2\n"
+               "Warning: \taddress of owner data %s\n",
                Hex(lock).c_str(), lock->header.signature,
                static_cast<unsigned long long>(lock->header.serialNumber),
                Hex(&lock->recursiveLock.owner).c_str());
-      EXPECT_EQ(Warnings(log), expected);
+      EXPECT_EQ(log.Text(), expected);
    }
 
    MXUser_ReleaseRecLock(lock);
