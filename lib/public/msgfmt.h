@@ -5,6 +5,8 @@
 #ifndef TESMAR_MSGFMT_H
 #define TESMAR_MSGFMT_H
 
+#include <stdarg.h>
+#include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -51,6 +53,28 @@ typedef struct MsgFmt_Arg {
  */
 char *MsgFmt_Asprintf(size_t *length, const char *fmt, const MsgFmt_Arg *args, int numArgs);
 int MsgFmt_Snprintf(char *buf, size_t size, const char *fmt, const MsgFmt_Arg *args, int numArgs);
+
+/*
+ * Captures the arguments of fmt from args into a new array of *numArgs entries, one per
+ * argument position. On failure returns false, leaves nothing allocated and gives an error text
+ * through error (the caller frees it). Strings are copied (an 8-bit string only as far as the
+ * format's precision reads it); %n, long double and gaps in the positions are refused.
+ */
+bool MsgFmt_GetArgs(const char *fmt, va_list args, MsgFmt_Arg **argsOut, int *numArgs,
+                    char **error);
+
+/*
+ * The same with the array and its strings placed in buf (nothing to free). *bufSize gives the
+ * room on entry and the bytes used on success. The error text is written into buf.
+ */
+bool MsgFmt_GetArgsInBuffer(const char *fmt, va_list args, MsgFmt_Arg **argsOut, int *numArgs,
+                            char **error, void *buf, size_t *bufSize);
+
+/* Frees a heap array from MsgFmt_GetArgs or MsgFmt_CopyArgs with its strings. */
+void MsgFmt_FreeArgs(MsgFmt_Arg *args, int numArgs);
+
+/* A deep copy on the heap. */
+MsgFmt_Arg *MsgFmt_CopyArgs(const MsgFmt_Arg *args, int numArgs);
 
 #ifdef __cplusplus
 }

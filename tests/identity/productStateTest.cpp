@@ -1,0 +1,166 @@
+#include <stdlib.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "productState.h"
+#include "productState/productStateInt.h"
+#include "testSupport.h"
+
+namespace {
+
+std::string Take(char *s)
+{
+   std::string copy = s;
+   free(s);
+   return copy;
+}
+
+constexpr uint32_t ALL = 0x01 | 0x02 | 0x04 | 0x08 | 0x10 | 0x80;
+
+}  // namespace
+
+TEST(ProductState, DefaultsAndDerivedValues)
+{
+   ProductStateData state;
+   EXPECT_EQ(state.Product(), 1u);
+   EXPECT_STREQ(state.Name(), "Larkview");
+   EXPECT_STREQ(state.Version(), productStateBuiltInVersion);
+   EXPECT_STREQ(state.BundleIdentifier(), "");
+   EXPECT_STREQ(state.BuildNumberString(), "build-00000");
+   EXPECT_EQ(state.FullVersion(), std::string(productStateBuiltInVersion) + " build-00000");
+   EXPECT_STREQ(state.RegistryPath(), "SOFTWARE\\Tesmar, Inc.\\Larkview");
+   EXPECT_EQ(Take(state.Serialize(0x01)), "product=1;");
+
+   unsigned major = 99, minor = 99, patch = 99;
+   EXPECT_EQ(sscanf(productStateBuiltInVersion, "%u.%u.%u", &major, &minor, &patch), 3);
+   ProductVersionNumber n = state.VersionNumber();
+   EXPECT_EQ(n.major, major);
+   EXPECT_EQ(n.minor, minor);
+   EXPECT_EQ(n.patch, patch);
+}
+
+TEST(ProductState, OverridesApplyOnceAndDerivedValuesStay)
+{
+   ProductStateData state;
+   EXPECT_TRUE(state.SetBuildNumber(1234));
+   EXPECT_FALSE(state.SetBuildNumber(99));
+   EXPECT_TRUE(state.SetVersion("2.5.17"));
+   EXPECT_FALSE(state.SetVersion("3.0.0"));
+   EXPECT_FALSE(state.SetName(nullptr));
+   EXPECT_STREQ(state.BuildNumberString(), "build-1234");
+   EXPECT_STREQ(state.FullVersion(), "2.5.17 build-1234");
+   ProductVersionNumber n = state.VersionNumber();
+   EXPECT_EQ(n.major, 2u);
+   EXPECT_EQ(n.minor, 5u);
+   EXPECT_EQ(n.patch, 17u);
+
+   /* Derived values are computed once; a later override does not change them. */
+   EXPECT_STREQ(state.RegistryPath(), "SOFTWARE\\Tesmar, Inc.\\Larkview");
+   EXPECT_TRUE(state.SetName("Other"));
+   EXPECT_STREQ(state.RegistryPath(), "SOFTWARE\\Tesmar, Inc.\\Larkview");
+   EXPECT_STREQ(state.Name(), "Other");
+
+   ProductStateData experimental;
+   experimental.SetVersion("e.x.p");
+   ProductStateData builtIn;
+   EXPECT_EQ(experimental.VersionNumber().major, builtIn.VersionNumber().major);
+   EXPECT_EQ(experimental.VersionNumber().patch, builtIn.VersionNumber().patch);
+
+   ProductStateData zero;
+   zero.SetProduct(0);
+   EXPECT_EQ(zero.Product(), 0u);
+   EXPECT_EQ(Take(zero.Serialize(0x01)), "product=1;");
+}
+
+TEST(ProductState, SerialisationEscapesAndRoundTrips)
+{
+   ProductStateData state;
+   state.SetProduct(7);
+   state.SetName("A;B#C");
+   state.SetVersion("1.2.3");
+   state.SetBuildNumber(42);
+   state.SetCapabilities(18446744073709551615ULL);
+   state.SetBundleIdentifier("com.example.x");
+   std::string text = Take(state.Serialize(ALL));
+   EXPECT_EQ(text,
+             "product=7;name=A#3BB#23C;version=1.2.3;buildnumber=42;"
+             "capabilities=18446744073709551615;bundleidentifier=com.example.x;");
+   EXPECT_EQ(Take(state.Serialize(0x02 | 0x10)),
+             "name=A#3BB#23C;capabilities=18446744073709551615;");
+   EXPECT_EQ(Take(state.Serialize(0x20 | 0x40)), "");
+
+   ProductStateData copy;
+   EXPECT_TRUE(copy.Deserialize(text.c_str()));
+   EXPECT_EQ(Take(copy.Serialize(ALL)), text);
+   EXPECT_STREQ(copy.Name(), "A;B#C");
+}
+
+TEST(ProductState, ReaderIsOrderIndependentAndSkipsUnknownKeys)
+{
+   ProductStateData state;
+   EXPECT_TRUE(
+       state.Deserialize("future=x;bundleidentifier=id;buildnumber=5;=;name=N#3b;product=3;"));
+   EXPECT_EQ(state.Product(), 3u);
+   EXPECT_EQ(state.BuildNumber(), 5u);
+   EXPECT_STREQ(state.Name(), "N;");
+   EXPECT_STREQ(state.BundleIdentifier(), "id");
+   EXPECT_TRUE(state.Deserialize(""));
+}
+
+TEST(ProductState, MalformedPiecesAreRefusedAndTheRestApplies)
+{
+   ProductStateData state;
+   EXPECT_FALSE(
+       state.Deserialize("product=12x;buildnumber=-1;capabilities=18446744073709551616;"
+                         "nameonly;name=Good;version=bad#4;bundleidentifier=nul#00x;"
+                         "product=4294967295;"));
+   EXPECT_EQ(state.Product(), 4294967295u);
+   EXPECT_EQ(state.BuildNumber(), 0u);
+   EXPECT_EQ(state.Capabilities(), 0u);
+   EXPECT_STREQ(state.Name(), "Good");
+   EXPECT_STREQ(state.Version(), productStateBuiltInVersion);
+   EXPECT_STREQ(state.BundleIdentifier(), "");
+
+   /* A repeated key is a second override, refused; an unterminated tail is refused. */
+   ProductStateData again;
+   EXPECT_FALSE(again.Deserialize("buildnumber=1;buildnumber=2;"));
+   EXPECT_EQ(again.BuildNumber(), 1u);
+   ProductStateData tail;
+   EXPECT_FALSE(tail.Deserialize("capabilities=8;name=cut"));
+   EXPECT_EQ(tail.Capabilities(), 8u);
+   EXPECT_STREQ(tail.Name(), "Larkview");
+   EXPECT_FALSE(tail.Deserialize(nullptr));
+}
+
+TEST(ProductState, ConcurrentFirstUseAgreesOnOneValue)
+{
+   ProductStateData state;
+   state.SetBuildNumber(77);
+   std::vector<const char *> seen(6);
+   std::vector<std::thread> threads;
+   for (size_t i = 0; i < seen.size(); i++) {
+      threads.emplace_back([&, i] { seen[i] = state.FullVersion(); });
+   }
+   for (auto &t : threads) {
+      t.join();
+   }
+   for (const char *s : seen) {
+      EXPECT_EQ(s, seen[0]);
+   }
+}
+
+TEST(ProductState, ProcessWideEntries)
+{
+   EXPECT_STREQ(ProductState_GetName(), "Larkview");
+   EXPECT_TRUE(ProductState_SetBuildNumber(1234));
+   EXPECT_STREQ(ProductState_GetBuildNumberString(), "build-1234");
+   unsigned int major = 0;
+   ProductState_GetVersionNumber(&major, nullptr, nullptr);
+   EXPECT_EQ(std::to_string(major),
+             std::string(ProductState_GetVersion()).substr(0, std::to_string(major).size()));
+   EXPECT_EQ(Take(ProductState_Serialize(0x08)), "buildnumber=1234;");
+   EXPECT_TRUE(ProductState_Deserialize("bundleidentifier=b;"));
+   EXPECT_STREQ(ProductState_GetBundleIdentifier(), "b");
+}

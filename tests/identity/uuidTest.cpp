@@ -1,0 +1,137 @@
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <openssl/evp.h>
+
+#include "hostinfo.h"
+#include "testSupport.h"
+#include "uuid.h"
+
+using testsupport::LogCapture;
+
+namespace {
+
+std::string Take(char *s)
+{
+   EXPECT_NE(s, nullptr);
+   std::string copy = s != nullptr ? s : "";
+   free(s);
+   return copy;
+}
+
+std::string Sha1Spaced(const std::string &data, const char *firstBytes)
+{
+   unsigned char digest[EVP_MAX_MD_SIZE];
+   unsigned int length = 0;
+   EVP_Digest(data.data(), data.size(), digest, &length, EVP_sha1(), nullptr);
+   memcpy(digest, firstBytes, strlen(firstBytes));
+   return Take(UUID_PackText(digest));
+}
+
+}  // namespace
+
+TEST(UUID, TextFormsAndParser)
+{
+   uint8_t bytes[16];
+   for (int i = 0; i < 16; i++) {
+      bytes[i] = static_cast<uint8_t>(i * 17 + 10);
+   }
+   std::string spaced = Take(UUID_PackText(bytes));
+   EXPECT_EQ(spaced, "0a 1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 09");
+   EXPECT_EQ(spaced.size(), 47u);
+
+   char canonical[37];
+   EXPECT_EQ(UUID_ConvertToText(spaced.c_str(), canonical, sizeof canonical), canonical);
+   EXPECT_STREQ(canonical, "0a1b2c3d-4e5f-7081-92a3-b4c5d6e7f809");
+
+   uint8_t back[16];
+   EXPECT_TRUE(UUID_ParseText(spaced.c_str(), back));
+   EXPECT_EQ(memcmp(back, bytes, 16), 0);
+   EXPECT_TRUE(UUID_ParseText("0A 1B 2C 3D 4E 5F 70 81-92 A3 B4 C5 D6 E7 F8 09", back));
+   EXPECT_EQ(memcmp(back, bytes, 16), 0);
+
+   for (const char *bad : {
+            "", "0a 1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 0", /* short */
+            "0a 1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 09 ",   /* trailing blank */
+            "0a 1b 2c 3d 4e 5f 70 81 92 a3 b4 c5 d6 e7 f8 09",    /* no dash */
+            "0a 1b 2c 3d-4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 09",    /* dash misplaced */
+            "0a 1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 0g",    /* not hex */
+            "0a1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 09 0",   /* pairs run together */
+            "0a1b2c3d-4e5f-7081-92a3-b4c5d6e7f809",               /* canonical form */
+        }) {
+      EXPECT_FALSE(UUID_ParseText(bad, back)) << bad;
+      EXPECT_EQ(UUID_ConvertToText(bad, canonical, sizeof canonical), nullptr) << bad;
+   }
+   EXPECT_FALSE(UUID_ParseText(nullptr, back));
+   EXPECT_EXIT(
+       {
+          Log_SetOutputFd(2);
+          UUID_ConvertToText(spaced.c_str(), canonical, 36);
+       },
+       ::testing::ExitedWithCode(1), "Buffer too small");
+}
+
+TEST(UUID, HostIdentifierHashesTheMachineIdentity)
+{
+   uint32_t hostId = 0;
+   uint64_t hardwareId = 0;
+   Hostinfo_MachineID(&hostId, &hardwareId);
+   std::string identity = hardwareId != 0 ? std::string(reinterpret_cast<char *>(&hardwareId), 8)
+                                          : std::string(reinterpret_cast<char *>(&hostId), 4);
+   std::string host = Take(UUID_GetHostUUID());
+   EXPECT_EQ(host, Sha1Spaced(identity, "R"));
+   EXPECT_EQ(host.substr(0, 3), "52 ");
+   EXPECT_EQ(Take(UUID_GetHostUUID()), host);
+}
+
+TEST(UUID, LocationIdentifierFollowsCanonicalPathAndHost)
+{
+   testsupport::ScratchDir dir;
+   std::string file = dir / "f";
+   FILE *f = fopen(file.c_str(), "w");
+   ASSERT_NE(f, nullptr);
+   fclose(f);
+   ASSERT_EQ(symlink(file.c_str(), (dir / "link").c_str()), 0);
+   ASSERT_EQ(mkdir((dir / "x").c_str(), 0700), 0);
+   char *real = realpath(file.c_str(), nullptr);
+   std::string canonical = real;
+   free(real);
+
+   std::string host = Take(UUID_GetHostUUID());
+   std::string id = Take(UUID_CreateLocation(file.c_str(), 0));
+   EXPECT_EQ(id, Sha1Spaced(host + canonical, "KD"));
+   EXPECT_EQ(id.substr(0, 6), "4b 44 ");
+   EXPECT_EQ(Take(UUID_CreateLocation((dir / "link").c_str(), 1)), id);
+   EXPECT_EQ(Take(UUID_CreateLocation((dir / "./x/../f").c_str(), 2)), id);
+   EXPECT_NE(Take(UUID_CreateLocation(dir.Path().c_str(), 0)), id);
+
+   LogCapture log;
+   std::string missing = dir / "missing";
+   EXPECT_EQ(Take(UUID_CreateLocation(missing.c_str(), 0)), Sha1Spaced(host + missing, "KD"));
+   EXPECT_EQ(log.Text(), "UUID: couldn't get canonical path\n");
+
+   log.Clear();
+   EXPECT_EQ(UUID_CreateLocation(file.c_str(), 3), nullptr);
+   EXPECT_EQ(UUID_CreateLocation(file.c_str(), -1), nullptr);
+   EXPECT_EQ(UUID_CreateLocation(nullptr, 0), nullptr);
+   EXPECT_EQ(log.Text(),
+             "Warning: UUID_CreateLocation: Unknown scheme control value 3\n"
+             "Warning: UUID_CreateLocation: Unknown scheme control value -1\n");
+}
+
+TEST(UUID, RandomIdentifiersCarryTheirKind)
+{
+   std::string plain = Take(UUID_CreateRandom(UUID_RANDOM_PLAIN, 0x99));
+   EXPECT_EQ(plain.substr(0, 6), "4b 44 ");
+   EXPECT_EQ(Take(UUID_CreateRandom(UUID_RANDOM_HOST, 0x99)).substr(0, 3), "52 ");
+   EXPECT_EQ(Take(UUID_CreateRandom(UUID_RANDOM_B, 0x07)).substr(0, 6), "42 07 ");
+   EXPECT_EQ(Take(UUID_CreateRandom(UUID_RANDOM_P, 0xfe)).substr(0, 6), "50 fe ");
+   EXPECT_NE(Take(UUID_CreateRandom(UUID_RANDOM_PLAIN, 0)), plain);
+   uint8_t bytes[16];
+   EXPECT_TRUE(UUID_ParseText(plain.c_str(), bytes));
+   EXPECT_PANIC(UUID_CreateRandom(4, 0), "NOT_REACHED lib/uuid/uuid:304\n");
+}
