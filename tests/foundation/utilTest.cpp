@@ -16,10 +16,7 @@ namespace {
 std::optional<std::string> Expand(const std::string &name)
 {
    char *result = Util_ExpandString(name.c_str());
-   std::optional<std::string> text;
-   if (result != nullptr) {
-      text = result;
-   }
+   std::optional<std::string> text = result != nullptr ? std::optional(result) : std::nullopt;
    free(result);
    return text;
 }
