@@ -194,10 +194,9 @@ TEST(FormatDiff, MixedAndPositionalFormats)
    auto same = [&](const std::string &fmt, auto... args) { grid.Check(fmt, fmt, args...); };
    same("%s:%d %u 0x%08x", "lib/string/str", -12, 4000000000u, 0xbeefu);
    same("%04d-%02d-%02dT%02d:%02d:%02d.%03d| ", 2026, 11, 21, 7, 5, 9, 12);
-   same("%2$s %1$s %2$s", "a", "b");
    same("%1$*2$.*3$f|%1$g|%4$c", 3.14159, 10, 2, 'z');
    same("%3$lld %2$hhd %1$s", "x", 300, INT64_MIN);
-   same("%9$d %8$d %7$d %6$d %5$d %4$d %3$d %2$d %1$d", 1, 2, 3, 4, 5, 6, 7, 8, 9);
+   same("%9$d %8$d %7$d %6$d %5$d %4$d %3$d %2$d %1$s", "1", 2, 3, 4, 5, 6, 7, 8, 9);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 /*
  * The printf engine where it deliberately differs from the C library, its internal pieces
- * (output growth, positional table, punctuation, UTF conversions) and the captured-argument
- * source of MsgFmt.
+ * (output growth, positional table, punctuation) and the captured-argument source of MsgFmt.
  */
 #include <limits.h>
 #include <math.h>
@@ -16,7 +15,6 @@
 #include "msgfmt.h"
 #include "str.h"
 #include "string/bsdFmtEngine.h"
-#include "string/convertUtf.h"
 #include "testSupport.h"
 
 #pragma GCC diagnostic ignored "-Wformat"
@@ -184,10 +182,6 @@ TEST(Format, AllocatingModeGrowsInStepsOfItsSize)
    }
    ASSERT_TRUE(out.Pad(1000, ' '));
    EXPECT_EQ(out.Allocated(), 1280u);
-   char *result = nullptr;
-   EXPECT_EQ(out.Finish(&result, true), 1164);
-   EXPECT_EQ(strlen(result), 1164u);
-   free(result);
 }
 
 TEST(Format, WideStringsAndCharacters)
@@ -204,45 +198,6 @@ TEST(Format, WideStringsAndCharacters)
    EXPECT_EQ(Fmt("%.2S", unterminated), "xy");
    EXPECT_EQ(Fmt("%C%lc%3C", (wint_t)'A', (wint_t)'b', (wint_t)'c'), "Ab  c");
    EXPECT_EQ(Fmt("x%Cy", (wint_t)0x110000), "<error>");
-}
-
-/* Runs one UTF conversion over all of in and returns what it wrote. */
-template <typename From, typename To>
-std::vector<To> Convert(utfconv::Result (*routine)(const From **, const From *, To **, To *,
-                                                   utfconv::Mode),
-                        const std::vector<From> &in, utfconv::Mode mode = utfconv::Mode::strict,
-                        utfconv::Result expected = utfconv::Result::ok)
-{
-   To out[16];
-   const From *source = in.data();
-   To *target = out;
-   EXPECT_EQ(routine(&source, source + in.size(), &target, out + 16, mode), expected);
-   return std::vector<To>(out, target);
-}
-
-TEST(Format, UtfConversions)
-{
-   using namespace utfconv;
-   // 8 -> 16 -> 32 -> 8 and 8 -> 32 -> 16 -> 8 take every routine over a surrogate pair.
-   const std::vector<uint8_t> utf8 = {'a', 0xC3, 0xA9, 0xE2, 0x82, 0xAC, 0xF0, 0x9F, 0x98, 0x80};
-   std::vector<uint16_t> utf16 = Convert(UTF8toUTF16, utf8);
-   EXPECT_EQ(utf16, (std::vector<uint16_t>{'a', 0xE9, 0x20AC, 0xD83D, 0xDE00}));
-   EXPECT_EQ(Convert(UTF32toUTF8, Convert(UTF16toUTF32, utf16)), utf8);
-   EXPECT_EQ(Convert(UTF16toUTF8, Convert(UTF32toUTF16, Convert(UTF8toUTF32, utf8))), utf8);
-   // A cut sequence stops before its lead byte.
-   const std::vector<uint8_t> cut(utf8.begin(), utf8.begin() + 5);
-   EXPECT_EQ(Convert(UTF8toUTF32, cut, Mode::strict, Result::sourceExhausted).size(), 2u);
-   // Unpaired surrogates: refused when strict, passed through when lenient.
-   const std::vector<uint16_t> lone = {0xD800, 'a'};
-   EXPECT_TRUE(Convert(UTF16toUTF32, lone, Mode::strict, Result::sourceIllegal).empty());
-   EXPECT_EQ(Convert(UTF16toUTF32, lone, Mode::lenient), (std::vector<uint32_t>{0xD800, 'a'}));
-   // Overlong forms and the second-byte limits after E0, ED, F4; F5 never leads.
-   for (std::string bad :
-        {"\xC0\x80", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80"}) {
-      EXPECT_FALSE(IsLegalUTF8((const uint8_t *)bad.data(), bad.size()));
-   }
-   EXPECT_TRUE(IsLegalUTF8((const uint8_t *)"\xF4\x8F\xBF\xBF", 4));
-   EXPECT_TRUE(IsLegalUTF8((const uint8_t *)"\xED\x9F\xBF", 3));
 }
 
 TEST(Format, CapturedArguments)
