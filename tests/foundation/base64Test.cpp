@@ -5,62 +5,59 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <vector>
 
 #include "base64.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-std::string Encode(const Bytes &data)
+/* Byte strings throughout: std::string holds any bytes. */
+const uint8_t *U(const std::string &bytes)
 {
-   std::string out(Base64_EncodedLength(data.data(), data.size()), '?');
+   return reinterpret_cast<const uint8_t *>(bytes.data());
+}
+
+std::string Encode(const std::string &data)
+{
+   std::string out(Base64_EncodedLength(U(data), data.size()), '?');
    size_t length = 99;
-   EXPECT_TRUE(Base64_Encode(data.data(), data.size(), out.data(), out.size(), &length));
+   EXPECT_TRUE(Base64_Encode(U(data), data.size(), out.data(), out.size(), &length));
    EXPECT_EQ(strlen(out.c_str()), length);
    return out.c_str();
 }
 
-std::optional<Bytes> Decode(const std::string &text, size_t room)
+std::optional<std::string> Decode(const std::string &text, size_t room)
 {
-   Bytes out(room + 1);
+   std::string out(room + 1, '?');
    size_t length = 99;
-   if (!Base64_Decode(text.c_str(), out.data(), room, &length)) {
+   if (!Base64_Decode(text.c_str(), (uint8_t *)out.data(), room, &length)) {
       return std::nullopt;
    }
-   out.resize(length);
-   return out;
-}
-
-Bytes B(const char *s)
-{
-   return Bytes(s, s + strlen(s));
+   return out.substr(0, length);
 }
 
 }  // namespace
 
 TEST(Base64, KnownTexts)
 {
-   EXPECT_EQ(Encode({}), "");
-   EXPECT_EQ(Encode(B("a")), "YQ==");
-   EXPECT_EQ(Encode(B("ab")), "YWI=");
-   EXPECT_EQ(Encode({0xFB, 0xFF, 0xBF}), "+/+/");
-   EXPECT_EQ(Encode(B("The quick brown fox jumps over the lazy dog")),
+   EXPECT_EQ(Encode(""), "");
+   EXPECT_EQ(Encode("a"), "YQ==");
+   EXPECT_EQ(Encode("ab"), "YWI=");
+   EXPECT_EQ(Encode("\xFB\xFF\xBF"), "+/+/");
+   EXPECT_EQ(Encode("The quick brown fox jumps over the lazy dog"),
              "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVyIHRoZSBsYXp5IGRvZw==");
 
-   EXPECT_EQ(Decode("YW I=", 2), B("ab"));
-   EXPECT_EQ(Decode(" Y\tW\nJ\rj\v\f", 3), B("abc"));
-   EXPECT_EQ(Decode("YQ==*garbage", 1), B("a"));  // "=" and NUL end the text
-   EXPECT_EQ(Decode(std::string("YWJj\0*", 6), 3), B("abc"));
-   EXPECT_EQ(Decode("YWI", 2), B("ab"));  // bits short of a byte are dropped
+   EXPECT_EQ(Decode("YW I=", 2), "ab");
+   EXPECT_EQ(Decode(" Y\tW\nJ\rj\v\f", 3), "abc");
+   EXPECT_EQ(Decode("YQ==*garbage", 1), "a");  // "=" and NUL end the text
+   EXPECT_EQ(Decode(std::string("YWJj\0*", 6), 3), "abc");
+   EXPECT_EQ(Decode("YWI", 2), "ab");  // bits short of a byte are dropped
    EXPECT_EQ(Decode("YWJjYWJj*", 8), std::nullopt);
    EXPECT_EQ(Decode("YW\x80j", 3), std::nullopt);
 
    uint8_t out[8];
    size_t length = 0;
    EXPECT_TRUE(Base64_ChunkDecode("YWJjZGVm", 6, out, sizeof out, &length));  // stops at 6
-   EXPECT_EQ(Bytes(out, out + length), B("abcd"));
+   EXPECT_EQ(std::string((char *)out, length), "abcd");
    EXPECT_TRUE(Base64_ChunkDecode("YWJj*", 4, out, sizeof out, &length));
 
    EXPECT_TRUE(Base64_ValidEncoding("AZaz09+/==", 10));
@@ -97,29 +94,28 @@ TEST(Base64, RandomDataRoundTripsThroughEveryDecoderWithExactRoom)
    std::mt19937 rng(7);
    for (size_t n = 0; n <= 300; n++) {
       SCOPED_TRACE(n);
-      Bytes data(n);
-      for (auto &b : data) {
-         b = static_cast<uint8_t>(rng());
+      std::string data(n, '\0');
+      for (char &b : data) {
+         b = static_cast<char>(rng());
       }
       char *text = nullptr;
-      ASSERT_TRUE(Base64_EasyEncode(data.data(), n, &text));
+      ASSERT_TRUE(Base64_EasyEncode(U(data), n, &text));
       size_t textLength = strlen(text);
       ASSERT_EQ(textLength, (n + 2) / 3 * 4);
       EXPECT_TRUE(Base64_ValidEncoding(text, textLength));
       EXPECT_EQ(Base64_DecodedLength(text, textLength), n);
       EXPECT_EQ(Decode(text, n), data);
-      // One byte of room less than needed fails, at every stage of a group.
-      EXPECT_TRUE(n == 0 || !Decode(text, n - 1));
-      Bytes out(n + 1);
+      EXPECT_TRUE(n == 0 || !Decode(text, n - 1));  // one byte short fails at every stage
+      std::string out(n + 1, '?');
       size_t length = 0;
-      EXPECT_TRUE(Base64_ChunkDecode(text, textLength, out.data(), n, &length));
-      EXPECT_EQ(Bytes(out.begin(), out.begin() + length), data);
+      EXPECT_TRUE(Base64_ChunkDecode(text, textLength, (uint8_t *)out.data(), n, &length));
+      EXPECT_EQ(out.substr(0, length), data);
       uint8_t *allocated = nullptr;
       EXPECT_TRUE(Base64_EasyDecode(text, &allocated, &length));
-      EXPECT_EQ(Bytes(allocated, allocated + length), data);
+      EXPECT_EQ(std::string((char *)allocated, length), data);
       free(allocated);
-      EXPECT_TRUE(Base64_DecodeFixed(text, reinterpret_cast<char *>(out.data()), n));
-      EXPECT_EQ(Bytes(out.begin(), out.begin() + n), data);
+      EXPECT_TRUE(Base64_DecodeFixed(text, out.data(), n));
+      EXPECT_EQ(out.substr(0, n), data);
       free(text);
    }
 }
