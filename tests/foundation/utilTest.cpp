@@ -21,12 +21,6 @@ std::optional<std::string> Expand(const std::string &name)
    return text;
 }
 
-const passwd &RealUser()
-{
-   static const passwd *pw = getpwuid(getuid());
-   return *pw;
-}
-
 }  // namespace
 
 TEST(ExpandString, Variables)
@@ -44,7 +38,7 @@ TEST(ExpandString, Variables)
    EXPECT_EQ(Expand("cost$"), "cost$");
    EXPECT_EQ(Expand("$/$$-$"), "$/$$-$");
    EXPECT_EQ(Expand("x.$PiD.log"), "x." + std::to_string(getpid()) + ".log");
-   EXPECT_EQ(Expand("/tmp/$user"), std::string("/tmp/") + RealUser().pw_name);
+   EXPECT_EQ(Expand("/tmp/$user"), std::string("/tmp/") + getpwuid(getuid())->pw_name);
    EXPECT_EQ(log.Text(), "");
 
    EXPECT_EQ(Expand("a$UNSET_NAME/b"), "a/b");
@@ -66,7 +60,7 @@ TEST(ExpandString, HomeDirectories)
    unsetenv("CFFIXED_USER_HOME");
    setenv("HOME", "/not/used", 1);
    LogCapture log;
-   std::string home = RealUser().pw_dir;
+   std::string home = getpwuid(getuid())->pw_dir;
    EXPECT_EQ(Expand("~"), home);
    EXPECT_EQ(Expand("~/Library"), home + "/Library");
    EXPECT_EQ(Expand("~root/x$HOME"), "/root/x/not/used");
