@@ -1,6 +1,6 @@
-#include <errno.h>
 #include <stdint.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <string>
 
@@ -9,19 +9,17 @@
 
 namespace {
 
+/* Far more than any allocator will hand out, but small enough not to overflow the size. */
+constexpr size_t kImpossible = SIZE_MAX / 2;
+
 /* A buffer holding `size` bytes of 'x' in exactly `size` allocated bytes. */
 void FillExactly(DynBuf *b, size_t size)
 {
    DynBuf_Init(b);
-   ASSERT_TRUE(DynBuf_Enlarge(b, size));
-   ASSERT_TRUE(DynBuf_Trim(b));
-   std::string bytes(size, 'x');
-   ASSERT_TRUE(DynBuf_Append(b, bytes.data(), size));
+   ASSERT_TRUE(DynBuf_Enlarge(b, size) && DynBuf_Trim(b));
+   ASSERT_TRUE(DynBuf_Append(b, std::string(size, 'x').data(), size));
    ASSERT_EQ(DynBuf_GetAllocatedSize(b), size);
 }
-
-/* Far more than any allocator will hand out, but small enough not to overflow the size. */
-constexpr size_t kImpossible = SIZE_MAX / 2;
 
 }  // namespace
 
@@ -29,136 +27,94 @@ TEST(DynBuf, GrowthDoublesThenStepsBy256KiB)
 {
    DynBuf b = {};
    ASSERT_TRUE(DynBuf_Append(&b, "a", 1));
-   EXPECT_EQ(DynBuf_GetAllocatedSize(&b), 128u);
+   EXPECT_EQ(b.allocated, 128u);
    std::string more(128, 'b');
    ASSERT_TRUE(DynBuf_Append(&b, more.data(), more.size()));
-   EXPECT_EQ(DynBuf_GetAllocatedSize(&b), 256u);
-   /* A minimum beyond the rule's step wins. */
-   ASSERT_TRUE(DynBuf_Enlarge(&b, 10000));
-   EXPECT_EQ(DynBuf_GetAllocatedSize(&b), 10000u);
+   EXPECT_EQ(b.allocated, 256u);
+   ASSERT_TRUE(DynBuf_Enlarge(&b, 10000));  // a minimum beyond the rule's step wins
+   EXPECT_EQ(b.allocated, 10000u);
    EXPECT_EQ(std::string(b.data, b.size), "a" + more);
    DynBuf_Destroy(&b);
+   EXPECT_TRUE(b.data == nullptr && b.size == 0 && b.allocated == 0);
 
-   FillExactly(&b, 256 * 1024);
-   ASSERT_TRUE(DynBuf_Append(&b, "y", 1));
-   EXPECT_EQ(DynBuf_GetAllocatedSize(&b), 512u * 1024);
-   DynBuf_Destroy(&b);
-
-   FillExactly(&b, 512 * 1024);
-   ASSERT_TRUE(DynBuf_Append(&b, "y", 1));
-   EXPECT_EQ(DynBuf_GetAllocatedSize(&b), 768u * 1024);
-   EXPECT_EQ(b.data[512 * 1024], 'y');
-   DynBuf_Destroy(&b);
-   EXPECT_EQ(b.data, nullptr);
-   EXPECT_EQ(b.size + b.allocated, 0u);
+   for (auto [full, grown] :
+        {std::pair<size_t, size_t>{200, 400}, {256 << 10, 512 << 10}, {512 << 10, 768 << 10}}) {
+      FillExactly(&b, full);
+      ASSERT_TRUE(DynBuf_Append(&b, "y", 1));
+      EXPECT_EQ(b.allocated, grown);
+      EXPECT_EQ(b.data[full], 'y');
+      DynBuf_Destroy(&b);
+   }
 }
 
 TEST(DynBuf, FailureLeavesBufferIntact)
 {
-   DynBuf b;
-   DynBuf_Init(&b);
+   DynBuf b = {};
    ASSERT_TRUE(DynBuf_Append(&b, "keep", 4));
-   char *data = b.data;
-   size_t allocated = b.allocated;
-
+   DynBuf before = b;
    EXPECT_FALSE(DynBuf_Enlarge(&b, kImpossible));
    EXPECT_FALSE(DynBuf_Insert(&b, 0, "z", kImpossible));
-   /* The new size would wrap around (volatile: keeps the compiler from checking the copy). */
-   volatile size_t wrapping = SIZE_MAX - 1;
+   volatile size_t wrapping = SIZE_MAX - 1;  // the new size would wrap around
    EXPECT_FALSE(DynBuf_Append(&b, "z", wrapping));
-   EXPECT_EQ(b.data, data);
-   EXPECT_EQ(b.allocated, allocated);
+   EXPECT_TRUE(b.data == before.data && b.allocated == before.allocated);
    EXPECT_EQ(std::string(b.data, b.size), "keep");
    DynBuf_Destroy(&b);
 }
 
-TEST(DynBuf, InsertMovesTailAndAppendStringKeepsNulOutOfSize)
-{
-   DynBuf b = {};
-   ASSERT_TRUE(DynBuf_AppendString(&b, "held"));
-   EXPECT_EQ(b.size, 4u);
-   EXPECT_EQ(b.data[4], '\0');
-   ASSERT_TRUE(DynBuf_Insert(&b, 0, "<", 1));
-   ASSERT_TRUE(DynBuf_Insert(&b, 3, "-", 1));
-   ASSERT_TRUE(DynBuf_Insert(&b, b.size, ">", 1));
-   ASSERT_TRUE(DynBuf_Insert(&b, 2, nullptr, 0));
-   EXPECT_EQ(std::string(b.data, b.size), "<he-ld>");
-   DynBuf_SafeAppend(&b, "!", 1);
-   DynBuf_SafeInsert(&b, 0, "^", 1);
-   char *text = DynBuf_DetachString(&b);
-   EXPECT_STREQ(text, "^<he-ld>!");
-   EXPECT_EQ(b.data, nullptr);
-   EXPECT_EQ(b.allocated, 0u);
-   EXPECT_EQ(b.size, 9u); /* detaching leaves the size */
-   free(text);
-}
-
-TEST(DynBuf, DetachStringGrowsOnlyWhenFull)
+TEST(DynBuf, InsertDetachAttachTrimCopySetString)
 {
    DynBuf b = {};
    char *empty = DynBuf_DetachString(&b);
    EXPECT_STREQ(empty, "");
    free(empty);
-
-   FillExactly(&b, 200);
+   FillExactly(&b, 200);  // a full buffer grows for the NUL
    char *full = DynBuf_DetachString(&b);
    EXPECT_EQ(std::string(full), std::string(200, 'x'));
    free(full);
-}
+   DynBuf_Init(&b);  // detaching left the size behind
 
-TEST(DynBuf, AttachTrimCopySetString)
-{
-   DynBuf b = {};
-   ASSERT_TRUE(DynBuf_Append(&b, "old", 3));
-   char *block = static_cast<char *>(malloc(5));
-   memcpy(block, "fresh", 5);
-   DynBuf_Attach(&b, 5, block); /* frees "old" */
-   EXPECT_EQ(b.data, block);
-   EXPECT_EQ(b.allocated, 5u);
+   ASSERT_TRUE(DynBuf_AppendString(&b, "held"));  // the NUL is kept out of the size
+   EXPECT_EQ(b.size, 4u);
+   EXPECT_EQ(b.data[4], '\0');
+   for (auto [offset, text] : {std::pair<size_t, const char *>{0, "<"}, {3, "-"}, {6, ">"}}) {
+      ASSERT_TRUE(DynBuf_Insert(&b, offset, text, 1));
+   }
+   ASSERT_TRUE(DynBuf_Insert(&b, 2, nullptr, 0));
+   DynBuf_SafeAppend(&b, "!", 1);
+   DynBuf_SafeInsert(&b, 0, "^", 1);
+   char *text = DynBuf_DetachString(&b);
+   EXPECT_STREQ(text, "^<he-ld>!");
+   EXPECT_TRUE(b.data == nullptr && b.allocated == 0 && b.size == 9);  // the size stays
+   free(text);
 
-   ASSERT_TRUE(DynBuf_Enlarge(&b, 0));
-   EXPECT_EQ(b.allocated, 10u);
+   char *block = strdup("fresh");  // attached as 6 bytes; enlarging doubles that
+   DynBuf_Attach(&b, 6, block);
+   ASSERT_TRUE(b.data == block && DynBuf_Enlarge(&b, 0) && b.allocated == 12);
    DynBuf copy;
    ASSERT_TRUE(DynBuf_Copy(&b, &copy));
-   EXPECT_NE(copy.data, b.data);
-   EXPECT_EQ(copy.allocated, 10u);
-   EXPECT_EQ(std::string(copy.data, copy.size), "fresh");
-   ASSERT_TRUE(DynBuf_Trim(&copy));
-   EXPECT_EQ(copy.allocated, 5u);
+   EXPECT_TRUE(copy.data != b.data && copy.allocated == 12 && copy.size == 6);
+   EXPECT_STREQ(copy.data, "fresh");
+   ASSERT_TRUE(DynBuf_Trim(&copy) && copy.allocated == 6);
    DynBuf_Destroy(&copy);
-
    b.size = 0;
-   ASSERT_TRUE(DynBuf_Trim(&b));
-   EXPECT_EQ(b.allocated, 0u);
-   EXPECT_EQ(b.data, nullptr);
+   ASSERT_TRUE(DynBuf_Trim(&b) && b.data == nullptr && b.allocated == 0);
 
-   DynBuf view;
-   DynBuf_SetString(&view, "borrowed");
-   EXPECT_EQ(view.size, 8u);
-   EXPECT_EQ(view.allocated, 9u);
-   DynBuf_SetString(&view, nullptr);
-   EXPECT_EQ(view.data, nullptr);
-   EXPECT_EQ(view.size + view.allocated, 0u);
+   DynBuf_SetString(&b, "borrowed");
+   EXPECT_TRUE(b.size == 8 && b.allocated == 9);
+   DynBuf_SetString(&b, nullptr);
+   EXPECT_TRUE(b.data == nullptr && b.size == 0 && b.allocated == 0);
 }
 
-TEST(DynBufDeathTest, SafeFormsNameTheirCaller)
+TEST(DynBufDeathTest, SafeFormsAndDetachStringPanic)
 {
    DynBuf b = {};
+   const std::string atCaller =
+       "Unrecoverable memory allocation failure at tests/foundation/dynbufTest:";
    int line = __LINE__ + 1;
-   EXPECT_PANIC(DynBuf_SafeEnlarge(&b, kImpossible),
-                "Unrecoverable memory allocation failure at tests/foundation/dynbufTest:" +
-                    std::to_string(line) + "\n");
+   EXPECT_PANIC(DynBuf_SafeEnlarge(&b, kImpossible), atCaller + std::to_string(line) + "\n");
    line = __LINE__ + 1;
-   EXPECT_PANIC(DynBuf_SafeAppend(&b, "x", kImpossible),
-                "Unrecoverable memory allocation failure at tests/foundation/dynbufTest:" +
-                    std::to_string(line) + "\n");
-   EXPECT_PANIC(DynBuf_SafeInsert(&b, 0, "x", SIZE_MAX),
-                "Unrecoverable memory allocation failure at tests/foundation/dynbufTest:");
-}
-
-TEST(DynBufDeathTest, DetachStringPanicsWhenItCannotGrow)
-{
-   DynBuf b = {};
+   EXPECT_PANIC(DynBuf_SafeAppend(&b, "x", kImpossible), atCaller + std::to_string(line) + "\n");
+   EXPECT_PANIC(DynBuf_SafeInsert(&b, 0, "x", SIZE_MAX), atCaller);
    b.size = SIZE_MAX;
    b.allocated = SIZE_MAX;
    EXPECT_PANIC(DynBuf_DetachString(&b), "MEM_ALLOC lib/public/dynbuf:");

@@ -1,7 +1,7 @@
 #include <errno.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <string.h>
+#include <sys/resource.h>
 
 #include <string>
 
@@ -10,95 +10,76 @@
 
 namespace {
 
-/* Takes ownership of a routine's result and returns it as a string (with embedded NULs). */
-std::string Take(void *result, size_t size)
+/* Calls routine(args..., &size) and takes ownership of its result (NULs included). */
+template <typename Result, typename... Params, typename... Args>
+std::string Call(Result *(*routine)(Params...), Args... args)
 {
-   EXPECT_NE(result, nullptr);
+   size_t size = 0;
+   char *result = static_cast<char *>(routine(args..., &size));
    if (result == nullptr) {
       return "<null>";
    }
-   EXPECT_EQ(static_cast<char *>(result)[size], '\0');
-   std::string text(static_cast<char *>(result), size);
+   EXPECT_EQ(result[size], '\0');
+   std::string text(result, size);
    free(result);
    return text;
 }
 
 std::string Take(char *result)
 {
-   return result == nullptr ? "<null>" : Take(result, strlen(result));
+   std::string text = result != nullptr ? result : "<null>";
+   free(result);
+   return text;
 }
 
+/* Flags '%', '/', NUL, 0xFF and line feed. */
 struct EscapeTable {
    int flags[256] = {};
-   EscapeTable(std::initializer_list<unsigned char> bytes)
+   EscapeTable()
    {
-      for (unsigned char b : bytes) {
-         flags[b] = 1;
+      for (unsigned char c : std::string("%/\0\xff\n", 5)) {
+         flags[c] = 1;
       }
    }
-};
+} const kTable;
 
-std::string Do(char esc, const EscapeTable &table, const std::string &in)
+std::string Do(char esc, const std::string &in)
 {
-   size_t size = 0;
-   void *out = Escape_Do(esc, table.flags, in.data(), in.size(), &size);
-   return Take(out, size);
+   return Call(Escape_Do, esc, kTable.flags, in.data(), in.size());
 }
 
 std::string Undo(char esc, const std::string &in)
 {
-   size_t size = 0;
-   void *out = Escape_Undo(esc, in.data(), in.size(), &size);
-   return Take(out, size);
-}
-
-std::string UnescapeCString(std::string text)
-{
-   Escape_UnescapeCString(text.data());
-   return text.c_str();
+   return Call(Escape_Undo, esc, in.data(), in.size());
 }
 
 }  // namespace
 
-TEST(Escape, DoWritesUpperCaseHexAndRoundTrips)
+TEST(Escape, DoWritesUpperCaseHexAndUndoReverses)
 {
-   EscapeTable table{'%', '/', 0x00, 0xFF, '\n'};
-   std::string in("a/b%c\nd\0e\xff", 10);
-   std::string escaped = Do('%', table, in);
-   EXPECT_EQ(escaped, "a%2Fb%25c%0Ad%00e%FF");
-   EXPECT_EQ(Undo('%', escaped), in);
-
-   size_t size = 99;
-   void *out = Escape_DoString("<esc>", table.flags, "x/", 2, &size);
-   EXPECT_EQ(Take(out, size), "x<esc>2F");
-   EXPECT_EQ(Do('%', table, ""), "");
-   /* Even a NUL escape byte is written out. */
-   std::string nulEscaped = Do('\0', table, std::string("/\0", 2));
+   const std::string in("a/b%c\nd\0e\xff", 10);
+   EXPECT_EQ(Do('%', in), "a%2Fb%25c%0Ad%00e%FF");
+   EXPECT_EQ(Undo('%', Do('%', in)), in);
+   EXPECT_EQ(Do('%', ""), "");
+   std::string nulEscaped = Do('\0', std::string("/\0", 2));  // even a NUL escape is written
    EXPECT_EQ(nulEscaped, std::string("\0002F\00000", 6));
    EXPECT_EQ(Undo('\0', nulEscaped), std::string("/\0", 2));
-   EXPECT_STREQ(static_cast<char *>(out = Escape_Do('%', table.flags, "plain", 5, nullptr)),
-                "plain");
-   free(out);
-}
+   EXPECT_EQ(Call(Escape_DoString, "<esc>", kTable.flags, "x/", 2), "x<esc>2F");
+   // The length pointer is optional.
+   EXPECT_EQ(Take(static_cast<char *>(Escape_Do('%', kTable.flags, "plain", 5, nullptr))), "plain");
 
-TEST(Escape, UndoKeepsBrokenSequences)
-{
-   EXPECT_EQ(Undo('%', "%41%6a%7A"), "Ajz");
-   EXPECT_EQ(Undo('%', "100%"), "100%");
-   EXPECT_EQ(Undo('%', "ends %4"), "ends %4");
-   EXPECT_EQ(Undo('%', "%G1 %4G"), "%G1 %4G");
-   /* The byte that breaks a sequence is not itself taken as a new escape. */
-   EXPECT_EQ(Undo('%', "%%41"), "%%41");
-   EXPECT_EQ(Undo('%', "%4%41"), "%4%41");
-   EXPECT_EQ(Undo('%', "%41%42"), "AB");
+   // Broken sequences stay as written; the byte that breaks one does not start a new one.
+   const std::pair<const char *, const char *> undo[] = {
+       {"%41%6a%7A", "Ajz"}, {"100%", "100%"},   {"ends %4", "ends %4"}, {"%G1 %4G", "%G1 %4G"},
+       {"%%41", "%%41"},     {"%4%41", "%4%41"}, {"%41%42", "AB"}};
+   for (const auto &[text, expected] : undo) {
+      EXPECT_EQ(Undo('%', text), expected) << text;
+   }
    EXPECT_EQ(Undo('#', "#00#"), std::string("\0#", 2));
-}
 
-TEST(Escape, UndoFixedFitsWithItsNulOrCopiesNothing)
-{
    char buf[4];
    memset(buf, '*', sizeof buf);
-   EXPECT_FALSE(Escape_UndoFixed('%', "%41BCD", 6, buf, sizeof buf)); /* "ABCD" + NUL */
+   EXPECT_FALSE(Escape_UndoFixed('%', "%41BCD", 6, buf, sizeof buf));  // "ABCD" + NUL
    EXPECT_EQ(std::string(buf, 4), "****");
    EXPECT_TRUE(Escape_UndoFixed('%', "%41BC", 5, buf, sizeof buf));
    EXPECT_STREQ(buf, "ABC");
@@ -109,21 +90,13 @@ TEST(Escape, UndoFixedFitsWithItsNulOrCopiesNothing)
 
 TEST(Escape, StripCRShellQuoteRegexSpecials)
 {
-   size_t size = 0;
-   void *out = Escape_StripCR("a\r\nb\rc\r\r\n\r", 10, &size);
-   EXPECT_EQ(Take(out, size), "a\nb\rc\r\n\r");
-
-   char *quoted = Escape_ShellQuote("a'b", 3, &size);
-   EXPECT_EQ(size, 9u);
-   EXPECT_EQ(Take(quoted, size), "'a'\"'\"'b'");
-   quoted = Escape_ShellQuote("", 0, &size);
-   EXPECT_EQ(Take(quoted, size), "''");
-
-   char *regex = Escape_RegexSpecials("$a*.[\\]^b+?(", 12, &size);
-   EXPECT_EQ(Take(regex, size), "\\$a\\*\\.\\[\\\\\\]\\^b+?(");
+   EXPECT_EQ(Call(Escape_StripCR, "a\r\nb\rc\r\r\n\r", 10), "a\nb\rc\r\n\r");
+   EXPECT_EQ(Call(Escape_ShellQuote, "a'b", 3), "'a'\"'\"'b'");
+   EXPECT_EQ(Call(Escape_ShellQuote, "", 0), "''");
+   EXPECT_EQ(Call(Escape_RegexSpecials, "$a*.[\\]^b+?(", 12), "\\$a\\*\\.\\[\\\\\\]\\^b+?(");
 }
 
-TEST(Escape, StrchrSkipsEscapedCharacters)
+TEST(Escape, StrchrUnescapeAndCommas)
 {
    const char *text = "a\\,b,c";
    EXPECT_EQ(Escape_Strchr('\\', text, ','), text + 4);
@@ -132,34 +105,25 @@ TEST(Escape, StrchrSkipsEscapedCharacters)
    EXPECT_EQ(Escape_Strchr('\\', "a\\,b", ','), nullptr);
    EXPECT_EQ(Escape_Strchr('\\', "", ','), nullptr);
    const char *escapes = "x\\\\y\\";
-   EXPECT_EQ(Escape_Strchr('\\', escapes, '\\'), escapes + 1); /* an unescaped escape character */
-}
+   EXPECT_EQ(Escape_Strchr('\\', escapes, '\\'), escapes + 1);  // an unescaped escape character
 
-TEST(Escape, UnescapeAndCommas)
-{
    EXPECT_EQ(Take(Escape_Unescape('\\', "a\\,b\\\\c\\")), "a,b\\c");
    EXPECT_EQ(Take(Escape_Unescape('%', "")), "");
-
-   char *commas = Escape_Commas("a,b\\c,,");
-   EXPECT_EQ(Take(commas), "a\\,b\\\\c\\,\\,");
+   EXPECT_EQ(Take(Escape_Commas("a,b\\c,,")), "a\\,b\\\\c\\,\\,");
    EXPECT_EQ(Escape_Commas(nullptr), nullptr);
-   /* Escaping commas and unescaping with the same character are inverses. */
-   const char *original = "x,\\y\\,z";
-   EXPECT_EQ(Take(Escape_Unescape('\\', Take(Escape_Commas(original)).c_str())), original);
 }
 
 TEST(Escape, UnescapeCStringInPlace)
 {
-   EXPECT_EQ(UnescapeCString("\\101"), "A");
-   EXPECT_EQ(UnescapeCString("\\q"), "\\q");
-   EXPECT_EQ(UnescapeCString("a\\\\b\\nc"), "a\\b\nc");
-   EXPECT_EQ(UnescapeCString("\\1012"), "A2");
-   /* Fewer than three octal digits leave the backslash alone and read nothing beyond the end. */
-   EXPECT_EQ(UnescapeCString("\\12"), "\\12");
-   EXPECT_EQ(UnescapeCString("\\18x"), "\\18x");
-   EXPECT_EQ(UnescapeCString("end\\"), "end\\");
-   EXPECT_EQ(UnescapeCString("\\\\101"), "\\101");
-   EXPECT_EQ(UnescapeCString("\\377"), "\xff");
+   // Fewer than three octal digits leave the backslash alone and read nothing beyond the end.
+   const std::pair<std::string, std::string> cases[] = {
+       {"\\101", "A"},     {"\\q", "\\q"},       {"a\\\\b\\nc", "a\\b\nc"},
+       {"\\1012", "A2"},   {"\\12", "\\12"},     {"\\18x", "\\18x"},
+       {"end\\", "end\\"}, {"\\\\101", "\\101"}, {"\\377", "\xff"}};
+   for (auto [text, expected] : cases) {
+      Escape_UnescapeCString(text.data());
+      EXPECT_EQ(text.c_str(), expected);
+   }
 }
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -170,34 +134,26 @@ TEST(Escape, UnescapeCStringInPlace)
 #endif
 #endif
 
-#ifndef SANITIZED_BUILD
-/* Caps the address space so that tripling a 16 MB input cannot fit; exits 0 on a clean failure. */
-[[noreturn]] static void EscapeUnderMemoryLimit()
-{
-   std::string input(16 << 20, '%');
-   EscapeTable table{'%'};
-   FILE *statm = fopen("/proc/self/statm", "r");
-   unsigned long pages = 0;
-   if (statm == nullptr || fscanf(statm, "%lu", &pages) != 1) {
-      exit(2);
-   }
-   fclose(statm);
-   rlim_t limit = pages * 4096 + (24 << 20);
-   struct rlimit rl = {limit, limit};
-   if (setrlimit(RLIMIT_AS, &rl) != 0) {
-      exit(3);
-   }
-   errno = 0;
-   void *out = Escape_Do('%', table.flags, input.data(), input.size(), nullptr);
-   exit(out == nullptr && errno == ENOMEM ? 0 : 1);
-}
-#endif
-
 TEST(Escape, MemoryFailureGivesNullAndENOMEM)
 {
 #ifdef SANITIZED_BUILD
    GTEST_SKIP() << "sanitizers reserve more address space than the limit allows";
-#else
-   EXPECT_EXIT(EscapeUnderMemoryLimit(), ::testing::ExitedWithCode(0), "");
 #endif
+   // Caps the address space 24 MB above its current size, so tripling 16 MB cannot fit.
+   auto escapeUnderLimit = [] {
+      std::string input(16 << 20, '%');
+      FILE *statm = fopen("/proc/self/statm", "r");
+      rlim_t pages = 0;
+      if (statm == nullptr || fscanf(statm, "%lu", &pages) != 1) {
+         exit(2);
+      }
+      struct rlimit limit = {pages * 4096 + (24 << 20), pages * 4096 + (24 << 20)};
+      errno = 0;
+      exit(setrlimit(RLIMIT_AS, &limit) == 0 &&
+                   Escape_Do('%', kTable.flags, input.data(), input.size(), nullptr) == nullptr &&
+                   errno == ENOMEM
+               ? 0
+               : 1);
+   };
+   EXPECT_EXIT(escapeUnderLimit(), ::testing::ExitedWithCode(0), "");
 }

@@ -22,22 +22,14 @@ namespace {
 
 const char *const kFlags[] = {"", "-", "+", " ", "#", "0", "'", "+0", "- ", "#-", "0#", "+ #0"};
 const char *const kWidths[] = {"", "1", "5", "12", "*"};
-const char *const kPrecisions[] = {"", ".", ".0", ".1", ".5", ".17", ".*"};
 
 class Grid {
   public:
    ~Grid() { EXPECT_EQ(mismatches_, 0) << mismatches_ << " of " << checked_ << " formats differ"; }
 
-   /* Formats through both with identical arguments; "*" arguments come first. */
+   /* Formats through both; theirFmt is the C library's spelling of fmt. */
    template <typename... Args>
-   void Check(const std::string &fmt, Args... args)
-   {
-      CheckAgainst(fmt, fmt, args...);
-   }
-
-   /* The same where the C library spells the format differently. */
-   template <typename... Args>
-   void CheckAgainst(const std::string &fmt, const std::string &theirFmt, Args... args)
+   void Check(const std::string &fmt, const std::string &theirFmt, Args... args)
    {
       char ours[512];
       char theirs[512];
@@ -46,46 +38,52 @@ class Grid {
       checked_++;
       std::string a(ours, ourLength < 0 ? 0 : (size_t)ourLength);
       std::string b(theirs, theirLength < 0 ? 0 : (size_t)theirLength);
-      if (ourLength != theirLength || a != b) {
-         if (++mismatches_ <= 20) {
-            ADD_FAILURE() << "format \"" << fmt << "\": ours \"" << a << "\" (" << ourLength
-                          << "), C library \"" << b << "\" (" << theirLength << ")";
-         }
+      if ((ourLength != theirLength || a != b) && ++mismatches_ <= 20) {
+         ADD_FAILURE() << "format \"" << fmt << "\": ours \"" << a << "\" (" << ourLength
+                       << "), C library \"" << b << "\" (" << theirLength << ")";
       }
    }
 
-   /* Every width and precision (stars get 7/-7 and 3/-3) around the conversion text. */
-   template <typename T>
-   void AllShapes(const std::string &flags, const std::string &conversion, T value,
-                  bool withPrecision = true)
+   /*
+    * "%" flags width precision conversion for every width and precision; a star width takes 7
+    * and -7, a star precision 3 and -3 (which counts as none). skip(precision) can leave out a
+    * precision, -1 standing for none.
+    */
+   template <typename T, typename Skip>
+   void Shapes(const char *flags, const std::string &conversion, T value,
+               const std::vector<const char *> &precisions, Skip skip)
    {
       for (const char *width : kWidths) {
-         for (const char *precision : kPrecisions) {
-            if (!withPrecision && *precision != '\0') {
+         for (const char *precision : precisions) {
+            bool starWidth = width[0] == '*';
+            bool starPrecision = strcmp(precision, ".*") == 0;
+            if (starPrecision ? skip(3) || skip(-1)
+                              : skip(precision[0] == '\0' ? -1 : atoi(precision + 1))) {
                continue;
             }
-            std::string fmt = "%" + flags + width + precision + conversion;
-            bool starWidth = width[0] == '*';
-            bool starPrecision = (strcmp(precision, ".*") == 0);
-            if (starWidth && starPrecision) {
-               Check(fmt, 7, 3, value);
-               Check(fmt, -7, -3, value);
-            } else if (starWidth) {
-               Check(fmt, 7, value);
-               Check(fmt, -7, value);
-            } else if (starPrecision) {
-               Check(fmt, 3, value);
-               Check(fmt, -3, value);
-            } else {
-               Check(fmt, value);
+            std::string fmt = std::string("%") + flags + width + precision + conversion;
+            for (int sign : {1, -1}) {
+               if (starWidth && starPrecision) {
+                  Check(fmt, fmt, 7 * sign, 3 * sign, value);
+               } else if (starWidth) {
+                  Check(fmt, fmt, 7 * sign, value);
+               } else if (starPrecision) {
+                  Check(fmt, fmt, 3 * sign, value);
+               } else if (sign == 1) {
+                  Check(fmt, fmt, value);
+               }
             }
          }
       }
    }
 
+  private:
    int checked_ = 0;
    int mismatches_ = 0;
 };
+
+const std::vector<const char *> kPrecisions = {"", ".", ".0", ".1", ".5", ".17", ".*"};
+const auto kNoSkip = [](int) { return false; };
 
 /* Whether ecvt's digits for value are the ones the C library's %e prints. */
 bool EcvtAgreesWithPrintf(double value, int ndigits)
@@ -107,46 +105,32 @@ bool EcvtAgreesWithPrintf(double value, int ndigits)
    return digits == expected && decpt - 1 == atoi(strchr(printed, 'e') + 1);
 }
 
-template <typename T>
-void IntegerGrid(Grid &grid, const char *length, const std::vector<T> &values)
-{
-   for (const char *flags : kFlags) {
-      for (const char *conv : {"d", "i", "u", "o", "x", "X"}) {
-         for (T value : values) {
-            grid.AllShapes(flags, std::string(length) + conv, value);
-         }
-      }
-   }
-}
-
 TEST(FormatDiff, IntegersOfEveryLength)
 {
    Grid grid;
-   std::vector<int> ints = {0,   1,     -1,     7,     42,      -42,     255,
-                            256, 32767, -32768, 65535, 1000000, INT_MAX, INT_MIN};
-   for (const char *length : {"", "hh", "h"}) {
-      IntegerGrid(grid, length, ints);
-   }
-   std::vector<long long> wide = {0,
-                                  1,
-                                  -1,
-                                  1234567890123LL,
-                                  INT_MAX,
-                                  INT_MIN,
-                                  (long long)INT_MAX + 1,
-                                  INT64_MAX,
-                                  INT64_MIN,
-                                  (long long)UINT64_MAX};
-   for (const char *length : {"l", "ll", "q", "L", "j", "z", "t"}) {
-      IntegerGrid(grid, length, wide);
+   const long long values[] = {
+       0,         1,         -1,        7,       42,      -42,     255,          256,
+       32767,     -32768,    65535,     1000000, INT_MAX, INT_MIN, 2147483648LL, 1234567890123LL,
+       INT64_MAX, INT64_MIN, -INT64_MAX};
+   for (const char *length : {"", "hh", "h", "l", "ll", "q", "L", "j", "z", "t"}) {
+      bool narrow = strlen(length) == 0 || length[0] == 'h';
+      for (const char *flags : kFlags) {
+         for (const char *conv : {"d", "i", "u", "o", "x", "X"}) {
+            for (long long value : values) {
+               if (!narrow) {
+                  grid.Shapes(flags, std::string(length) + conv, value, kPrecisions, kNoSkip);
+               } else if (value >= INT_MIN && value <= INT_MAX) {
+                  grid.Shapes(flags, std::string(length) + conv, (int)value, kPrecisions, kNoSkip);
+               }
+            }
+         }
+      }
    }
    // The additional modifiers read what the standard ones read.
-   grid.CheckAgainst("%I64d|%I64u|%-+5I64x", "%lld|%llu|%-+5llx", INT64_MIN, UINT64_MAX,
-                     UINT64_MAX);
-   grid.CheckAgainst("%I32d|%I32u|%#I32x", "%d|%u|%#x", INT_MIN, UINT_MAX, UINT_MAX);
-   grid.CheckAgainst("%Id|%Iu|%.3Ix", "%zd|%zu|%.3zx", (size_t)SIZE_MAX, (size_t)SIZE_MAX,
-                     (size_t)0);
-   grid.CheckAgainst("%D %#O %U %Zu", "%ld %#lo %lu %zu", LONG_MIN, LONG_MAX, ULONG_MAX, SIZE_MAX);
+   grid.Check("%I64d|%I64u|%-+5I64x", "%lld|%llu|%-+5llx", INT64_MIN, UINT64_MAX, UINT64_MAX);
+   grid.Check("%I32d|%I32u|%#I32x", "%d|%u|%#x", INT_MIN, UINT_MAX, UINT_MAX);
+   grid.Check("%Id|%Iu|%.3Ix", "%zd|%zu|%.3zx", SIZE_MAX, SIZE_MAX, (size_t)0);
+   grid.Check("%D %#O %U %Zu", "%ld %#lo %lu %zu", LONG_MIN, LONG_MAX, ULONG_MAX, SIZE_MAX);
 }
 
 TEST(FormatDiff, CharactersStringsAndPointers)
@@ -154,21 +138,21 @@ TEST(FormatDiff, CharactersStringsAndPointers)
    Grid grid;
    for (const char *flags : {"", "-", "#", "+", " "}) {
       for (int c : {(int)'a', (int)' ', 0xE9, (int)'%'}) {
-         grid.AllShapes(flags, "c", c, false);
+         grid.Shapes(flags, "c", c, {""}, kNoSkip);
       }
       for (const char *s : {"", "a", "hello world", "\xC3\xA9t\xC3\xA9"}) {
-         grid.AllShapes(flags, "s", s);
+         grid.Shapes(flags, "s", s, kPrecisions, kNoSkip);
       }
    }
    // The C library prints "(nil)" for a NULL pointer and a sign for "+"/" "; both excluded.
    for (const char *flags : {"", "-", "#", "0", "-0"}) {
       for (uintptr_t p : {(uintptr_t)1, (uintptr_t)0xdeadbeef, UINTPTR_MAX}) {
-         grid.AllShapes(flags, "p", (void *)p);
+         grid.Shapes(flags, "p", (void *)p, kPrecisions, kNoSkip);
       }
    }
-   grid.Check("%lc|%5C|%-3lc|", (wint_t)'x', (wint_t)'y', (wint_t)'z');
-   grid.Check("%ls|%.2S|%5ls|", L"abc", L"abc", L"d");
-   grid.Check("%%|%s%%", "x");
+   grid.Check("%lc|%5C|%-3lc|", "%lc|%5lc|%-3lc|", (wint_t)'x', (wint_t)'y', (wint_t)'z');
+   grid.Check("%ls|%.2S|%5ls|", "%ls|%.2ls|%5ls|", L"abc", L"abc", L"d");
+   grid.Check("%%|%s%%", "%%|%s%%", "x");
 }
 
 TEST(FormatDiff, FloatingPoint)
@@ -179,59 +163,40 @@ TEST(FormatDiff, FloatingPoint)
                             0.000123456, 1e15,     1e21,      1e-300,   1e300,      DBL_MAX,
                             DBL_MIN,     4.9e-324, 9.9999995, 999999.5, 1e100 / 3,  INFINITY,
                             -INFINITY,   NAN,      -NAN};
-   // ecvt and fcvt give at most 17 digits where the C library gives exact expansions; so no
-   // precision beyond 16 for %e (17 significant digits), 17 for %g and 17 for %f. Besides,
-   // the C library's ecvt scales the value by powers of ten before rounding, so for %e and %g
-   // its digits can differ from its printf's in the last places and at decimal ties; such
-   // cases are skipped by asking ecvt itself.
-   const char *const precisions[] = {"", ".0", ".1", ".3", ".6", ".10", ".16", ".*"};
+   // ecvt and fcvt give at most 17 digits where the C library gives exact expansions, so the
+   // precision stays at or below 16. The C library's ecvt also scales by powers of ten before
+   // rounding, so for %e and %g its digits can differ from its printf's in the last places and
+   // at decimal ties; such cases are skipped by asking ecvt itself.
+   const std::vector<const char *> precisions = {"", ".0", ".1", ".3", ".6", ".10", ".16", ".*"};
    for (const char *flags : kFlags) {
-      for (const char *conv : {"e", "E", "f", "F", "g", "G"}) {
+      for (char conv : std::string("eEfFgG")) {
          for (double value : values) {
-            for (const char *width : kWidths) {
-               for (const char *precision : precisions) {
-                  // %.0f rounds half-way values away from zero, the C library to even.
-                  bool halfway = fabs(value - trunc(value)) == 0.5;
-                  if (halfway && (*conv | 0x20) == 'f' && strcmp(precision, ".0") == 0) {
-                     continue;
-                  }
-                  std::string fmt = std::string("%") + flags + width + precision + conv;
-                  int digits = precision[0] == '\0'             ? 6
-                               : (strcmp(precision, ".*") == 0) ? 4
-                                                                : atoi(precision + 1);
-                  if ((*conv | 0x20) == 'e' && !EcvtAgreesWithPrintf(value, digits + 1)) {
-                     continue;
-                  }
-                  if ((*conv | 0x20) == 'g' &&
-                      !EcvtAgreesWithPrintf(value, digits == 0 ? 1 : digits)) {
-                     continue;
-                  }
-                  if (width[0] == '*' && (strcmp(precision, ".*") == 0)) {
-                     grid.Check(fmt, -12, 2, value);
-                  } else if (width[0] == '*') {
-                     grid.Check(fmt, 12, value);
-                  } else if ((strcmp(precision, ".*") == 0)) {
-                     grid.Check(fmt, 4, value);
-                  } else {
-                     grid.Check(fmt, value);
-                  }
+            grid.Shapes(flags, std::string(1, conv), value, precisions, [&](int digits) {
+               switch (conv | 0x20) {
+                  case 'e':
+                     return !EcvtAgreesWithPrintf(value, (digits < 0 ? 6 : digits) + 1);
+                  case 'g':
+                     return !EcvtAgreesWithPrintf(value, digits < 0 ? 6 : digits == 0 ? 1 : digits);
+                  default:  // %.0f rounds half-way values away from zero, the C library to even
+                     return digits == 0 && fabs(value - trunc(value)) == 0.5;
                }
-            }
+            });
          }
       }
    }
-   grid.Check("%.17f|%Lf|%Le|%Lg", 0.1, (long double)1.5, (long double)-2.5e-7, (long double)1e30);
+   grid.Check("%.17f|%Lf|%Le|%Lg", "%.17f|%Lf|%Le|%Lg", 0.1, (long double)1.5, (long double)-2.5e-7,
+              (long double)1e30);
 }
 
 TEST(FormatDiff, MixedAndPositionalFormats)
 {
    Grid grid;
-   grid.Check("%s:%d %u 0x%08x", "lib/string/str", -12, 4000000000u, 0xbeefu);
-   grid.Check("%04d-%02d-%02dT%02d:%02d:%02d.%03d| ", 2026, 11, 21, 7, 5, 9, 12);
-   grid.Check("%2$s %1$s %2$s", "a", "b");
-   grid.Check("%1$*2$.*3$f|%1$g|%4$c", 3.14159, 10, 2, 'z');
-   grid.Check("%3$lld %2$hhd %1$s", "x", 300, INT64_MIN);
-   grid.Check("%9$d %8$d %7$d %6$d %5$d %4$d %3$d %2$d %1$d", 1, 2, 3, 4, 5, 6, 7, 8, 9);
+   auto same = [&](const std::string &fmt, auto... args) { grid.Check(fmt, fmt, args...); };
+   same("%s:%d %u 0x%08x", "lib/string/str", -12, 4000000000u, 0xbeefu);
+   same("%04d-%02d-%02dT%02d:%02d:%02d.%03d| ", 2026, 11, 21, 7, 5, 9, 12);
+   same("%1$*2$.*3$f|%1$g|%4$c", 3.14159, 10, 2, 'z');
+   same("%3$lld %2$hhd %1$s", "x", 300, INT64_MIN);
+   same("%9$d %8$d %7$d %6$d %5$d %4$d %3$d %2$d %1$s", "1", 2, 3, 4, 5, 6, 7, 8, 9);
 }
 
 }  // namespace

@@ -13,27 +13,22 @@
 
 TEST(FormatThread, FloatConversionsDoNotMixDigits)
 {
-   constexpr int kThreads = 6;
    std::vector<std::thread> threads;
-   std::vector<int> failures(kThreads, 0);
-   for (int t = 0; t < kThreads; t++) {
-      threads.emplace_back([t, &failures] {
+   for (int t = 0; t < 6; t++) {
+      threads.emplace_back([t] {
          double value = 1000.0 * (t + 1) + 0.25;
          char expected[64];
+         char buf[64];
          snprintf(expected, sizeof expected, "%.2f %e %g", value, value, value);
+         int failures = 0;
          for (int i = 0; i < 2000; i++) {
-            char buf[64];
             Str_Snprintf(buf, sizeof buf, "%.2f %e %g", value, value, value);
-            if (std::string(buf) != expected) {
-               failures[t]++;
-            }
+            failures += std::string(buf) != expected;
          }
+         EXPECT_EQ(failures, 0) << "thread " << t;
       });
    }
    for (std::thread &thread : threads) {
       thread.join();
-   }
-   for (int t = 0; t < kThreads; t++) {
-      EXPECT_EQ(failures[t], 0) << "thread " << t;
    }
 }

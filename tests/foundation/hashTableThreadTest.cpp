@@ -12,19 +12,14 @@
 namespace {
 
 constexpr int kThreads = 4;
-
 std::atomic<int> gFreeCalls{0};
-
-void CountFree(void *)
-{
-   gFreeCalls.fetch_add(1, std::memory_order_relaxed);
-}
 
 void *V(uintptr_t n)
 {
    return reinterpret_cast<void *>(n);
 }
 
+/* Runs body(thread number) on kThreads threads that start together. */
 template <typename Body>
 void RunThreads(Body body)
 {
@@ -45,29 +40,24 @@ void RunThreads(Body body)
 
 TEST(HashTableThread, ConcurrentInsertsOfOverlappingKeysCountEachOnce)
 {
-   /* Few buckets, so that threads keep racing on the same chain heads. */
+   // Few buckets, so that threads keep racing on the same chain heads.
    HashTable *ht =
        HashTable_Alloc(8, HASH_STRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY, nullptr);
    constexpr int kKeys = 2000;
-   std::vector<std::string> keys;
-   for (int i = 0; i < kKeys; i++) {
-      keys.push_back("k" + std::to_string(i));
-   }
    std::atomic<int> inserted{0};
-   std::vector<std::vector<uintptr_t>> seen(kThreads, std::vector<uintptr_t>(kKeys));
+   std::vector<std::vector<void *>> seen(kThreads, std::vector<void *>(kKeys));
    RunThreads([&](int t) {
       for (int i = 0; i < kKeys; i++) {
-         /* Each thread walks the keys from a different place and also reads back. */
+         // Each thread walks the keys from a different place and reads back what won.
          int k = (i + t * kKeys / kThreads) % kKeys;
-         if (HashTable_Insert(ht, keys[k].c_str(), V(t + 1))) {
-            inserted.fetch_add(1);
-         }
-         seen[t][k] =
-             reinterpret_cast<uintptr_t>(HashTable_LookupOrInsert(ht, keys[k].c_str(), V(99)));
-         void *value = nullptr;
-         if (HashTable_Lookup(ht, keys[(k + kKeys / 2) % kKeys].c_str(), &value)) {
-            uintptr_t owner = reinterpret_cast<uintptr_t>(value);
-            EXPECT_TRUE(owner >= 1 && owner <= kThreads) << owner;
+         std::string key = "k" + std::to_string(k);
+         inserted += HashTable_Insert(ht, key.c_str(), V(t + 1)) ? 1 : 0;
+         seen[t][k] = HashTable_LookupOrInsert(ht, key.c_str(), V(99));
+         void *other = nullptr;  // a key another thread may be inserting right now
+         if (HashTable_Lookup(ht, ("k" + std::to_string((k + kKeys / 2) % kKeys)).c_str(),
+                              &other)) {
+            EXPECT_LT(reinterpret_cast<uintptr_t>(other) - 1,
+                      uintptr_t{kThreads});  // a thread number
          }
       }
    });
@@ -75,9 +65,10 @@ TEST(HashTableThread, ConcurrentInsertsOfOverlappingKeysCountEachOnce)
    EXPECT_EQ(HashTable_GetNumElements(ht), static_cast<uint32_t>(kKeys));
    for (int k = 0; k < kKeys; k++) {
       void *value = nullptr;
-      ASSERT_TRUE(HashTable_Lookup(ht, keys[k].c_str(), &value));
+      ASSERT_TRUE(HashTable_Lookup(ht, ("k" + std::to_string(k)).c_str(), &value));
+      EXPECT_LT(reinterpret_cast<uintptr_t>(value) - 1, uintptr_t{kThreads});
       for (int t = 0; t < kThreads; t++) {
-         EXPECT_EQ(seen[t][k], reinterpret_cast<uintptr_t>(value)) << "all threads agree";
+         EXPECT_EQ(seen[t][k], value) << "all threads agree on key " << k;
       }
    }
    HashTable_Free(ht);
@@ -85,28 +76,24 @@ TEST(HashTableThread, ConcurrentInsertsOfOverlappingKeysCountEachOnce)
 
 TEST(HashTableThread, AtomicReplaceLosesNoUpdate)
 {
-   gFreeCalls = 0;
-   HashTable *ht = HashTable_Alloc(4, HASH_INT_KEY | HASH_FLAG_ATOMIC, CountFree);
+   HashTable *ht =
+       HashTable_Alloc(4, HASH_INT_KEY | HASH_FLAG_ATOMIC, [](void *) { gFreeCalls++; });
    HashTable_Insert(ht, V(1), V(0));
    constexpr int kIncrements = 2000;
    RunThreads([&](int t) {
       for (int i = 0; i < kIncrements; i++) {
-         /* A counter built on compare-and-swap: retry until our increment lands. */
-         for (;;) {
-            void *current = nullptr;
+         // A counter built on compare-and-swap: retry until our increment lands.
+         void *current = nullptr;
+         do {
             HashTable_Lookup(ht, V(1), &current);
-            uintptr_t n = reinterpret_cast<uintptr_t>(current);
-            if (HashTable_ReplaceIfValue(ht, V(1), current, V(n + 1))) {
-               break;
-            }
-         }
+         } while (!HashTable_ReplaceIfValue(ht, V(1), current, V((uintptr_t)current + 1)));
          HashTable_ReplaceOrInsert(ht, V(100 + t), V(i));
       }
    });
    void *value = nullptr;
    ASSERT_TRUE(HashTable_Lookup(ht, V(1), &value));
-   EXPECT_EQ(reinterpret_cast<uintptr_t>(value), uintptr_t{kThreads * kIncrements});
-   /* Each successful swap and each replacement hands exactly one old value to the free function. */
+   EXPECT_EQ(value, V(kThreads * kIncrements));
+   // Each successful swap and each replacement hands exactly one old value to the free function.
    EXPECT_EQ(gFreeCalls.load(), kThreads * kIncrements + kThreads * (kIncrements - 1));
    EXPECT_EQ(HashTable_GetNumElements(ht), uint32_t{1 + kThreads});
    HashTable_Free(ht);
@@ -122,9 +109,8 @@ TEST(HashTableThread, AllocSharedHasOneWinner)
              &shared, 16, HASH_STRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY, nullptr);
          HashTable_Insert(got[t], ("t" + std::to_string(t)).c_str(), V(1));
       });
-      for (HashTable *ht : got) {
-         EXPECT_EQ(ht, shared); /* the losers freed their own tables: ASan checks for leaks */
-      }
+      // The losers freed their own tables (ASan checks for leaks) and all use the winner's.
+      EXPECT_EQ(got, std::vector<HashTable *>(kThreads, shared));
       EXPECT_EQ(HashTable_GetNumElements(shared), 0u + kThreads);
       EXPECT_EQ(HashTable_AllocShared(&shared, 16, 0, nullptr), shared);
       HashTable_Free(shared);

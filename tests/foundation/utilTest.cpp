@@ -16,18 +16,9 @@ namespace {
 std::optional<std::string> Expand(const std::string &name)
 {
    char *result = Util_ExpandString(name.c_str());
-   std::optional<std::string> text;
-   if (result != nullptr) {
-      text = result;
-   }
+   std::optional<std::string> text = result != nullptr ? std::optional(result) : std::nullopt;
    free(result);
    return text;
-}
-
-const passwd &RealUser()
-{
-   static const passwd *pw = getpwuid(getuid());
-   return *pw;
 }
 
 }  // namespace
@@ -47,7 +38,7 @@ TEST(ExpandString, Variables)
    EXPECT_EQ(Expand("cost$"), "cost$");
    EXPECT_EQ(Expand("$/$$-$"), "$/$$-$");
    EXPECT_EQ(Expand("x.$PiD.log"), "x." + std::to_string(getpid()) + ".log");
-   EXPECT_EQ(Expand("/tmp/$user"), std::string("/tmp/") + RealUser().pw_name);
+   EXPECT_EQ(Expand("/tmp/$user"), std::string("/tmp/") + getpwuid(getuid())->pw_name);
    EXPECT_EQ(log.Text(), "");
 
    EXPECT_EQ(Expand("a$UNSET_NAME/b"), "a/b");
@@ -69,7 +60,7 @@ TEST(ExpandString, HomeDirectories)
    unsetenv("CFFIXED_USER_HOME");
    setenv("HOME", "/not/used", 1);
    LogCapture log;
-   std::string home = RealUser().pw_dir;
+   std::string home = getpwuid(getuid())->pw_dir;
    EXPECT_EQ(Expand("~"), home);
    EXPECT_EQ(Expand("~/Library"), home + "/Library");
    EXPECT_EQ(Expand("~root/x$HOME"), "/root/x/not/used");
