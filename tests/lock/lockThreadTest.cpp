@@ -1,4 +1,5 @@
 #include <atomic>
+#include <barrier>
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -13,14 +14,11 @@ namespace {
 template <typename Body>
 void RunThreads(int n, Body body)
 {
-   std::atomic<int> waiting{n};
+   std::barrier start(n);
    std::vector<std::thread> threads;
    for (int i = 0; i < n; i++) {
       threads.emplace_back([&, i] {
-         waiting--;
-         while (waiting.load() > 0) {
-            std::this_thread::yield();
-         }
+         start.arrive_and_wait();
          body(i);
       });
    }
@@ -88,32 +86,6 @@ TEST(MXUserThreads, LocksExcludeOtherThreadsNestForTheOwnerAndCountEveryAttempt)
    MXUser_DestroyExclLock(excl);
 }
 
-TEST(MXUserThreads, ExclusiveLockTakenTwiceIsFreeOnlyAfterTwoReleases)
-{
-   MXUserExclLock *lock = MXUser_CreateExclLock("twice", 0);
-   auto otherCanTake = [&] {
-      bool took = false;
-      std::thread([&] {
-         EXPECT_FALSE(MXUser_IsCurThreadHoldingExclLock(lock));
-         took = MXUser_TryAcquireExclLock(lock);
-         if (took) {
-            MXUser_ReleaseExclLock(lock);
-         }
-      }).join();
-      return took;
-   };
-   MXUser_AcquireExclLock(lock);
-   MXUser_AcquireExclLock(lock);
-   EXPECT_FALSE(otherCanTake());
-   MXUser_ReleaseExclLock(lock);
-   EXPECT_TRUE(MXUser_IsCurThreadHoldingExclLock(lock));
-   EXPECT_FALSE(otherCanTake());
-   MXUser_ReleaseExclLock(lock);
-   EXPECT_FALSE(MXUser_IsCurThreadHoldingExclLock(lock));
-   EXPECT_TRUE(otherCanTake());
-   MXUser_DestroyExclLock(lock);
-}
-
 /* One waiter uses a long time-out: it must wake as early as the others. */
 TEST(MXUserThreads, WaitersWakeOnSignalAndBroadcastWithTheirNesting)
 {
@@ -160,22 +132,38 @@ TEST(MXUserThreads, WaitersWakeOnSignalAndBroadcastWithTheirNesting)
    MXUser_DestroyRecLock(lock);
 }
 
-TEST(MXUserThreads, TimedWaitsTimeOutWithTheNestingRestored)
+/* A second acquire by the owner nests: the lock stays taken through time-outs and one release. */
+TEST(MXUserThreads, ExclusiveLockNestsThroughTimedWaitsAndIsFreeOnlyAfterTwoReleases)
 {
-   MXUserExclLock *lock = MXUser_CreateExclLock("timed", 0);
+   MXUserExclLock *lock = MXUser_CreateExclLock("twice", 0);
    MXUserCondVar *cv = MXUser_CreateCondVarExclLock(lock);
+   auto otherCanTake = [&] {
+      bool took = false;
+      std::thread([&] {
+         EXPECT_FALSE(MXUser_IsCurThreadHoldingExclLock(lock));
+         took = MXUser_TryAcquireExclLock(lock);
+         if (took) {
+            MXUser_ReleaseExclLock(lock);
+         }
+      }).join();
+      return took;
+   };
    MXUser_AcquireExclLock(lock);
-   MXUser_AcquireExclLock(lock);
+   EXPECT_TRUE(MXUser_TryAcquireExclLock(lock));
    MXUser_TimedWaitCondVarExclLock(lock, cv, 0);
    EXPECT_EQ(MXRecLockCount(&lock->recursiveLock), 2);
    auto begin = std::chrono::steady_clock::now();
    MXUser_TimedWaitCondVarExclLock(lock, cv, 60);
    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(55));
    EXPECT_EQ(MXRecLockCount(&lock->recursiveLock), 2);
-   EXPECT_TRUE(MXUser_IsCurThreadHoldingExclLock(lock));
    EXPECT_EQ(cv->referenceCount.load(), 0u);
+   EXPECT_FALSE(otherCanTake());
    MXUser_ReleaseExclLock(lock);
+   EXPECT_TRUE(MXUser_IsCurThreadHoldingExclLock(lock));
+   EXPECT_FALSE(otherCanTake());
    MXUser_ReleaseExclLock(lock);
+   EXPECT_FALSE(MXUser_IsCurThreadHoldingExclLock(lock));
+   EXPECT_TRUE(otherCanTake());
    MXUser_DestroyCondVar(cv);
    MXUser_DestroyExclLock(lock);
 }
