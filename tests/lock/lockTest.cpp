@@ -96,8 +96,10 @@ TEST(MXUser, EveryFaultDumpsTheLockAndPanics)
    MXUserExclLock *other = MXUser_CreateExclLock("other", 0);
    MXUserRecLock *shared = MXUser_CreateRecLock("shared", 3);
    MXUserCondVar *cv = MXUser_CreateCondVarExclLock(held);
-   char cvText[64];
-   snprintf(cvText, sizeof cvText, "(0x%p; held)\n", static_cast<void *>(cv));
+   char cvBuf[64];
+   snprintf(cvBuf, sizeof cvBuf, "(0x%p; held)\n", static_cast<void *>(cv));
+   std::string cvText = cvBuf;
+   auto panic = [](const std::string &message) { return "Panic: " + RegexQuote(message); };
    struct Fault {
       std::function<void()> cause;
       std::string expected; /* pattern over standard error */
@@ -124,9 +126,7 @@ TEST(MXUser, EveryFaultDumpsTheLockAndPanics)
            MXUser_AcquireExclLock(other);
            MXUser_WaitCondVarExclLock(other, cv);
         },
-        "Panic: " +
-            RegexQuote(std::string("MXUserWaitCondVar: invalid use of lock other with condVar ") +
-                       cvText)},
+        panic("MXUserWaitCondVar: invalid use of lock other with condVar " + cvText)},
        {[&] {
            std::thread([&] {
               MXUser_AcquireExclLock(held);
@@ -137,24 +137,22 @@ TEST(MXUser, EveryFaultDumpsTheLockAndPanics)
            }
            MXUser_DestroyCondVar(cv);
         },
-        "Panic: " +
-            RegexQuote(std::string("MXUser_DestroyCondVar: Attempted destroy on active condVar ") +
-                       cvText)},
+        panic("MXUser_DestroyCondVar: Attempted destroy on active condVar " + cvText)},
        {[] {
            MXUser_SetStatsMode(3);
            MXUser_CreateExclLock("x", 0);
         },
-        "Panic: MXUser_CreateExclLock: unknown stats mode: 3!\n"},
+        panic("MXUser_CreateExclLock: unknown stats mode: 3!\n")},
        {[] {
            MXUser_SetStatsMode(-1);
            MXUser_CreateRecLock("r", 0);
         },
-        "Panic: MXUser_CreateRecLock: unknown stats mode: -1!\n"},
+        panic("MXUser_CreateRecLock: unknown stats mode: -1!\n")},
        {[] {
            mxUserSerialCounter.store(0);
            MXUser_CreateExclLock("x", 0);
         },
-        "Panic: MXUserAllocSerialNumber: too many locks!\n"},
+        panic("MXUserAllocSerialNumber: too many locks!\n")},
    };
    for (const Fault &fault : faults) {
       SCOPED_TRACE(fault.expected);
