@@ -36,13 +36,10 @@ std::string Sha1Spaced(const std::string &data, const char *firstBytes)
 
 TEST(UUID, TextFormsAndParser)
 {
-   uint8_t bytes[16];
-   for (int i = 0; i < 16; i++) {
-      bytes[i] = static_cast<uint8_t>(i * 17 + 10);
-   }
+   const uint8_t bytes[16] = {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f, 0x70, 0x81,
+                              0x92, 0xa3, 0xb4, 0xc5, 0xd6, 0xe7, 0xf8, 0x09};
    std::string spaced = Take(UUID_PackText(bytes));
    EXPECT_EQ(spaced, "0a 1b 2c 3d 4e 5f 70 81-92 a3 b4 c5 d6 e7 f8 09");
-   EXPECT_EQ(spaced.size(), 47u);
 
    char canonical[37];
    EXPECT_EQ(UUID_ConvertToText(spaced.c_str(), canonical, sizeof canonical), canonical);
@@ -67,12 +64,8 @@ TEST(UUID, TextFormsAndParser)
       EXPECT_EQ(UUID_ConvertToText(bad, canonical, sizeof canonical), nullptr) << bad;
    }
    EXPECT_FALSE(UUID_ParseText(nullptr, back));
-   EXPECT_EXIT(
-       {
-          Log_SetOutputFd(2);
-          UUID_ConvertToText(spaced.c_str(), canonical, 36);
-       },
-       ::testing::ExitedWithCode(1), "Buffer too small");
+   EXPECT_PANIC_MATCHING(UUID_ConvertToText(spaced.c_str(), canonical, 36),
+                         "lib/string/str:[0-9]+ Buffer too small\n");
 }
 
 TEST(UUID, HostIdentifierHashesTheMachineIdentity)
@@ -92,11 +85,8 @@ TEST(UUID, LocationIdentifierFollowsCanonicalPathAndHost)
 {
    testsupport::ScratchDir dir;
    std::string file = dir / "f";
-   FILE *f = fopen(file.c_str(), "w");
-   ASSERT_NE(f, nullptr);
-   fclose(f);
    ASSERT_EQ(symlink(file.c_str(), (dir / "link").c_str()), 0);
-   ASSERT_EQ(mkdir((dir / "x").c_str(), 0700), 0);
+   ASSERT_EQ(mkdir(file.c_str(), 0700), 0);
    char *real = realpath(file.c_str(), nullptr);
    std::string canonical = real;
    free(real);
@@ -106,7 +96,7 @@ TEST(UUID, LocationIdentifierFollowsCanonicalPathAndHost)
    EXPECT_EQ(id, Sha1Spaced(host + canonical, "KD"));
    EXPECT_EQ(id.substr(0, 6), "4b 44 ");
    EXPECT_EQ(Take(UUID_CreateLocation((dir / "link").c_str(), 1)), id);
-   EXPECT_EQ(Take(UUID_CreateLocation((dir / "./x/../f").c_str(), 2)), id);
+   EXPECT_EQ(Take(UUID_CreateLocation((dir / "./f").c_str(), 2)), id);
    EXPECT_NE(Take(UUID_CreateLocation(dir.Path().c_str(), 0)), id);
 
    LogCapture log;

@@ -3,14 +3,11 @@
 #include "testSupport.h"
 #include "userlock.h"
 
-using testsupport::LogCapture;
-
 namespace {
 
+/* A host mutex that only counts what is asked of it. */
 struct HostMutex {
-   int locks = 0;
-   int unlocks = 0;
-   int tries = 0;
+   int locks = 0, unlocks = 0, tries = 0;
    bool held = false;
    const char *name = nullptr;
 };
@@ -20,53 +17,15 @@ HostMutex *Host(const MX_MutexRec *m)
    return reinterpret_cast<HostMutex *>(const_cast<MX_MutexRec *>(m));
 }
 
-MX_MutexRec *Rec(HostMutex *h)
-{
-   return reinterpret_cast<MX_MutexRec *>(h);
-}
-
-void HostLock(MX_MutexRec *m)
-{
-   Host(m)->locks++;
-   Host(m)->held = true;
-}
-
-void HostUnlock(MX_MutexRec *m)
-{
-   Host(m)->unlocks++;
-   Host(m)->held = false;
-}
-
-bool HostTry(MX_MutexRec *m)
-{
-   Host(m)->tries++;
-   return false;
-}
-
-bool HostIsLocked(const MX_MutexRec *m)
-{
-   return Host(m)->held;
-}
-
-const char *HostName(const MX_MutexRec *m)
-{
-   return Host(m)->name;
-}
-
 int setInPanicCalls = 0;
 bool hostInPanic = false;
 
-void HostSetInPanic()
+std::string DumpOf(MXUserRecLock *lock)
 {
-   setInPanicCalls++;
+   testsupport::LogCapture log;
+   MXUser_DumpRecLock(lock);
+   return log.Text();
 }
-
-bool HostInPanic()
-{
-   return hostInPanic;
-}
-
-void OtherLock(MX_MutexRec *) {}
 
 }  // namespace
 
@@ -75,20 +34,26 @@ TEST(MXUserHooks, BindingNeedsHooksAndForwardsEveryOperation)
 {
    HostMutex host;
    host.name = "hostlock";
-   EXPECT_EQ(MXUser_BindMXMutexRec(Rec(&host), 1), nullptr);
+   auto *rec = reinterpret_cast<MX_MutexRec *>(&host);
+   EXPECT_EQ(MXUser_BindMXMutexRec(rec, 1), nullptr);
    EXPECT_FALSE(MXUser_InPanic());
 
-   MXUserInstallMxHooks(nullptr, nullptr, HostLock, HostUnlock, HostTry, HostIsLocked, HostName,
-                        HostSetInPanic, HostInPanic);
+   MXUserInstallMxHooks(
+       nullptr, nullptr, [](MX_MutexRec *m) { Host(m)->locks++, Host(m)->held = true; },
+       [](MX_MutexRec *m) { Host(m)->unlocks++, Host(m)->held = false; },
+       [](MX_MutexRec *m) { return Host(m)->tries++, false; },
+       [](const MX_MutexRec *m) { return Host(m)->held; },
+       [](const MX_MutexRec *m) { return Host(m)->name; }, [] { setInPanicCalls++; },
+       [] { return hostInPanic; });
    /* A second installation is ignored. */
-   MXUserInstallMxHooks(nullptr, nullptr, OtherLock, OtherLock, nullptr, nullptr, nullptr, nullptr,
+   auto ignore = [](MX_MutexRec *) {};
+   MXUserInstallMxHooks(nullptr, nullptr, ignore, ignore, nullptr, nullptr, nullptr, nullptr,
                         nullptr);
 
-   MXUserRecLock *bound = MXUser_BindMXMutexRec(Rec(&host), 7);
+   MXUserRecLock *bound = MXUser_BindMXMutexRec(rec, 7);
    ASSERT_NE(bound, nullptr);
-   EXPECT_EQ(MXUser_GetRecLockVmm(bound), Rec(&host));
+   EXPECT_EQ(MXUser_GetRecLockVmm(bound), rec);
    EXPECT_EQ(MXUser_GetRecLockRank(bound), 7u);
-
    MXUser_AcquireRecLock(bound);
    EXPECT_TRUE(MXUser_IsCurThreadHoldingRecLock(bound));
    MXUser_ReleaseRecLock(bound);
@@ -98,27 +63,19 @@ TEST(MXUserHooks, BindingNeedsHooksAndForwardsEveryOperation)
    EXPECT_EQ(host.unlocks, 1);
    EXPECT_EQ(host.tries, 1);
 
-   {
-      LogCapture log;
-      MXUser_DumpRecLock(bound);
-      std::string text = log.Text();
-      EXPECT_NE(text.find("Warning: \tname hostlock *\n"), std::string::npos) << text;
-      char vmm[64];
-      snprintf(vmm, sizeof vmm, "Warning: \tvmmLock %p\n", static_cast<void *>(&host));
-      EXPECT_NE(text.find(vmm), std::string::npos) << text;
-      EXPECT_EQ(text.find("lock count"), std::string::npos) << text;
-   }
+   char lines[128];
+   snprintf(lines, sizeof lines, "Warning: \treference count 1\nWarning: \tvmmLock %p\n",
+            static_cast<void *>(&host));
+   std::string text = DumpOf(bound);
+   EXPECT_NE(text.find("Warning: \tname hostlock *\n"), std::string::npos) << text;
+   EXPECT_NE(text.find(lines), std::string::npos) << text;
+   EXPECT_EQ(text.find("lock count"), std::string::npos) << text;
    MXUser_DestroyRecLock(bound);
 
    HostMutex anonymous;
-   MXUserRecLock *unnamed = MXUser_BindMXMutexRec(Rec(&anonymous), 0);
-   {
-      LogCapture log;
-      MXUser_DumpRecLock(unnamed);
-      char name[64];
-      snprintf(name, sizeof name, "Warning: \tname MX_%p\n", static_cast<void *>(&anonymous));
-      EXPECT_NE(log.Text().find(name), std::string::npos) << log.Text();
-   }
+   MXUserRecLock *unnamed = MXUser_BindMXMutexRec(reinterpret_cast<MX_MutexRec *>(&anonymous), 0);
+   snprintf(lines, sizeof lines, "Warning: \tname MX_%p\n", static_cast<void *>(&anonymous));
+   EXPECT_NE(DumpOf(unnamed).find(lines), std::string::npos);
    MXUser_DestroyRecLock(unnamed);
 
    /* The panic query asks the host until the library's own flag is set. */

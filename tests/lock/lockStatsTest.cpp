@@ -2,6 +2,7 @@
 #include <stdarg.h>
 #include <stdio.h>
 
+#include <algorithm>
 #include <regex>
 #include <string>
 #include <vector>
@@ -9,8 +10,6 @@
 #include "lock/ulInt.h"
 #include "testSupport.h"
 #include "userlock.h"
-
-using testsupport::LogCapture;
 
 namespace {
 
@@ -27,16 +26,11 @@ void CollectLine(void *context, const char *fmt, ...)
    lines.emplace_back(buf);
 }
 
-std::vector<std::string> Matching(const std::string &pattern)
+size_t CountMatching(const std::string &pattern)
 {
    std::regex re(pattern);
-   std::vector<std::string> found;
-   for (const auto &line : lines) {
-      if (std::regex_search(line, re)) {
-         found.push_back(line);
-      }
-   }
-   return found;
+   return std::count_if(lines.begin(), lines.end(),
+                        [&](const std::string &line) { return std::regex_search(line, re); });
 }
 
 class MXUserStats : public ::testing::Test {
@@ -46,122 +40,98 @@ class MXUserStats : public ::testing::Test {
       lines.clear();
       MXUser_SetStatsFunc(&lines, 256, CollectLine);
       MXUser_SetContentionRatio(0.0, 0, 0);
+      header.serialNumber = 9;
    }
    void TearDown() override { MXUser_SetStatsMode(0); }
+   MXUserHeader header{};
 };
 
 }  // namespace
 
-TEST(MXUserStatsMath, FixedPointLogarithmFollowsTheRealOne)
+TEST_F(MXUserStats, HistogramBinsAreHundredthsOfADecadeAndTheLineStopsWhereTheBufferEnds)
 {
-   EXPECT_EQ(MXUserLog2Fixed(1), 0u);
-   EXPECT_EQ(MXUserLog2Fixed(2), 1u << 16);
-   EXPECT_EQ(MXUserLog2Fixed(1ULL << 40), 40u << 16);
-   EXPECT_EQ(MXUserLog2Fixed(UINT64_MAX) >> 16, 63u);
-   for (uint64_t v : {3ULL, 10ULL, 255ULL, 257ULL, 1000ULL, 123456789ULL, 0xFFFFFFFFFFFULL}) {
-      double exact = log2(static_cast<double>(v)) * 65536.0;
-      EXPECT_NEAR(MXUserLog2Fixed(v), exact, 2.0) << v;
+   for (uint64_t v : {1ULL, 2ULL, 3ULL, 10ULL, 255ULL, 257ULL, 1000ULL, 123456789ULL, 1ULL << 40,
+                      0xFFFFFFFFFFFULL, ~0ULL}) {
+      EXPECT_NEAR(MXUserLog2Fixed(v), log2(static_cast<double>(v)) * 65536.0, 2.0) << v;
    }
-}
-
-TEST(MXUserStatsMath, HistogramBinsAreHundredthsOfADecade)
-{
    MXUserHisto *histo = MXUserHistoSetUp("a", 1000, 7);
    EXPECT_EQ(histo->numBins, 700u);
-   EXPECT_EQ(histo->maxValue, 10000000000ULL);
-   MXUserHistoSample(histo, 10);         /* below the minimum */
-   MXUserHistoSample(histo, 1999);       /* quotient 1 */
-   MXUserHistoSample(histo, 10000);      /* one decade */
-   MXUserHistoSample(histo, 100000);     /* two decades */
-   MXUserHistoSample(histo, 31622);      /* half a decade, just under */
-   MXUserHistoSample(histo, UINT64_MAX); /* far beyond: last bin */
-   EXPECT_EQ(histo->totalSamples, 6u);
-   EXPECT_EQ(histo->binData[0], 2u);
-   EXPECT_EQ(histo->binData[100], 1u);
-   EXPECT_EQ(histo->binData[200], 1u);
-   EXPECT_EQ(histo->binData[149], 1u);
-   EXPECT_EQ(histo->binData[699], 1u);
+   /* Below the minimum, quotient 1, a decade, two, just under half a decade, far beyond. */
+   for (uint64_t v : {10ULL, 1999ULL, 10000ULL, 100000ULL, 31622ULL, ~0ULL}) {
+      MXUserHistoSample(histo, v);
+   }
+   MXUserDumpHisto(histo, &header);
+   /* Then room for the first two bins and not the third. */
+   std::string head = "MXUser: h l=9 t=a min=1000 max=10000000000\n";
+   MXUser_SetStatsFunc(&lines, static_cast<uint32_t>(head.size() + 12), CollectLine);
+   MXUserDumpHisto(histo, &header);
+   EXPECT_EQ(lines, (std::vector<std::string>{
+                        "MXUser: h l=9 t=a min=1000 max=10000000000 0-2 100-1 149-1 200-1 699-1\n",
+                        "MXUser: h l=9 t=a min=1000 max=10000000000 0-2 100-1\n"}));
    MXUserHistoTearDown(histo);
 }
 
-TEST(MXUserStatsMath, StandardDeviationOfSamples)
+TEST_F(MXUserStats, BasicStatisticsLines)
 {
-   MXUserBasicStats stats{"h", 0, UINT64_MAX, 0, 0, 0.0};
-   EXPECT_EQ(MXUserStdDev(&stats), 0u);
-   MXUserBasicStatsSample(&stats, 10);
-   EXPECT_EQ(MXUserStdDev(&stats), 0u);
-   MXUserBasicStatsSample(&stats, 20);
-   MXUserBasicStatsSample(&stats, 30);
-   EXPECT_EQ(MXUserStdDev(&stats), 10u);
-   EXPECT_EQ(stats.minTime, 10u);
-   EXPECT_EQ(stats.maxTime, 30u);
-
-   /* Large values: the iteration must still end, with the right answer. */
-   MXUserBasicStats big{"h", 0, UINT64_MAX, 0, 0, 0.0};
-   MXUserBasicStatsSample(&big, 1000000000000ULL);
-   MXUserBasicStatsSample(&big, 3000000000000ULL);
-   EXPECT_NEAR(static_cast<double>(MXUserStdDev(&big)), 1414213562373.1, 2.0);
-
-   /* All equal: variance 0. */
-   MXUserBasicStats flat{"h", 0, UINT64_MAX, 0, 0, 0.0};
-   MXUserBasicStatsSample(&flat, 7);
-   MXUserBasicStatsSample(&flat, 7);
-   EXPECT_EQ(MXUserStdDev(&flat), 0u);
+   struct Case {
+      std::vector<uint64_t> samples;
+      const char *line;
+   } cases[] = {
+       {{10}, "c=1 min=10 max=10 mean=10 sd=0"},
+       {{7, 7}, "c=2 min=7 max=7 mean=7 sd=0"},
+       {{30, 10, 20}, "c=3 min=10 max=30 mean=20 sd=10"},
+       /* Large values: the square-root iteration must still end, with the right answer. */
+       {{1000000000000, 3000000000000},
+        "c=2 min=1000000000000 max=3000000000000 mean=2000000000000 sd=1414213562373"},
+   };
+   for (const Case &c : cases) {
+      MXUserBasicStats stats{"h", 0, UINT64_MAX, 0, 0, 0.0};
+      for (uint64_t v : c.samples) {
+         MXUserBasicStatsSample(&stats, v);
+      }
+      lines.clear();
+      MXUserDumpBasicStats(&stats, &header);
+      EXPECT_EQ(lines, std::vector<std::string>{std::string("MXUser: e l=9 t=h ") + c.line + "\n"});
+   }
 }
 
 TEST(MXUserStatsMath, ContentionVerdict)
 {
+   /* 10 attempts, 8 successes, 4 of them contended: the larger ratio is 0.5. */
    MXUserAcquisitionStats stats;
    stats.numAttempts = 10;
    stats.numSuccesses = 8;
    stats.numSuccessesContended = 4;
-   double ratio;
-   bool hot;
-   bool log;
-
-   stats.contentionCountFloor = 0; /* the initial floors: never hot */
-   stats.contentionRatioFloor = 0.0;
-   EXPECT_FALSE(MXUserContentionVerdict(&stats, &ratio, &hot, &log));
-   EXPECT_FALSE(log);
-   EXPECT_DOUBLE_EQ(ratio, 0.5);
-
-   stats.contentionCountFloor = 5;
-   stats.contentionRatioFloor = 0.4;
-   EXPECT_TRUE(MXUserContentionVerdict(&stats, &ratio, &hot, &log));
-   EXPECT_TRUE(log);
-   stats.contentionRatioFloor = 0.5;
-   EXPECT_FALSE(MXUserContentionVerdict(&stats, &ratio, &hot, &log));
-
-   stats.contentionCountFloor = 11; /* too few attempts: ratio stays 0 */
-   stats.contentionRatioFloor = -1.0;
-   EXPECT_TRUE(MXUserContentionVerdict(&stats, &ratio, &hot, &log));
-   EXPECT_DOUBLE_EQ(ratio, 0.0);
-
-   stats.contentionCountFloor = UINT64_MAX; /* always hot, never logged */
-   EXPECT_TRUE(MXUserContentionVerdict(&stats, &ratio, &hot, &log));
-   EXPECT_FALSE(log);
+   auto verdict = [&](uint64_t countFloor, double ratioFloor) {
+      stats.contentionCountFloor = countFloor;
+      stats.contentionRatioFloor = ratioFloor;
+      double ratio = -1;
+      bool hot, log;
+      bool result = MXUserContentionVerdict(&stats, &ratio, &hot, &log);
+      EXPECT_EQ(result, hot);
+      return std::string(hot ? "hot" : "cold") + (log ? " logged " : " ") + std::to_string(ratio);
+   };
+   EXPECT_EQ(verdict(0, 0.0), "cold 0.500000"); /* the initial floors: never hot */
+   EXPECT_EQ(verdict(5, 0.4), "hot logged 0.500000");
+   EXPECT_EQ(verdict(5, 0.5), "cold 0.500000");
+   EXPECT_EQ(verdict(11, -1.0), "hot logged 0.000000"); /* too few attempts: ratio stays 0 */
+   EXPECT_EQ(verdict(UINT64_MAX, 1.0), "hot 0.000000");
 }
 
-TEST_F(MXUserStats, ModeZeroKeepsNothing)
+TEST_F(MXUserStats, ModesAndThePerLockReport)
 {
-   MXUserExclLock *lock = MXUser_CreateExclLock("plain", 1);
-   EXPECT_EQ(lock->acquireStatsMem.load(), nullptr);
-   EXPECT_EQ(lock->heldStatsMem.load(), nullptr);
-   EXPECT_EQ(lock->header.statsFunc, nullptr);
-   MXUser_DestroyExclLock(lock);
-
+   MXUserExclLock *plain = MXUser_CreateExclLock("plain", 1); /* mode 0 keeps nothing */
+   EXPECT_EQ(plain->acquireStatsMem.load(), nullptr);
+   EXPECT_EQ(plain->heldStatsMem.load(), nullptr);
+   MXUser_DestroyExclLock(plain);
    MXUser_SetStatsMode(1);
-   MXUserRecLock *rec = MXUser_CreateRecLock("acq", 1);
-   EXPECT_NE(rec->acquireStatsMem.load(), nullptr);
-   EXPECT_EQ(rec->heldStatsMem.load(), nullptr);
-   MXUser_DestroyRecLock(rec);
-}
-
-TEST_F(MXUserStats, PerLockReportAnnouncesOnceAndWritesEveryLine)
-{
+   MXUserRecLock *acquisitionsOnly = MXUser_CreateRecLock("acq", 1);
+   EXPECT_NE(acquisitionsOnly->acquireStatsMem.load(), nullptr);
+   EXPECT_EQ(acquisitionsOnly->heldStatsMem.load(), nullptr);
+   MXUser_DestroyRecLock(acquisitionsOnly);
    MXUser_SetStatsMode(2);
+   MXUser_SetContentionRatio(-1.0, 1, 0);
    MXUserExclLock *lock = MXUser_CreateExclLock("counted", 0x77);
-   unsigned long long serial = lock->header.serialNumber;
    for (int i = 0; i < 3; i++) {
       MXUser_AcquireExclLock(lock);
       MXUser_AcquireExclLock(lock); /* nesting is no new acquisition */
@@ -170,71 +140,29 @@ TEST_F(MXUserStats, PerLockReportAnnouncesOnceAndWritesEveryLine)
    }
    EXPECT_TRUE(MXUser_TryAcquireExclLock(lock));
    MXUser_ReleaseExclLock(lock);
-
-   MXUser_PerLockData();
-   std::string l = std::to_string(serial);
-   EXPECT_EQ(Matching("^MXUser: n n=counted l=" + l + " r=0x77\n$").size(), 1u);
-   EXPECT_EQ(
-       Matching("^MXUser: e l=" + l + " t=h c=4 min=\\d+ max=\\d+ mean=\\d+ sd=\\d+\n$").size(),
-       1u);
-   EXPECT_EQ(Matching("^MXUser: e l=" + l + " t=a c=4 min=").size(), 1u);
-   EXPECT_EQ(Matching("^MXUser: ce l=" + l + " a=4 s=4 sc=0 sct=0 t=0\n$").size(), 1u);
-   EXPECT_TRUE(Matching("^MXUser: h ").empty()); /* no histogram before the lock is hot */
-
-   lines.clear();
-   MXUser_PerLockData();
-   EXPECT_TRUE(Matching("^MXUser: n ").empty());
-   EXPECT_EQ(Matching("^MXUser: ce l=" + l).size(), 1u);
-   MXUser_DestroyExclLock(lock);
-}
-
-TEST_F(MXUserStats, HotLockIsLoggedAndGetsHistograms)
-{
-   MXUser_SetStatsMode(2);
-   MXUser_SetContentionRatio(0.25, 1, 0);
-   MXUserRecLock *lock = MXUser_CreateRecLock("hot", 0);
-   MXUser_AcquireRecLock(lock);
-   std::thread([&] { EXPECT_FALSE(MXUser_TryAcquireRecLock(lock)); }).join();
-   MXUser_ReleaseRecLock(lock);
-
-   LogCapture log;
-   MXUser_PerLockData();
-   EXPECT_EQ(log.Text(), "HOT LOCK (hot); contention ratio 0.500000\n");
-   MXUserAcquisitionStats *acq = lock->acquireStatsMem.load();
-   ASSERT_NE(acq->histo.load(), nullptr);
-   ASSERT_NE(lock->heldStatsMem.load()->histo.load(), nullptr);
-
-   MXUser_AcquireRecLock(lock);
-   MXUser_ReleaseRecLock(lock);
-   lines.clear();
-   MXUser_PerLockData();
-   std::string l = std::to_string(lock->header.serialNumber);
-   auto histoLines = Matching("^MXUser: h l=" + l + " t=a min=1000 max=10000000000 \\d+-1\n$");
-   EXPECT_EQ(histoLines.size(), 1u);
-   MXUser_DestroyRecLock(lock);
-}
-
-TEST_F(MXUserStats, HistogramLineStopsWhereTheBufferEnds)
-{
-   MXUserHeader header{};
-   header.serialNumber = 9;
-   MXUserHisto *histo = MXUserHistoSetUp("h", 1, 7);
-   for (uint64_t v = 1; v <= 1000000; v *= 10) {
-      MXUserHistoSample(histo, v);
+   {
+      testsupport::LogCapture log;
+      MXUser_PerLockData();
+      EXPECT_EQ(log.Text(), "HOT LOCK (counted); contention ratio 0.000000\n");
    }
-   MXUser_SetStatsFunc(&lines, 256, CollectLine);
-   MXUserDumpHisto(histo, &header);
-   ASSERT_EQ(lines.size(), 1u);
-   EXPECT_EQ(lines[0],
-             "MXUser: h l=9 t=h min=1 max=10000000 0-1 100-1 200-1 300-1 400-1 500-1 "
-             "600-1\n");
+   std::string l = std::to_string(lock->header.serialNumber);
+   EXPECT_EQ(CountMatching("^MXUser: n n=counted l=" + l + " r=0x77\n$"), 1u);
+   EXPECT_EQ(CountMatching("^MXUser: e l=" + l + " t=h c=4 min=\\d+ max=\\d+ mean=\\d+ sd=\\d+\n$"),
+             1u);
+   EXPECT_EQ(CountMatching("^MXUser: e l=" + l + " t=a c=4 min="), 1u);
+   EXPECT_EQ(CountMatching("^MXUser: ce l=" + l + " a=4 s=4 sc=0 sct=0 t=0\n$"), 1u);
+   EXPECT_EQ(CountMatching("^MXUser: h "), 0u); /* histograms come with the verdict */
 
-   /* Room for the first two bins and not the third. */
-   std::string head = "MXUser: h l=9 t=h min=1 max=10000000\n";
+   MXUser_AcquireExclLock(lock);
+   MXUser_ReleaseExclLock(lock);
    lines.clear();
-   MXUser_SetStatsFunc(&lines, static_cast<uint32_t>(head.size() + 12), CollectLine);
-   MXUserDumpHisto(histo, &header);
-   ASSERT_EQ(lines.size(), 1u);
-   EXPECT_EQ(lines[0], "MXUser: h l=9 t=h min=1 max=10000000 0-1 100-1\n");
-   MXUserHistoTearDown(histo);
+   MXUser_PerLockData();
+   EXPECT_EQ(CountMatching("^MXUser: n "), 0u);
+   EXPECT_EQ(CountMatching("^MXUser: ce l=" + l + " a=5 "), 1u);
+   for (const char *type : {"a", "h"}) {
+      EXPECT_EQ(
+          CountMatching("^MXUser: h l=" + l + " t=" + type + " min=1000 max=10000000000 \\d+-1\n$"),
+          1u);
+   }
+   MXUser_DestroyExclLock(lock);
 }
