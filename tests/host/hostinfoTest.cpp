@@ -25,7 +25,7 @@ namespace {
 /* An interface list such as getifaddrs returns. */
 class FakeInterfaces {
   public:
-   void Add(const char *name, std::vector<unsigned char> address, int family = AF_PACKET)
+   FakeInterfaces &Add(const char *name, std::vector<unsigned char> address, int family = AF_PACKET)
    {
       sockaddr_ll &link = addresses_.emplace_back();
       link.sll_family = static_cast<unsigned short>(family);
@@ -37,6 +37,7 @@ class FakeInterfaces {
       if (entries_.size() > 1) {
          entries_[entries_.size() - 2].ifa_next = &entry;
       }
+      return *this;
    }
    const ifaddrs *List() const { return &entries_.front(); }
 
@@ -47,45 +48,38 @@ class FakeInterfaces {
 
 }  // namespace
 
-TEST(HostinfoMachineID, HostNameHash)
+TEST(HostinfoMachineID, HostNameHashAndInterfaceOrder)
 {
    EXPECT_EQ(HostinfoHostNameHash(""), 5381u);
-   EXPECT_EQ(HostinfoHostNameHash("a"), 5381u * 33 + 'a');
-   EXPECT_EQ(HostinfoHostNameHash("\xff"), 5381u * 33 + 255); /* bytes are unsigned */
-   EXPECT_EQ(HostinfoHostNameHash("hello"), 261238937u);      /* wraps at 32 bits */
-}
+   EXPECT_EQ(HostinfoHostNameHash("\xff"), 177828u);     /* bytes are unsigned */
+   EXPECT_EQ(HostinfoHostNameHash("hello"), 261238937u); /* wraps at 32 bits */
 
-TEST(HostinfoMachineID, FirstEthernetInterfaceWins)
-{
-   FakeInterfaces fake;
-   fake.Add("en0", {1, 1, 1, 1, 1, 1}, AF_INET); /* not link level */
-   fake.Add("en0", {});                          /* no hardware address */
-   fake.Add("eth0", {9, 9, 9, 9, 9, 9});         /* "en" names come first */
-   fake.Add("en2", {2, 2, 2, 2, 2, 2});
-   fake.Add("en1", {0x02, 0xfc, 0x00, 0x11, 0x22, 0x33});
-   EXPECT_EQ(HostinfoSelectHardwareID(fake.List()), 0x33221100fc02ull);
-
+   FakeInterfaces en;
+   en.Add("en0", {1, 1, 1, 1, 1, 1}, AF_INET) /* not link level */
+       .Add("en0", {})                        /* no hardware address */
+       .Add("eth0", {9, 9, 9, 9, 9, 9})       /* "en" names come first */
+       .Add("en2", {2, 2, 2, 2, 2, 2})
+       .Add("en1", {0x02, 0xfc, 0x00, 0x11, 0x22, 0x33});
+   EXPECT_EQ(HostinfoSelectHardwareID(en.List()), 0x33221100fc02ull);
    FakeInterfaces eth;
-   eth.Add("lo", {0, 0, 0, 0, 0, 0});
-   eth.Add("eth10", {1, 1, 1, 1, 1, 1});
-   eth.Add("eth7", {7, 0, 0, 0, 0, 0});
+   eth.Add("lo", {0, 0, 0, 0, 0, 0})
+       .Add("eth10", {1, 1, 1, 1, 1, 1})
+       .Add("eth7", {7, 0, 0, 0, 0, 0});
    EXPECT_EQ(HostinfoSelectHardwareID(eth.List()), 7u);
 
    LogCapture log;
    FakeInterfaces none;
-   none.Add("enp0s3", {1, 2, 3, 4, 5, 6});
-   none.Add("en8", {1, 2, 3, 4, 5, 6});
+   none.Add("enp0s3", {1, 2, 3, 4, 5, 6}).Add("en8", {1, 2, 3, 4, 5, 6});
    none.Add("eth0", {1, 2, 3, 4, 5, 6}, AF_INET);
    EXPECT_EQ(HostinfoSelectHardwareID(none.List()), 0u);
    EXPECT_EQ(HostinfoSelectHardwareID(nullptr), 0u);
    EXPECT_EQ(log.Text(), "");
 }
 
-TEST(HostinfoOS, ReleaseFileValues)
+TEST(HostinfoOS, ReleaseFileVersionAndDescription)
 {
    const char *text =
        "# comment NAME=wrong\n"
-       "PRETTY_NAME=\"Pretty\"\n"
        "NAME=\"Some \\\"Linux\\\"\"\n"
        "ID=plain  \n"
        "VERSION_CODENAME='single \\ quoted'\n"
@@ -104,45 +98,36 @@ TEST(HostinfoOS, ReleaseFileValues)
    std::string value;
    EXPECT_FALSE(HostinfoOSReleaseValue(text, "VERSION_ID", &value));
    EXPECT_FALSE(HostinfoOSReleaseValue(text, "NAM", &value));
-}
 
-TEST(HostinfoOS, VersionAndDescription)
-{
    struct utsname u;
    ASSERT_EQ(uname(&u), 0);
    EXPECT_STREQ(Hostinfo_OSVersionString(), u.release);
    std::string numbers =
        std::to_string(Hostinfo_OSVersion(0)) + "." + std::to_string(Hostinfo_OSVersion(1)) + ".";
    EXPECT_EQ(std::string(u.release).rfind(numbers, 0), 0u) << u.release;
-   EXPECT_GE(Hostinfo_OSVersion(0), 2);
    EXPECT_EQ(Hostinfo_OSVersion(99), 0);
-
    char *name = Hostinfo_GetOSName();
    ASSERT_NE(name, nullptr);
-   std::string expectedEnd = std::string(") ") + u.sysname + " " + u.release;
    std::string description(name);
    free(name);
-   EXPECT_TRUE(description.ends_with(expectedEnd)) << description;
-   EXPECT_TRUE(std::regex_match(description, std::regex(R"([^ ].* [^ ]+ \([^ ]+\) .+)")))
+   EXPECT_TRUE(std::regex_match(
+       description, std::regex(std::string(R"([^ ].* [^ ]+ \([^ ]+\) )") + u.sysname + " " +
+                               testsupport::RegexQuote(u.release))))
        << description;
-   EXPECT_EQ(Hostinfo_GetOSWordSize(), sizeof(void *) == 8 ? 64 : 32);
 }
 
 TEST(HostinfoProcess, StartTimes)
 {
-   uint64_t before;
+   uint64_t before, renamed = 0, startUs;
    ASSERT_TRUE(Hostinfo_GetProcessStartTicks(getpid(), &before));
-
    /* A command name with ")" and numbers in it does not shift the fields. */
    char oldName[17] = "";
    ASSERT_EQ(prctl(PR_GET_NAME, oldName), 0);
    ASSERT_EQ(prctl(PR_SET_NAME, "x) 1 2 3 4 5"), 0);
-   uint64_t renamed = 0;
    EXPECT_TRUE(Hostinfo_GetProcessStartTicks(getpid(), &renamed));
    prctl(PR_SET_NAME, oldName);
    EXPECT_EQ(renamed, before);
 
-   uint64_t startUs;
    ASSERT_TRUE(Hostinfo_GetProcessStartTime(getpid(), &startUs));
    struct timeval now;
    gettimeofday(&now, nullptr);
@@ -151,16 +136,11 @@ TEST(HostinfoProcess, StartTimes)
    EXPECT_GT(startUs + 3600ull * 1000000, nowUs); /* this test started within the hour */
 
    pid_t child = fork();
-   ASSERT_GE(child, 0);
    if (child == 0) {
-      pause();
       _exit(0);
    }
-   uint64_t childTicks = 0;
-   EXPECT_TRUE(Hostinfo_GetProcessStartTicks(child, &childTicks));
-   kill(child, SIGKILL);
    ASSERT_EQ(waitpid(child, nullptr, 0), child);
-   EXPECT_FALSE(Hostinfo_GetProcessStartTicks(child, &childTicks));
+   EXPECT_FALSE(Hostinfo_GetProcessStartTicks(child, &before));
    EXPECT_EQ(errno, ENOENT);
    EXPECT_FALSE(Hostinfo_GetProcessStartTime(0, &startUs));
    EXPECT_EQ(errno, EINVAL);
@@ -178,30 +158,28 @@ TEST(HostinfoQueries, CpuidSignatureIsStableAcrossProcessors)
        std::regex_match(first, std::regex("00000000:[0-9A-F]{32}-([0-9A-F]{8}:[0-9A-F]{32}-)*")))
        << first;
    EXPECT_NE(first.find("80000000:"), std::string::npos);
-
    cpu_set_t allowed;
    ASSERT_EQ(sched_getaffinity(0, sizeof allowed, &allowed), 0);
    for (int cpu = 0; cpu < CPU_SETSIZE; cpu++) {
-      if (!CPU_ISSET(cpu, &allowed)) {
-         continue;
+      if (CPU_ISSET(cpu, &allowed)) {
+         std::thread([&] {
+            cpu_set_t one;
+            CPU_ZERO(&one);
+            CPU_SET(cpu, &one);
+            ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+            char *again = Hostinfo_GetCpuidSignature();
+            ASSERT_NE(again, nullptr);
+            EXPECT_EQ(again, first) << "processor " << cpu;
+            free(again);
+         }).join();
       }
-      std::thread([&] {
-         cpu_set_t one;
-         CPU_ZERO(&one);
-         CPU_SET(cpu, &one);
-         ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
-         char *again = Hostinfo_GetCpuidSignature();
-         ASSERT_NE(again, nullptr);
-         EXPECT_EQ(again, first) << "processor " << cpu;
-         free(again);
-      }).join();
    }
 #else
    GTEST_SKIP() << "no processor identification leaves on this architecture";
 #endif
 }
 
-TEST(HostinfoQueries, LoadAndMemoryUsage)
+TEST(HostinfoQueries, LoadMemoryAndSlabs)
 {
    float avg1, avg5, avg15;
    ASSERT_TRUE(Hostinfo_GetLoadAverage(&avg1, &avg5, &avg15));
@@ -213,20 +191,15 @@ TEST(HostinfoQueries, LoadAndMemoryUsage)
                               R"(RUSAGE size=[1-9]\d* resident=[1-9]\d* share=\d+ trs=[1-9]\d* )"
                               R"(lrs=0 drs=[1-9]\d* dt=0\n)")))
        << log.Text();
-
    uint64_t total = 0, available = 0;
    ASSERT_TRUE(Hostinfo_GetMemoryInfoInPages(&total, &available));
    EXPECT_EQ(total, static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)));
    EXPECT_GT(available, 0u);
    EXPECT_LE(available, total);
-}
 
-TEST(HostinfoQueries, KernelSlabObjectSize)
-{
-   if (access("/sys/kernel/slab/kmalloc-64", F_OK) != 0 && access("/proc/slabinfo", R_OK) != 0) {
-      GTEST_SKIP() << "no readable slab information";
+   if (access("/sys/kernel/slab/kmalloc-64", F_OK) == 0 || access("/proc/slabinfo", R_OK) == 0) {
+      EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("kmalloc-64"), 64u);
    }
-   EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("kmalloc-64"), 64u);
    EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("no-such-cache"), 0u);
    EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("../slab/kmalloc-64"), 0u);
    EXPECT_EQ(Hostinfo_GetKernelZoneElemSize(""), 0u);

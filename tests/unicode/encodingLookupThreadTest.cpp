@@ -4,21 +4,19 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <string>
 #include <thread>
 #include <vector>
 
-#include "testSupport.h"
 #include "unicodeTypes.h"
 
 namespace {
 
 TEST(EncodingLookupThread, RacingLookupsAgree)
 {
-   const char *const names[] = {"UTF-8",    "utf8",           "latin1",        "windows-1252",
-                                "ASCII",    "UTF-16LE",       "Windows-57009", "ISO_8859-1:1987",
-                                "ibm-5348", "UTF16_BigEndian"};
-   const StringEncoding expected[] = {0, 0, 8, 35, 7, 1, 312, 8, 35, 2};
+   const std::pair<const char *, StringEncoding> lookups[] = {
+       {"UTF-8", 0},     {"utf8", 0},           {"latin1", 8},          {"windows-1252", 35},
+       {"ASCII", 7},     {"UTF-16LE", 1},       {"Windows-57009", 312}, {"ISO_8859-1:1987", 8},
+       {"ibm-5348", 35}, {"UTF16_BigEndian", 2}};
    for (int round = 0; round < 20; round++) {
       Unicode_Shutdown();
       std::atomic<bool> go{false};
@@ -29,10 +27,8 @@ TEST(EncodingLookupThread, RacingLookupsAgree)
             while (!go.load()) {
             }
             for (int i = 0; i < 50; i++) {
-               size_t k = (size_t)(t + i) % 10;
-               if (UnicodeIANALookup(names[k]) != expected[k]) {
-                  wrong++;
-               }
+               auto [name, expected] = lookups[(t + i) % 10];
+               wrong += UnicodeIANALookup(name) != expected;
             }
          });
       }
