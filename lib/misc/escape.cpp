@@ -12,25 +12,11 @@
 #include "dynbuf.h"
 #include "escape.h"
 #include "log.h"
+#include "strutil.h"
 
 namespace {
 
 const char kHexDigits[] = "0123456789ABCDEF";
-
-/* The value of a hexadecimal digit of either case, or -1. */
-int HexValue(unsigned char c)
-{
-   if (c >= '0' && c <= '9') {
-      return c - '0';
-   }
-   if (c >= 'a' && c <= 'f') {
-      return c - 'a' + 10;
-   }
-   if (c >= 'A' && c <= 'F') {
-      return c - 'A' + 10;
-   }
-   return -1;
-}
 
 /* A DynBuf that frees what it holds unless the result has been taken. */
 class Output {
@@ -115,11 +101,11 @@ bool UndoScan(char escByte, const void *bufIn, size_t sizeIn, Sink &&sink)
             }
             break;
          case 1:
-            high = HexValue(in[i]);
+            high = StrUtil_HexDigitValue((unsigned char)in[i]);
             state = high < 0 ? 0 : 2;
             break;
          case 2: {
-            int low = HexValue(in[i]);
+            int low = StrUtil_HexDigitValue((unsigned char)in[i]);
             if (low >= 0) {
                if (!sink(in + runStart, i - 2 - runStart) ||
                    !sink.Byte(static_cast<char>(high << 4 | low))) {

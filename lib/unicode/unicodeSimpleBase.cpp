@@ -9,6 +9,7 @@
 #include "dynbuf.h"
 #include "escape.h"
 #include "log.h"
+#include "strutil.h"
 #include "misc/codesetBuiltin.h"
 #include "unicodeBase.h"
 #include "unicodeTypes.h"
@@ -181,17 +182,11 @@ char *Unicode_FromEscapedAscii(const char *ascii, bool unescape)
             cp = 0;
             for (int k = 0; k < digits; k++) {
                unsigned char c = *++p;
-               uint32_t value;
-               if (c >= '0' && c <= '9') {
-                  value = c - '0';
-               } else if (c >= 'a' && c <= 'f') {
-                  value = c - 'a' + 10;
-               } else if (c >= 'A' && c <= 'F') {
-                  value = c - 'A' + 10;
-               } else {
+               int value = StrUtil_HexDigitValue(c);
+               if (value < 0) {
                   NOT_IMPLEMENTED();
                }
-               cp = cp << 4 | value;
+               cp = cp << 4 | (uint32_t)value;
             }
             VERIFY(cp < 0x110000);
          }

@@ -14,6 +14,7 @@
 
 #include "hostinfo.h"
 #include "log.h"
+#include "strutil.h"
 #include "random.h"
 #include "str.h"
 #include "util.h"
@@ -40,20 +41,6 @@ void Sha1(std::initializer_list<ByteRange> ranges, uint8_t digest[SHA1_SIZE])
    VERIFY(EVP_DigestFinal_ex(ctx, digest, &length) == 1);
    VERIFY(length == SHA1_SIZE);
    EVP_MD_CTX_free(ctx);
-}
-
-int HexValue(char c)
-{
-   if (c >= '0' && c <= '9') {
-      return c - '0';
-   }
-   if (c >= 'a' && c <= 'f') {
-      return c - 'a' + 10;
-   }
-   if (c >= 'A' && c <= 'F') {
-      return c - 'A' + 10;
-   }
-   return -1;
 }
 
 /*
@@ -107,8 +94,8 @@ bool UUID_ParseText(const char *text, uint8_t bytes[UUID_SIZE])
    }
    for (size_t i = 0; i < UUID_SIZE; i++) {
       const char *pair = text + 3 * i;
-      int high = HexValue(pair[0]);
-      int low = high < 0 ? -1 : HexValue(pair[1]);
+      int high = StrUtil_HexDigitValue((unsigned char)pair[0]);
+      int low = high < 0 ? -1 : StrUtil_HexDigitValue((unsigned char)pair[1]);
       if (low < 0) {
          return false;
       }
