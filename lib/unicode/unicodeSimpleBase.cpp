@@ -211,19 +211,25 @@ char *Unicode_FromEscapedAscii(const char *ascii, bool unescape)
    return result;
 }
 
+/* The number of entries of a list: count, or up to its NULL terminator when count is negative. */
+static size_t ListLength(char *const *list, ssize_t count)
+{
+   if (count >= 0) {
+      return (size_t)count;
+   }
+   size_t n = 0;
+   while (list[n] != nullptr) {
+      n++;
+   }
+   return n;
+}
+
 char **Unicode_AllocList(char **srcArray, ssize_t count, StringEncoding encoding)
 {
    if (srcArray == nullptr) {
       return nullptr;
    }
-   size_t n = 0;
-   if (count < 0) {
-      while (srcArray[n] != nullptr) {
-         n++;
-      }
-   } else {
-      n = (size_t)count;
-   }
+   size_t n = ListLength(srcArray, count);
    char **result = (char **)Util_SafeCalloc(n + 1, sizeof *result);
    for (size_t i = 0; i < n; i++) {
       result[i] = Unicode_AllocWithLength(srcArray[i], -1, encoding);
@@ -236,14 +242,7 @@ char **Unicode_GetAllocList(char *const *srcArray, ssize_t count, StringEncoding
    if (srcArray == nullptr) {
       return nullptr;
    }
-   size_t n = 0;
-   if (count < 0) {
-      while (srcArray[n] != nullptr) {
-         n++;
-      }
-   } else {
-      n = (size_t)count;
-   }
+   size_t n = ListLength(srcArray, count);
    char **result = (char **)Util_SafeCalloc(n + 1, sizeof *result);
    for (size_t i = 0; i < n; i++) {
       if (srcArray[i] == nullptr) {
