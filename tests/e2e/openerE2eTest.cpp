@@ -69,13 +69,19 @@ bool WaitForText(const std::string &path, const std::string &text)
    return false;
 }
 
-// Live processes running the executable at path (a zombie has no executable link).
+// Live processes running the executable at path (a zombie has no executable link). An empty
+// path matches nothing: a case that never got as far as naming its program must not signal
+// every process on the machine.
 std::vector<pid_t> ProcessesRunning(const std::string &path)
 {
    std::vector<pid_t> pids;
+   if (path.empty()) {
+      return pids;
+   }
    for (const fs::directory_entry &entry : fs::directory_iterator("/proc")) {
       pid_t pid = atoi(entry.path().filename().c_str());
-      if (pid > 0 && Readlink(entry.path() / "exe").rfind(path, 0) == 0) {
+      std::string exe = pid > 0 ? Readlink(entry.path() / "exe") : "";
+      if (exe == path || exe == path + " (deleted)") {
          pids.push_back(pid);
       }
    }
