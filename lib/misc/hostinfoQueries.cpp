@@ -324,12 +324,19 @@ size_t Hostinfo_GetKernelZoneElemSize(const char *name)
    if (!ValidSlabName(name)) {
       return 0;
    }
-   /* SLUB publishes every cache (merged ones as aliases), readable by all. */
+   /*
+    * SLUB publishes every cache (merged ones as aliases); some kernels let only root read the
+    * sizes. A cache that does not exist is no failure.
+    */
    std::string text;
    uint64_t size;
    if (access("/sys/kernel/slab", F_OK) == 0) {
       std::string path = std::string("/sys/kernel/slab/") + name + "/object_size";
       if (!HostinfoReadFile(path.c_str(), &text)) {
+         if (errno != ENOENT) {
+            Warning("%s: mach_zone_info failed %u.\n", "Hostinfo_GetKernelZoneElemSize",
+                    static_cast<unsigned int>(errno));
+         }
          return 0;
       }
       std::string_view number(text);

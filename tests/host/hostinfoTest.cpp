@@ -197,7 +197,8 @@ TEST(HostinfoQueries, LoadMemoryAndSlabs)
    EXPECT_GT(available, 0u);
    EXPECT_LE(available, total);
 
-   if (access("/sys/kernel/slab/kmalloc-64", F_OK) == 0 || access("/proc/slabinfo", R_OK) == 0) {
+   if (access("/sys/kernel/slab/kmalloc-64/object_size", R_OK) == 0 ||
+       access("/proc/slabinfo", R_OK) == 0) {
       EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("kmalloc-64"), 64u);
    }
    EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("no-such-cache"), 0u);
