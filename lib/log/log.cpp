@@ -45,9 +45,8 @@ void LogEntry(const char *prefix, const char *fmt, va_list args)
 
    char line[kLineSize];
    int length = Str_Snprintf(line, sizeof line, "%04d-%02d-%02dT%02d:%02d:%02d.%03d| ",
-                             local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
-                             local.tm_hour, local.tm_min, local.tm_sec,
-                             (int)(now.tv_usec / 1000));
+                             local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                             local.tm_min, local.tm_sec, (int)(now.tv_usec / 1000));
    if (length > 0) {
       WriteAll(fd, line, (size_t)length);
    }

@@ -22,10 +22,9 @@ bool ClockRate_ComputeParams(uint64_t sourceRate, uint64_t sourceValue, uint64_t
 bool ClockRate_ComputeRatio(uint64_t sourceRate, uint64_t targetRate, uint32_t *mult,
                             uint32_t *shift);
 void ClockRate_LogParams(const char *prefix, uint64_t sourceRate, uint64_t sourceValue,
-                         uint64_t targetRate, uint64_t targetValue,
-                         const ClockRateParams *params);
-void ClockRate_LogRatio(const char *prefix, uint64_t sourceRate, uint64_t targetRate,
-                        uint32_t mult, uint32_t shift);
+                         uint64_t targetRate, uint64_t targetValue, const ClockRateParams *params);
+void ClockRate_LogRatio(const char *prefix, uint64_t sourceRate, uint64_t targetRate, uint32_t mult,
+                        uint32_t shift);
 
 /* ((x * mult) >> shift) + add, with a 96-bit product. */
 static inline uint64_t ClockRate_Apply(const ClockRateParams *params, uint64_t x)

@@ -60,10 +60,22 @@ void DynBuf_SafeInternalEnlarge(DynBuf *b, size_t minSize, const char *file, uns
 #define DynBuf_SafeEnlarge(b, minSize) \
    DynBuf_SafeInternalEnlarge((b), (minSize), __FILE__, __LINE__)
 
-static inline void *DynBuf_Get(const DynBuf *b) { return b->data; }
-static inline size_t DynBuf_GetSize(const DynBuf *b) { return b->size; }
-static inline size_t DynBuf_GetAllocatedSize(const DynBuf *b) { return b->allocated; }
-static inline void DynBuf_SetSize(DynBuf *b, size_t size) { b->size = size; }
+static inline void *DynBuf_Get(const DynBuf *b)
+{
+   return b->data;
+}
+static inline size_t DynBuf_GetSize(const DynBuf *b)
+{
+   return b->size;
+}
+static inline size_t DynBuf_GetAllocatedSize(const DynBuf *b)
+{
+   return b->allocated;
+}
+static inline void DynBuf_SetSize(DynBuf *b, size_t size)
+{
+   b->size = size;
+}
 
 /* Appends the string with its NUL, then drops the NUL from the size (so more can follow). */
 static inline bool DynBuf_AppendString(DynBuf *b, const char *s)

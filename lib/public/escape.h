@@ -14,8 +14,8 @@ extern "C" {
 #endif
 
 /* bytesToEsc: 256 flags; a non-zero flag escapes that byte as escStr plus two hex digits. */
-void *Escape_DoString(const char *escStr, const int *bytesToEsc, const void *bufIn,
-                      size_t sizeIn, size_t *sizeOut);
+void *Escape_DoString(const char *escStr, const int *bytesToEsc, const void *bufIn, size_t sizeIn,
+                      size_t *sizeOut);
 void *Escape_Do(char escByte, const int *bytesToEsc, const void *bufIn, size_t sizeIn,
                 size_t *sizeOut);
 void *Escape_Undo(char escByte, const void *bufIn, size_t sizeIn, size_t *sizeOut);

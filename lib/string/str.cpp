@@ -44,8 +44,7 @@ void TruncateAtCharBoundary(char *buf, size_t size)
 int FormatFixed(bool posix, char *buf, size_t size, const char *fmt, va_list args)
 {
    char *out = buf;
-   return posix ? bsd_vsnprintf_posix(&out, size, fmt, args)
-                : bsd_vsnprintf(&out, size, fmt, args);
+   return posix ? bsd_vsnprintf_posix(&out, size, fmt, args) : bsd_vsnprintf(&out, size, fmt, args);
 }
 
 /* Str_Sprintf and Str_SprintfCLocale: format, or cut and panic when the output does not fit. */

@@ -10,7 +10,7 @@
 namespace testsupport {
 
 LogCapture::LogCapture()
-   : fd_(memfd_create("log-capture", MFD_CLOEXEC)), previousFd_(Log_GetOutputFd())
+    : fd_(memfd_create("log-capture", MFD_CLOEXEC)), previousFd_(Log_GetOutputFd())
 {
    if (fd_ < 0) {
       ADD_FAILURE() << "memfd_create failed";
@@ -58,8 +58,8 @@ std::string StripStamps(const std::string &text)
 ScratchDir::ScratchDir()
 {
    const char *tmp = getenv("TMPDIR");
-   std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
-                         "/tesmar-test-XXXXXX";
+   std::string pattern =
+       std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tesmar-test-XXXXXX";
    if (mkdtemp(pattern.data()) == nullptr) {
       ADD_FAILURE() << "mkdtemp failed";
    }
@@ -69,9 +69,9 @@ ScratchDir::ScratchDir()
 ScratchDir::~ScratchDir()
 {
    nftw(
-      path_.c_str(),
-      [](const char *path, const struct stat *, int, struct FTW *) { return remove(path); }, 16,
-      FTW_DEPTH | FTW_PHYS);
+       path_.c_str(),
+       [](const char *path, const struct stat *, int, struct FTW *) { return remove(path); }, 16,
+       FTW_DEPTH | FTW_PHYS);
 }
 
 std::string RegexQuote(const std::string &text)
