@@ -48,6 +48,26 @@ uint64_t MXUserAllocSerialNumber(void)
    return value;
 }
 
+void MXUserInitHeader(MXUserHeader *header, const char *name, const char *unnamedFormat,
+                      const void *caller, MXUserObjectType type, MX_Rank rank,
+                      void (*dumpFunc)(MXUserHeader *header))
+{
+   header->name =
+       name != nullptr ? Util_SafeStrdup(name) : Str_SafeAsprintf(nullptr, unnamedFormat, caller);
+   header->signature = MXUserGetSignature(type);
+   header->rank = rank;
+   header->serialNumber = MXUserAllocSerialNumber();
+   header->dumpFunc = dumpFunc;
+}
+
+void MXUserDumpHeaderFields(const MXUserHeader *header)
+{
+   Warning("\tsignature 0x%X\n", header->signature);
+   Warning("\tname %s\n", header->name);
+   Warning("\trank 0x%X\n", header->rank);
+   Warning("\tserial number %llu\n", static_cast<unsigned long long>(header->serialNumber));
+}
+
 MXRecLock *MXUserInternalListLock(void)
 {
    MXRecLock *lock = listLockMem.load(std::memory_order_acquire);

@@ -22,10 +22,7 @@ void MXUserDumpExclLock(MXUserHeader *header)
 {
    MXUserExclLock *lock = ExclLockOf(header);
    Warning("%s: Exclusive lock @ %p\n", "MXUserDumpExclLock", static_cast<void *>(lock));
-   Warning("\tsignature 0x%X\n", header->signature);
-   Warning("\tname %s\n", header->name);
-   Warning("\trank 0x%X\n", header->rank);
-   Warning("\tserial number %llu\n", static_cast<unsigned long long>(header->serialNumber));
+   MXUserDumpHeaderFields(header);
    Warning("\tlock count %d\n", MXRecLockCount(&lock->recursiveLock));
    Warning("\taddress of owner data %p\n", static_cast<void *>(&lock->recursiveLock.owner));
 }
@@ -40,15 +37,11 @@ MXUserExclLock *CreateExclLock(const char *name, MX_Rank rank, const void *calle
 {
    void *mem = Util_SafeCalloc(1, sizeof(MXUserExclLock));
    MXUserExclLock *lock = new (mem) MXUserExclLock();
-   lock->header.name =
-       name != nullptr ? Util_SafeStrdup(name) : Str_SafeAsprintf(nullptr, "X-%p", caller);
    if (!MXRecLockInit(&lock->recursiveLock)) {
       Panic("%s: native lock initialization routine failed\n", "MXUser_CreateExclLock");
    }
-   lock->header.signature = MXUserGetSignature(MXUSER_TYPE_EXCL);
-   lock->header.rank = rank;
-   lock->header.serialNumber = MXUserAllocSerialNumber();
-   lock->header.dumpFunc = MXUserDumpExclLock;
+   MXUserInitHeader(&lock->header, name, "X-%p", caller, MXUSER_TYPE_EXCL, rank,
+                    MXUserDumpExclLock);
    MXUserEnableStats("MXUser_CreateExclLock", &lock->header, lock->acquireStatsMem,
                      lock->heldStatsMem, MXUserStatsActionExcl);
    MXUserAddToList(&lock->header);
@@ -67,18 +60,9 @@ __attribute__((noinline)) MXUserExclLock *MXUser_CreateExclLock(const char *name
 __attribute__((noinline)) MXUserExclLock *MXUser_CreateSingletonExclLock(
     MXUserExclLock **lockStorage, const char *name, MX_Rank rank)
 {
-   std::atomic_ref<MXUserExclLock *> slot(*lockStorage);
-   MXUserExclLock *lock = slot.load(std::memory_order_acquire);
-   if (lock != nullptr) {
-      return lock;
-   }
-   MXUserExclLock *fresh = CreateExclLock(name, rank, __builtin_return_address(0));
-   MXUserExclLock *expected = nullptr;
-   if (slot.compare_exchange_strong(expected, fresh, std::memory_order_acq_rel)) {
-      return fresh;
-   }
-   MXUser_DestroyExclLock(fresh);
-   return expected;
+   const void *caller = __builtin_return_address(0);
+   return MXUserCreateSingleton(
+       lockStorage, [&] { return CreateExclLock(name, rank, caller); }, MXUser_DestroyExclLock);
 }
 
 void MXUser_AcquireExclLock(MXUserExclLock *lock)

@@ -208,6 +208,37 @@ MXRecLock *MXUserInternalListLock(void);
 MXRecLock *MXUserListLockIfAny(void);
 /* Visits every live lock; the caller holds the list lock. */
 void MXUserForEachLock(void (*visit)(MXUserHeader *header, void *data), void *data);
+/*
+ * Fills a new lock's header: its name (a copy, or unnamedFormat with the caller's code address
+ * when name is NULL), signature, rank, serial number and dump routine.
+ */
+void MXUserInitHeader(MXUserHeader *header, const char *name, const char *unnamedFormat,
+                      const void *caller, MXUserObjectType type, MX_Rank rank,
+                      void (*dumpFunc)(MXUserHeader *header));
+/* Warns the header fields that every lock dump lists after its first line. */
+void MXUserDumpHeaderFields(const MXUserHeader *header);
+
+/*
+ * Lazy creation through a caller's pointer: returns the lock it holds, or creates one and
+ * installs it by compare-and-exchange; a creator that loses the race destroys its own lock.
+ */
+template <typename T, typename Create>
+T *MXUserCreateSingleton(T **storage, Create create, void (*destroy)(T *))
+{
+   std::atomic_ref<T *> slot(*storage);
+   T *lock = slot.load(std::memory_order_acquire);
+   if (lock != nullptr) {
+      return lock;
+   }
+   T *fresh = create();
+   T *expected = nullptr;
+   if (slot.compare_exchange_strong(expected, fresh, std::memory_order_acq_rel)) {
+      return fresh;
+   }
+   destroy(fresh);
+   return expected;
+}
+
 /* Publishes fresh into *slot unless it is set already; returns the object that stands. */
 template <typename T>
 T *MXUserPublish(std::atomic<T *> &slot, T *fresh, void (*destroy)(T *))

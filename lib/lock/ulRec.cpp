@@ -21,10 +21,7 @@ void MXUserDumpRecLock(MXUserHeader *header)
 {
    MXUserRecLock *lock = RecLockOf(header);
    Warning("%s: Recursive lock @ %p\n", "MXUserDumpRecLock", static_cast<void *>(lock));
-   Warning("\tsignature 0x%X\n", header->signature);
-   Warning("\tname %s\n", header->name);
-   Warning("\trank 0x%X\n", header->rank);
-   Warning("\tserial number %llu\n", static_cast<unsigned long long>(header->serialNumber));
+   MXUserDumpHeaderFields(header);
    Warning("\treference count %u\n", lock->refCount.load());
    if (lock->vmmLock == nullptr) {
       Warning("\tlock count %d\n", MXRecLockCount(&lock->recursiveLock));
@@ -49,17 +46,12 @@ MXUserRecLock *AllocRecLock(void)
 MXUserRecLock *CreateRecLock(const char *name, MX_Rank rank, const void *caller)
 {
    MXUserRecLock *lock = AllocRecLock();
-   lock->header.name =
-       name != nullptr ? Util_SafeStrdup(name) : Str_SafeAsprintf(nullptr, "R-%p", caller);
    if (!MXRecLockInit(&lock->recursiveLock)) {
       Panic("%s: native lock initialization routine failed\n", "MXUser_CreateRecLock");
    }
    lock->vmmLock = nullptr;
    lock->refCount.store(1);
-   lock->header.signature = MXUserGetSignature(MXUSER_TYPE_REC);
-   lock->header.rank = rank;
-   lock->header.serialNumber = MXUserAllocSerialNumber();
-   lock->header.dumpFunc = MXUserDumpRecLock;
+   MXUserInitHeader(&lock->header, name, "R-%p", caller, MXUSER_TYPE_REC, rank, MXUserDumpRecLock);
    MXUserEnableStats("MXUser_CreateRecLock", &lock->header, lock->acquireStatsMem,
                      lock->heldStatsMem, MXUserStatsActionRec);
    MXUserAddToList(&lock->header);
@@ -100,18 +92,9 @@ __attribute__((noinline)) MXUserRecLock *MXUser_CreateSingletonRecLock(MXUserRec
                                                                        const char *name,
                                                                        MX_Rank rank)
 {
-   std::atomic_ref<MXUserRecLock *> slot(*lockStorage);
-   MXUserRecLock *lock = slot.load(std::memory_order_acquire);
-   if (lock != nullptr) {
-      return lock;
-   }
-   MXUserRecLock *fresh = CreateRecLock(name, rank, __builtin_return_address(0));
-   MXUserRecLock *expected = nullptr;
-   if (slot.compare_exchange_strong(expected, fresh, std::memory_order_acq_rel)) {
-      return fresh;
-   }
-   MXUser_DestroyRecLock(fresh);
-   return expected;
+   const void *caller = __builtin_return_address(0);
+   return MXUserCreateSingleton(
+       lockStorage, [&] { return CreateRecLock(name, rank, caller); }, MXUser_DestroyRecLock);
 }
 
 void MXUser_AcquireRecLock(MXUserRecLock *lock)
