@@ -10,6 +10,7 @@ packages=(
   libicu-dev libssl-dev libplist-dev libdbus-1-dev
   dbus python3 python3-dbusmock
   hyperfine
+  libglib2.0-dev libinih-dev gettext liblockfile-dev
 )
 
 missing=()
