@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "location.h"
+#include "location/locationInt.h"
 #include "log.h"
 #include "serviceImpl.h"
 #include "str.h"
@@ -92,6 +93,7 @@ int main(int argc, char **argv)
    }
    ServiceImpl_PrivLower();
    umask(022);
+   LocationSetRootPrefix(BRIX_ROOT_PREFIX);
    Location_Init("brix-opener");
 
    char *daemonPath = Str_Asprintf(nullptr, "%s/%s%s", Location_GetAppSupportDir(), "Services",

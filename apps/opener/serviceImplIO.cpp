@@ -8,8 +8,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "internal/retry.h"
 #include "log.h"
-#include "serviceImpl.h"
+#include "serviceImplIO.h"
 
 char gServiceImplMessageByte;
 
@@ -18,6 +19,23 @@ namespace {
 union ControlBuffer {
    char bytes[CMSG_SPACE(sizeof(int))];
    struct cmsghdr align;
+};
+
+// A message of the message byte and room for one descriptor's control header.
+struct FdMessage {
+   struct iovec iov = {&gServiceImplMessageByte, 1};
+   struct msghdr msg = {};
+   ControlBuffer control = {};  // last: its header ends in a flexible array
+
+   FdMessage()
+   {
+      msg.msg_iov = &iov;
+      msg.msg_iovlen = 1;
+      msg.msg_control = control.bytes;
+      msg.msg_controllen = sizeof control.bytes;
+   }
+   FdMessage(const FdMessage &) = delete;
+   FdMessage &operator=(const FdMessage &) = delete;
 };
 
 // Closes every descriptor a refused message brought in, so that none leaks.
@@ -40,13 +58,10 @@ void ServiceImplCloseReceived(struct msghdr *msg)
 
 bool ServiceImplWriteOne(int fd, char byte)
 {
-   ssize_t n;
-   do {
-      n = send(fd, &byte, 1, MSG_NOSIGNAL);
-      if (n == -1 && errno == ENOTSOCK) {
-         n = write(fd, &byte, 1);
-      }
-   } while (n == -1 && errno == EINTR);
+   ssize_t n = tesmar::RetryEintr([&] {
+      ssize_t sent = send(fd, &byte, 1, MSG_NOSIGNAL);
+      return sent == -1 && errno == ENOTSOCK ? write(fd, &byte, 1) : sent;
+   });
    if (n == 1) {
       return true;
    }
@@ -58,15 +73,14 @@ bool ServiceImplWriteOne(int fd, char byte)
 
 int ServiceImplReadOne(int fd, char *buffer)
 {
-   ssize_t n;
-   do {
-      n = read(fd, buffer, 1);
-   } while (n == -1 && errno == EINTR);
+   ssize_t n = tesmar::RetryEintr([&] { return read(fd, buffer, 1); });
    if (n == 0) {
       return SERVICE_READ_EOF;
    }
    if (n == -1) {
-      Warning("%s: read errno %d.\n", "ServiceImplReadOne", errno);
+      int savedErrno = errno;  // the caller tells a timeout from other failures
+      Warning("%s: read errno %d.\n", "ServiceImplReadOne", savedErrno);
+      errno = savedErrno;
       return SERVICE_READ_ERROR;
    }
    return SERVICE_READ_BYTE;
@@ -74,24 +88,14 @@ int ServiceImplReadOne(int fd, char *buffer)
 
 bool ServiceImplSendFd(int sock, int fd)
 {
-   ControlBuffer control;
-   memset(&control, 0, sizeof control);
-   struct iovec iov = {&gServiceImplMessageByte, 1};
-   struct msghdr msg = {};
-   msg.msg_iov = &iov;
-   msg.msg_iovlen = 1;
-   msg.msg_control = control.bytes;
-   msg.msg_controllen = sizeof control.bytes;
-   struct cmsghdr *header = CMSG_FIRSTHDR(&msg);
+   FdMessage message;
+   struct cmsghdr *header = CMSG_FIRSTHDR(&message.msg);
    header->cmsg_len = CMSG_LEN(sizeof(int));
    header->cmsg_level = SOL_SOCKET;
    header->cmsg_type = SCM_RIGHTS;
    memcpy(CMSG_DATA(header), &fd, sizeof fd);
 
-   ssize_t n;
-   do {
-      n = sendmsg(sock, &msg, MSG_NOSIGNAL);
-   } while (n == -1 && errno == EINTR);
+   ssize_t n = tesmar::RetryEintr([&] { return sendmsg(sock, &message.msg, MSG_NOSIGNAL); });
    if (n == 1) {
       return true;
    }
@@ -103,19 +107,9 @@ bool ServiceImplSendFd(int sock, int fd)
 
 bool ServiceImplRecvFd(int sock, int *fdOut)
 {
-   ControlBuffer control;
-   memset(&control, 0, sizeof control);
-   struct iovec iov = {&gServiceImplMessageByte, 1};
-   struct msghdr msg = {};
-   msg.msg_iov = &iov;
-   msg.msg_iovlen = 1;
-   msg.msg_control = control.bytes;
-   msg.msg_controllen = sizeof control.bytes;
-
-   ssize_t n;
-   do {
-      n = recvmsg(sock, &msg, MSG_CMSG_CLOEXEC);
-   } while (n == -1 && errno == EINTR);
+   FdMessage message;
+   struct msghdr &msg = message.msg;
+   ssize_t n = tesmar::RetryEintr([&] { return recvmsg(sock, &msg, MSG_CMSG_CLOEXEC); });
    if (n == 0) {
       return false;
    }

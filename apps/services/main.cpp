@@ -68,13 +68,6 @@ int main(int argc, char **argv)
       return 1;
    }
 
-   int logFd = open(kLogPath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-   if (logFd != -1) {
-      Log_SetOutputFd(logFd);
-   } else {
-      Warning("%s: Cannot open the log %s, errno %d.\n", "main", kLogPath, errno);
-   }
-
    int accepting = 0;
    socklen_t length = sizeof accepting;
    if (getsockopt(listenFd, SOL_SOCKET, SO_ACCEPTCONN, &accepting, &length) == -1 || !accepting) {
@@ -85,10 +78,5 @@ int main(int argc, char **argv)
    fcntl(listenFd, F_SETFD, FD_CLOEXEC);
    fcntl(keepAliveFd, F_SETFD, FD_CLOEXEC);
 
-   int status = ServicesDaemon_Run(listenFd, keepAliveFd);
-   if (logFd != -1) {
-      Log_SetOutputFd(-1);
-      close(logFd);
-   }
-   return status;
+   return ServicesDaemon_Run(listenFd, keepAliveFd, kLogPath);
 }

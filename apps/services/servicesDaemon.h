@@ -7,8 +7,9 @@
 /*
  * Serves the listening socket until SIGTERM, SIGINT or SIGHUP: greets each connection, receives
  * its descriptor, answers "1" (or "0" when the message was refused) and acts on the descriptor.
- * keepAliveFd is the starting opener's pipe (-1 for none). Returns the exit status.
+ * keepAliveFd is the starting opener's pipe (-1 for none). Logs to logPath, rate-limited and
+ * rotated. Returns the exit status.
  */
-int ServicesDaemon_Run(int listenFd, int keepAliveFd);
+int ServicesDaemon_Run(int listenFd, int keepAliveFd, const char *logPath);
 
 #endif

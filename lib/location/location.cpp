@@ -14,6 +14,9 @@
 #include <cstdint>
 
 #include "hostinfo.h"
+#include "internal/publishOnce.h"
+#include "internal/uniqueFd.h"
+#include "locationInt.h"
 #include "log.h"
 #include "str.h"
 
@@ -72,10 +75,12 @@ const LocationKey kKeys[] = {
 
 const LocationConfig kConfig = {kProcessTags, nullptr, nullptr, kKeys};
 
-const char kAppSupportDir[] = BRIX_ROOT_PREFIX "/Library/Application Support/Tesmar/Larkview";
+const char kAppSupportDir[] = "/Library/Application Support/Tesmar/Larkview";
 
-std::atomic<uint32_t> sUpCount{0};
-std::atomic<LocationInstallHook> sInstallHook{nullptr};
+std::atomic<uint32_t> gUpCount{0};
+std::atomic<LocationInstallHook> gInstallHook{nullptr};
+std::atomic<const char *> gRootPrefix{BRIX_ROOT_PREFIX};
+std::atomic<char *> gAppSupportDir{nullptr};
 
 const LocationKey *LocationFindKey(const char *key)
 {
@@ -92,10 +97,9 @@ char *LocationLastUsed(const char *path)
 {
    char text[1024];
    ssize_t length = -1;
-   int fd = open(path, O_RDONLY | O_CLOEXEC);
-   if (fd != -1) {
-      length = read(fd, text, sizeof text);
-      close(fd);
+   tesmar::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+   if (fd) {
+      length = read(fd.get(), text, sizeof text);
    }
    if (length < 0 || length > (ssize_t)sizeof text - 1) {
       Log("%s: Failed opening lastLocationUsed.\n", "LocationLastUsed");
@@ -113,7 +117,7 @@ char *LocationLastUsed(const char *path)
 char *LocationGetRoot(void)
 {
    static const char kFn[] = "LocationGetRoot";
-   uint32_t upCount = sUpCount.load();
+   uint32_t upCount = gUpCount.load();
 
    if (upCount == 0) {
       if (geteuid() != getuid()) {
@@ -167,25 +171,30 @@ char *LocationGetRoot(void)
 
 }  // namespace
 
+void LocationSetRootPrefix(const char *prefix)
+{
+   gRootPrefix.store(prefix);
+}
+
 extern "C" {
 
 void Location_Init(const char *processTag)
 {
    for (const ProcessTag *entry = kConfig.processTags; entry->tag != nullptr; entry++) {
       if (strcmp(entry->tag, processTag) == 0) {
-         uint32_t current = sUpCount.load();
+         uint32_t current = gUpCount.load();
          if (entry->upCount == 0 || current != 0) {
             // A second initialisation is reported, yet still takes effect.
             Warning("%s: Invalid initialization: sUpCount %u, processTag %s.\n", "Location_Init",
                     current, processTag);
          }
-         sUpCount.store(entry->upCount);
+         gUpCount.store(entry->upCount);
          return;
       }
    }
    Warning("%s: Invalid initialization: sUpCount %u, processTag %s.\n", "Location_Init",
-           sUpCount.load(), processTag);
-   sUpCount.store(0);
+           gUpCount.load(), processTag);
+   gUpCount.store(0);
 }
 
 char *Location_Get(const char *key)
@@ -216,17 +225,20 @@ LocationResolver Location_GetResolver(void)
 
 const char *Location_GetAppSupportDir(void)
 {
-   return kAppSupportDir;
+   return tesmar::GetOrPublish(
+       gAppSupportDir,
+       [] { return Str_SafeAsprintf(nullptr, "%s%s", gRootPrefix.load(), kAppSupportDir); },
+       free);
 }
 
 void Location_SetInstallHook(LocationInstallHook hook)
 {
-   sInstallHook.store(hook);
+   gInstallHook.store(hook);
 }
 
 LocationInstallHook Location_GetInstallHook(void)
 {
-   return sInstallHook.load();
+   return gInstallHook.load();
 }
 
 }  // extern "C"

@@ -19,6 +19,8 @@
 #include <algorithm>
 
 #include "codesetBuiltin.h"
+#include "internal/retry.h"
+#include "internal/uniqueFd.h"
 #include "log.h"
 #include "str.h"
 #include "util.h"
@@ -207,6 +209,170 @@ void HostinfoDevNullOnto(int targetFd, int openFlags)
    NOT_REACHED();
 }
 
+/*
+ * What Hostinfo_Daemonize prepares for the fork: the error pipe, the descriptors the daemon
+ * inherits and the arguments in the default encoding. Released on every path.
+ */
+struct HostinfoDaemonizeJob {
+   HostinfoDaemonizeJob(unsigned int jobFlags, const char *jobPidPath, int jobPidFd)
+       : flags(jobFlags), pidPath(jobPidPath), pidFd(jobPidFd)
+   {
+   }
+   ~HostinfoDaemonizeJob()
+   {
+      free(inherited);
+      HostinfoFreeArgv(argvConverted);
+      free(pathConverted);
+   }
+   HostinfoDaemonizeJob(const HostinfoDaemonizeJob &) = delete;
+   HostinfoDaemonizeJob &operator=(const HostinfoDaemonizeJob &) = delete;
+
+   unsigned int flags;
+   const char *pidPath;
+   int pidFd;  // owned by the caller
+   tesmar::UniqueFd pipeRead;
+   tesmar::UniqueFd pipeWrite;
+   int *inherited = nullptr;  // sorted
+   size_t numInherited = 0;
+   char *pathConverted = nullptr;
+   char **argvConverted = nullptr;
+};
+
+// Opens (and with lockPidFile locks) the PID file; false with errno from the failing call.
+bool HostinfoOpenPidFile(const char *pidPath, unsigned int flags, tesmar::UniqueFd *pidFd)
+{
+   static const char kFn[] = "Hostinfo_Daemonize";
+   pidFd->reset(open(pidPath, O_WRONLY | O_CREAT, 0644));  // a locked one outlives the exec
+   if (!*pidFd) {
+      int err = errno;
+      Warning("%s: Couldn't open PID path [%s], error %u.\n", kFn, pidPath, (unsigned)err);
+      errno = err;
+      return false;
+   }
+   if ((flags & HOSTINFO_DAEMONIZE_LOCKPID) && flock(pidFd->get(), LOCK_EX | LOCK_NB) == -1) {
+      int err = errno;
+      Warning("%s: Lock held on PID path [%s], error %u, not daemonizing.\n", kFn, pidPath,
+              (unsigned)err);
+      pidFd->reset();
+      errno = err;
+      return false;
+   }
+   return true;
+}
+
+// The error pipe, the inherited-descriptor list and the converted arguments; false after a
+// warning.
+bool HostinfoPrepare(HostinfoDaemonizeJob *job, const char *path, char *const *argv,
+                     const int *keepFds, size_t numKeepFds)
+{
+   static const char kFn[] = "Hostinfo_Daemonize";
+   int pipeFds[2];
+   if (pipe(pipeFds) == -1) {
+      Warning("%s: Couldn't create pipe, error %u.\n", kFn, (unsigned)errno);
+      return false;
+   }
+   job->pipeRead.reset(pipeFds[0]);
+   job->pipeWrite.reset(pipeFds[1]);
+
+   job->inherited = (int *)malloc((numKeepFds + 2) * sizeof *job->inherited);
+   if (job->inherited == nullptr) {
+      Warning("%s: Couldn't allocate memory, error %u.\n", kFn, (unsigned)errno);
+      return false;
+   }
+   if (numKeepFds > 0) {
+      memcpy(job->inherited, keepFds, numKeepFds * sizeof *job->inherited);
+   }
+   job->numInherited = numKeepFds;
+   job->inherited[job->numInherited++] = pipeFds[1];
+   if (job->pidFd != -1) {
+      job->inherited[job->numInherited++] = job->pidFd;
+   }
+   std::sort(job->inherited, job->inherited + job->numInherited);
+
+   if (fcntl(pipeFds[1], F_SETFD, FD_CLOEXEC) == -1) {
+      Warning("%s: Couldn't set close-on-exec for fd %d, error %u.\n", kFn, pipeFds[1],
+              (unsigned)errno);
+      return false;
+   }
+   job->pathConverted = HostinfoUtf8ToDefaultEncoding(path);
+   if (job->pathConverted == nullptr) {
+      Warning("%s: Couldn't convert path [%s] to default encoding.\n", kFn, path);
+      return false;
+   }
+   job->argvConverted = HostinfoArgvToDefaultEncoding(argv);
+   if (job->argvConverted == nullptr) {
+      Warning("%s: Couldn't convert arguments to default encoding.\n", kFn);
+      return false;
+   }
+   return true;
+}
+
+// The first child: a clean process state, a new session, and the daemon forked off.
+[[noreturn]] void HostinfoFirstChild(const HostinfoDaemonizeJob &job)
+{
+   static const char kFn[] = "Hostinfo_Daemonize";
+   HostinfoResetProcessState(job.inherited, job.numInherited);
+   sigset_t all;
+   sigfillset(&all);
+   sigprocmask(SIG_UNBLOCK, &all, nullptr);
+   if (!(job.flags & HOSTINFO_DAEMONIZE_NOCLOSE) && setsid() == -1) {
+      Warning("%s: Couldn't create new session, error %d.\n", kFn, errno);
+      _exit(1);
+   }
+   pid_t grandchild = fork();
+   if (grandchild == -1) {
+      Warning("%s: Couldn't fork second child, error %d.\n", kFn, errno);
+      _exit(1);
+   }
+   if (grandchild != 0) {
+      _exit(0);
+   }
+   HostinfoRunDaemon(job.pathConverted, job.argvConverted, job.flags, job.pidPath, job.pidFd,
+                     job.pipeWrite.get());
+}
+
+/*
+ * Forks, waits for the first child and reads the daemon's verdict from the error pipe: 0 once
+ * the daemon has executed, its error word when it could not, EINVAL for any other failure.
+ */
+int HostinfoForkAndWait(HostinfoDaemonizeJob &job, const char *path)
+{
+   static const char kFn[] = "Hostinfo_Daemonize";
+   pid_t child = fork();
+   if (child == -1) {
+      Warning("%s: Couldn't fork first child, error %u.\n", kFn, (unsigned)errno);
+      return EINVAL;
+   }
+   if (child == 0) {
+      HostinfoFirstChild(job);
+   }
+   job.pipeWrite.reset();
+
+   int status;
+   if (tesmar::RetryEintr([&] { return waitpid(child, &status, 0); }) == -1) {
+      // For example ECHILD when the caller ignores SIGCHLD: the start cannot be confirmed.
+      Warning("%s: Couldn't wait for child %d, error %u.\n", kFn, (int)child, (unsigned)errno);
+      return EINVAL;
+   }
+   if (WIFSIGNALED(status)) {
+      Warning("%s: Child %d exited with signal %d.\n", kFn, (int)child, WTERMSIG(status));
+      return EINVAL;
+   }
+   if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
+      Warning("%s: Child %d exited with error %d.\n", kFn, (int)child, WEXITSTATUS(status));
+      return EINVAL;
+   }
+
+   int32_t word = 0;
+   ssize_t got = tesmar::RetryEintr([&] { return read(job.pipeRead.get(), &word, sizeof word); });
+   if (got > 0) {
+      Warning("%s: Child could not exec %s, read %d, error %u.\n", kFn, path, (int)got,
+              (unsigned)word);
+      return word;
+   }
+   return 0;  // end of file: execv closed the write end. A read error is taken as success too.
+}
+
 }  // namespace
 
 extern "C" {
@@ -232,164 +398,27 @@ bool Hostinfo_Daemonize(const char *path, char *const *argv, unsigned int flags,
                         const char *pidPath, const int *keepFds, size_t numKeepFds)
 {
    static const char kFn[] = "Hostinfo_Daemonize";
+   // The pending error: only the daemon's own error word replaces it.
    int err = EINVAL;
-   int pidFd = -1;
-   int pipeFds[2] = {-1, -1};
-   int *inherited = nullptr;
-   size_t numInherited = 0;
-   char *pathConverted = nullptr;
-   char **argvConverted = nullptr;
-
-   if (pidPath != nullptr) {
-      pidFd = open(pidPath, O_WRONLY | O_CREAT, 0644);
-      if (pidFd == -1) {
-         err = errno;
-         Warning("%s: Couldn't open PID path [%s], error %u.\n", kFn, pidPath, (unsigned)err);
-         errno = err;
-         return false;
-      }
-      if ((flags & HOSTINFO_DAEMONIZE_LOCKPID) && flock(pidFd, LOCK_EX | LOCK_NB) == -1) {
-         err = errno;
-         Warning("%s: Lock held on PID path [%s], error %u, not daemonizing.\n", kFn, pidPath,
-                 (unsigned)err);
-         close(pidFd);
-         errno = err;
-         return false;
-      }
+   tesmar::UniqueFd pidFd;
+   if (pidPath != nullptr && !HostinfoOpenPidFile(pidPath, flags, &pidFd)) {
+      return false;
    }
-
-   if (pipe(pipeFds) == -1) {
-      err = errno;
-      Warning("%s: Couldn't create pipe, error %u.\n", kFn, (unsigned)err);
-      pipeFds[0] = pipeFds[1] = -1;
-      goto cleanup;
-   }
-
-   inherited = (int *)malloc((numKeepFds + 2) * sizeof *inherited);
-   if (inherited == nullptr) {
-      err = errno;
-      Warning("%s: Couldn't allocate memory, error %u.\n", kFn, (unsigned)err);
-      goto cleanup;
-   }
-   if (numKeepFds > 0) {
-      memcpy(inherited, keepFds, numKeepFds * sizeof *inherited);
-   }
-   numInherited = numKeepFds;
-   inherited[numInherited++] = pipeFds[1];
-   if (pidFd != -1) {
-      inherited[numInherited++] = pidFd;
-   }
-   std::sort(inherited, inherited + numInherited);
-
-   if (fcntl(pipeFds[1], F_SETFD, FD_CLOEXEC) == -1) {
-      err = errno;
-      Warning("%s: Couldn't set close-on-exec for fd %d, error %u.\n", kFn, pipeFds[1],
-              (unsigned)err);
-      goto cleanup;
-   }
-
-   pathConverted = HostinfoUtf8ToDefaultEncoding(path);
-   if (pathConverted == nullptr) {
-      err = errno;
-      Warning("%s: Couldn't convert path [%s] to default encoding.\n", kFn, path);
-      goto cleanup;
-   }
-   argvConverted = HostinfoArgvToDefaultEncoding(argv);
-   if (argvConverted == nullptr) {
-      err = errno;
-      Warning("%s: Couldn't convert arguments to default encoding.\n", kFn);
-      goto cleanup;
-   }
-
    {
-      pid_t child = fork();
-      if (child == -1) {
-         err = errno;
-         Warning("%s: Couldn't fork first child, error %u.\n", kFn, (unsigned)err);
-         goto cleanup;
-      }
-
-      if (child == 0) {
-         HostinfoResetProcessState(inherited, numInherited);
-         sigset_t all;
-         sigfillset(&all);
-         sigprocmask(SIG_UNBLOCK, &all, nullptr);
-         if (!(flags & HOSTINFO_DAEMONIZE_NOCLOSE) && setsid() == -1) {
-            Warning("%s: Couldn't create new session, error %d.\n", kFn, errno);
-            _exit(1);
-         }
-         pid_t grandchild = fork();
-         if (grandchild == -1) {
-            Warning("%s: Couldn't fork second child, error %d.\n", kFn, errno);
-            _exit(1);
-         }
-         if (grandchild != 0) {
-            _exit(0);
-         }
-         HostinfoRunDaemon(pathConverted, argvConverted, flags, pidPath, pidFd, pipeFds[1]);
-      }
-
-      close(pipeFds[1]);
-      pipeFds[1] = -1;
-
-      int status;
-      pid_t waited;
-      do {
-         waited = waitpid(child, &status, 0);
-      } while (waited == -1 && errno == EINTR);
-      if (waited == -1) {
-         err = errno;
-         goto cleanup;
-      }
-      if (WIFSIGNALED(status)) {
-         Warning("%s: Child %d exited with signal %d.\n", kFn, (int)child, WTERMSIG(status));
-         goto cleanup;
-      }
-      if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
-         Warning("%s: Child %d exited with error %d.\n", kFn, (int)child, WEXITSTATUS(status));
-         goto cleanup;
-      }
-
-      int32_t word = 0;
-      ssize_t got;
-      do {
-         got = read(pipeFds[0], &word, sizeof word);
-      } while (got == -1 && errno == EINTR);
-      if (got > 0) {
-         Warning("%s: Child could not exec %s, read %d, error %u.\n", kFn, path, (int)got,
-                 (unsigned)word);
-         err = word;
-      } else {
-         // End of file: execv closed the write end. A read error is taken as success too.
-         err = 0;
+      HostinfoDaemonizeJob job(flags, pidPath, pidFd.get());
+      if (HostinfoPrepare(&job, path, argv, keepFds, numKeepFds)) {
+         err = HostinfoForkAndWait(job, path);
       }
    }
-
-cleanup : {
-   int savedErrno = errno;
-   free(inherited);
-   if (pipeFds[0] != -1) {
-      close(pipeFds[0]);
-   }
-   if (pipeFds[1] != -1) {
-      close(pipeFds[1]);
-   }
-   HostinfoFreeArgv(argvConverted);
-   free(pathConverted);
-   errno = savedErrno;
-}
 
    if (err != 0) {
       if (pidPath != nullptr && unlink(pidPath) == -1) {
          Warning("%s: Unable to unlink %s: %u\n", kFn, pidPath, (unsigned)errno);
       }
-      errno = err;
    } else if (flags & HOSTINFO_DAEMONIZE_EXIT) {
       _exit(0);
    }
-   if (pidFd != -1) {
-      close(pidFd);
-   }
+   pidFd.reset();
    errno = err;
    return err == 0;
 }

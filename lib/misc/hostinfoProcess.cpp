@@ -11,6 +11,8 @@
 
 #include "hostinfo.h"
 #include "hostinfoInt.h"
+#include "internal/retry.h"
+#include "internal/uniqueFd.h"
 #include "str.h"
 
 namespace {
@@ -46,30 +48,22 @@ bool BootTimeSeconds(uint64_t *seconds)
 
 bool HostinfoReadFile(const char *path, std::string *contents)
 {
-   int fd = open(path, O_RDONLY | O_CLOEXEC);
-   if (fd < 0) {
+   tesmar::UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+   if (!fd) {
       return false;
    }
    contents->clear();
    char buf[4096];
    for (;;) {
-      ssize_t n = read(fd, buf, sizeof buf);
+      ssize_t n = tesmar::RetryEintr([&] { return read(fd.get(), buf, sizeof buf); });
       if (n < 0) {
-         if (errno == EINTR) {
-            continue;
-         }
-         int error = errno;
-         close(fd);
-         errno = error;
-         return false;
+         return false;  // the holder keeps errno across its close
       }
       if (n == 0) {
-         break;
+         return true;
       }
       contents->append(buf, static_cast<size_t>(n));
    }
-   close(fd);
-   return true;
 }
 
 bool HostinfoParseStatStartTicks(std::string_view stat, uint64_t *ticks)

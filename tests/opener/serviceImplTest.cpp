@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "serviceImpl.h"
+#include "serviceImplIO.h"
 #include "testSupport.h"
 
 using testsupport::LogCapture;
