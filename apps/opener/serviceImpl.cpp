@@ -116,9 +116,10 @@ bool ServiceImplRunDirIsSafe(const char *path)
       return false;
    }
    if (st.st_uid != gSavedEuid || (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-      Warning("%s: The run directory %s is not owned by root or is writable by others; "
-              "refusing to use it.\n",
-              kFn, dir);
+      Warning(
+          "%s: The run directory %s is not owned by root or is writable by others; "
+          "refusing to use it.\n",
+          kFn, dir);
       return false;
    }
    return true;
@@ -142,7 +143,8 @@ int ServiceImplOpenLocked(const char *lockPath, bool *timedOut)
       return -1;
    }
    long long deadline = ServiceImplNowMs() + kTimeoutMs;
-   for (int pauseMs = 1; flock(fd.get(), LOCK_EX | LOCK_NB) == -1; pauseMs = std::min(pauseMs * 2, 16)) {
+   for (int pauseMs = 1; flock(fd.get(), LOCK_EX | LOCK_NB) == -1;
+        pauseMs = std::min(pauseMs * 2, 16)) {
       if (errno != EWOULDBLOCK && errno != EINTR) {
          return -1;
       }
@@ -253,12 +255,10 @@ void ServiceImplResetDaemonState(void)
 {
    constexpr rlim_t kNone = RLIM_INFINITY;
    static const FixedLimit kLimits[] = {
-       {RLIMIT_CPU, kNone, kNone},     {RLIMIT_FSIZE, kNone, kNone},
-       {RLIMIT_DATA, kNone, kNone},    {RLIMIT_STACK, 8 << 20, kNone},
-       {RLIMIT_CORE, 0, kNone},        {RLIMIT_RSS, kNone, kNone},
-       {RLIMIT_NPROC, kNone, kNone},   {RLIMIT_NOFILE, 1024, 4096},
-       {RLIMIT_AS, kNone, kNone},      {RLIMIT_LOCKS, kNone, kNone},
-       {RLIMIT_RTTIME, kNone, kNone},
+       {RLIMIT_CPU, kNone, kNone},     {RLIMIT_FSIZE, kNone, kNone},  {RLIMIT_DATA, kNone, kNone},
+       {RLIMIT_STACK, 8 << 20, kNone}, {RLIMIT_CORE, 0, kNone},       {RLIMIT_RSS, kNone, kNone},
+       {RLIMIT_NPROC, kNone, kNone},   {RLIMIT_NOFILE, 1024, 4096},   {RLIMIT_AS, kNone, kNone},
+       {RLIMIT_LOCKS, kNone, kNone},   {RLIMIT_RTTIME, kNone, kNone},
    };
    for (const FixedLimit &fixed : kLimits) {
       struct rlimit limit = {fixed.soft, fixed.hard};
@@ -386,8 +386,7 @@ bool ServiceImplHandOver(const OpenerPaths &paths, int descriptor)
          break;
       }
       char verdict;
-      ok = ServiceImplAwait(sock.get(), &verdict, "verdict") == SERVICE_READ_BYTE &&
-           verdict == '1';
+      ok = ServiceImplAwait(sock.get(), &verdict, "verdict") == SERVICE_READ_BYTE && verdict == '1';
       break;
    }
 

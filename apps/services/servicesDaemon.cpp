@@ -101,10 +101,7 @@ const char *FileKind(mode_t mode)
 class ServicesLog {
   public:
    explicit ServicesLog(std::string path) : path_(std::move(path)) { Open(); }
-   ~ServicesLog()
-   {
-      Log_SetOutputFd(-1);
-   }
+   ~ServicesLog() { Log_SetOutputFd(-1); }
 
    // Opens the gate for one event: the log stays muted for it when the budget is spent.
    void Begin()
@@ -272,8 +269,9 @@ void ServicesDaemon::AcceptOne(UniqueFd fd)
       peer.pid = 0;
       peer.uid = (uid_t)-1;
    }
-   size_t pending = (size_t)std::count_if(connections_.begin(), connections_.end(),
-                                          [&](const Connection &c) { return c.peerUid == peer.uid; });
+   size_t pending =
+       (size_t)std::count_if(connections_.begin(), connections_.end(),
+                             [&](const Connection &c) { return c.peerUid == peer.uid; });
    if (pending >= kPendingPerUser) {
       LogEvent event(log_);
       Warning("%s: User %u has too many pending connections; dropped one.\n", "ServicesAccept",
@@ -344,9 +342,9 @@ bool ServicesDaemon::TakeDescriptor(UniqueFd fd, const Connection &conn)
    int accessMode = flags & O_ACCMODE;
 
    if (accessMode == O_RDONLY && S_ISFIFO(st.st_mode) && st.st_dev == pipeDev_) {
-      size_t mine = (size_t)std::count_if(watched_.begin(), watched_.end(), [&](const WatchedPipe &w) {
-         return w.peerUid == conn.peerUid;
-      });
+      size_t mine =
+          (size_t)std::count_if(watched_.begin(), watched_.end(),
+                                [&](const WatchedPipe &w) { return w.peerUid == conn.peerUid; });
       if (mine >= kWatchedPerUser || watched_.size() >= maxWatched_) {
          Warning("%s: Too many keep-alive pipes of user %u; refused the one of opener PID %d.\n",
                  kFn, (unsigned)conn.peerUid, peerPid);

@@ -227,8 +227,7 @@ const char *Location_GetAppSupportDir(void)
 {
    return tesmar::GetOrPublish(
        gAppSupportDir,
-       [] { return Str_SafeAsprintf(nullptr, "%s%s", gRootPrefix.load(), kAppSupportDir); },
-       free);
+       [] { return Str_SafeAsprintf(nullptr, "%s%s", gRootPrefix.load(), kAppSupportDir); }, free);
 }
 
 void Location_SetInstallHook(LocationInstallHook hook)

@@ -96,24 +96,24 @@ struct OSData {
    int wordSize = -1;
 };
 
-std::once_flag osVersionOnce;
-OSVersion *osVersion;
-std::once_flag osDataOnce;
-OSData *osData;
+std::once_flag gOSVersionOnce;
+OSVersion *gOSVersion;
+std::once_flag gOSDataOnce;
+OSData *gOSData;
 
 void HostinfoOSVersionInit()
 {
-   osVersion = new OSVersion;
+   gOSVersion = new OSVersion;
    struct utsname u;
    if (uname(&u) != 0) {
       Warning("%s: unable to get host OS version (uname): %s\n", "HostinfoOSVersionInit",
               strerror(errno));
       return;
    }
-   osVersion->release = u.release;
+   gOSVersion->release = u.release;
    /* "6.1.0-18-amd64": dotted numbers up to the first other character. */
-   std::string_view rest(osVersion->release);
-   for (int &component : osVersion->components) {
+   std::string_view rest(gOSVersion->release);
+   for (int &component : gOSVersion->components) {
       uint64_t value;
       auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), value);
       if (error != std::errc() || end == rest.data() || value > INT32_MAX) {
@@ -142,7 +142,7 @@ std::string OSReleaseField(const std::string &text, std::initializer_list<const 
 
 void HostinfoOSData()
 {
-   osData = new OSData;
+   gOSData = new OSData;
    struct utsname u;
    if (uname(&u) != 0) {
       Warning("%s: uname failed %d\n", "HostinfoOSData", errno);
@@ -158,11 +158,11 @@ void HostinfoOSData()
 
    char *description = Str_SafeAsprintf(nullptr, "%s %s (%s) %s %s", name.c_str(), version.c_str(),
                                         codename.c_str(), u.sysname, u.release);
-   osData->description = description;
+   gOSData->description = description;
    free(description);
-   osData->wordSize =
+   gOSData->wordSize =
        strstr(u.machine, "64") != nullptr || strcmp(u.machine, "s390x") == 0 ? 64 : 32;
-   osData->valid = true;
+   gOSData->valid = true;
 }
 
 /* The value of "Key:   123 kB" in /proc/meminfo text, in bytes. */
@@ -257,26 +257,26 @@ char *Hostinfo_GetCpuidSignature(void)
 
 const char *Hostinfo_OSVersionString(void)
 {
-   std::call_once(osVersionOnce, HostinfoOSVersionInit);
-   return osVersion->release.c_str();
+   std::call_once(gOSVersionOnce, HostinfoOSVersionInit);
+   return gOSVersion->release.c_str();
 }
 
 int Hostinfo_OSVersion(unsigned int component)
 {
-   std::call_once(osVersionOnce, HostinfoOSVersionInit);
-   return component < 4 ? osVersion->components[component] : 0;
+   std::call_once(gOSVersionOnce, HostinfoOSVersionInit);
+   return component < 4 ? gOSVersion->components[component] : 0;
 }
 
 char *Hostinfo_GetOSName(void)
 {
-   std::call_once(osDataOnce, HostinfoOSData);
-   return osData->valid ? Util_SafeStrdup(osData->description.c_str()) : nullptr;
+   std::call_once(gOSDataOnce, HostinfoOSData);
+   return gOSData->valid ? Util_SafeStrdup(gOSData->description.c_str()) : nullptr;
 }
 
 int Hostinfo_GetOSWordSize(void)
 {
-   std::call_once(osDataOnce, HostinfoOSData);
-   return osData->wordSize;
+   std::call_once(gOSDataOnce, HostinfoOSData);
+   return gOSData->wordSize;
 }
 
 bool Hostinfo_GetLoadAverage(float *avg1, float *avg5, float *avg15)

@@ -43,7 +43,7 @@ int RunAs(uid_t uid, const std::function<int()> &body)
    }
    int status = 0;
    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status)
-                                                                           : -1;
+                                                                          : -1;
 }
 
 int BindSocket(const std::string &path)

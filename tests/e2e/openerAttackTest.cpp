@@ -148,17 +148,16 @@ TEST_F(OpenerE2e, StoppedLockHolderDoesNotHangOtherUsers)
    // Its caller cannot stop it while it holds the lock ...
    std::string uids = UidLine(holder.pid);
    EXPECT_EQ(uids.substr(0, 6), "Uid:\t0") << uids;
-   EXPECT_EQ(RunAs(kNobody, [&] { return kill(holder.pid, SIGSTOP) == -1 && errno == EPERM; }),
-             1);
+   EXPECT_EQ(RunAs(kNobody, [&] { return kill(holder.pid, SIGSTOP) == -1 && errno == EPERM; }), 1);
    // ... and when it is stopped all the same, the others give up after the bound.
    kill(holder.pid, SIGSTOP);
    auto start = std::chrono::steady_clock::now();
    std::string output;
    EXPECT_EQ(Finish(Opener({std::to_string(kPassAs)}, out, AsUser(kVictim)), &output, 8000), 1);
    EXPECT_LT(MsSince(start), kBoundMs + 3000);
-   EXPECT_NE(output.find("Timed out after " + std::to_string(kBoundMs) +
-                         " ms waiting for the lock.\n"),
-             std::string::npos)
+   EXPECT_NE(
+       output.find("Timed out after " + std::to_string(kBoundMs) + " ms waiting for the lock.\n"),
+       std::string::npos)
        << output;
    kill(holder.pid, SIGCONT);
    EXPECT_EQ(Finish(holder, &output, 8000), 1);
@@ -237,7 +236,8 @@ TEST_F(OpenerE2e, IgnoredSigchldDoesNotHideTheDaemonStart)
 {
    int out = OpenOutput();
    std::string output;
-   Child opener = Opener({std::to_string(kPassAs)}, out, WithSetup([] { signal(SIGCHLD, SIG_IGN); }));
+   Child opener =
+       Opener({std::to_string(kPassAs)}, out, WithSetup([] { signal(SIGCHLD, SIG_IGN); }));
    EXPECT_EQ(Finish(opener, &output), 0) << output;
    EXPECT_EQ(ProcessesRunning(kDaemonPath).size(), 1u);
    close(out);
