@@ -95,7 +95,8 @@ bool ServiceImplSendFd(int sock, int fd)
    header->cmsg_type = SCM_RIGHTS;
    memcpy(CMSG_DATA(header), &fd, sizeof fd);
 
-   ssize_t n = tesmar::RetryEintr([&] { return sendmsg(sock, &message.msg, MSG_NOSIGNAL); });
+   const struct msghdr *msg = &message.msg;
+   ssize_t n = tesmar::RetryEintr([&] { return sendmsg(sock, msg, MSG_NOSIGNAL); });
    if (n == 1) {
       return true;
    }
