@@ -221,13 +221,17 @@ bool ServicesDaemon::SetUp()
    // Only anonymous pipes are watched: their writer existed, so their hang-up comes.
    int probe[2];
    struct stat st;
-   if (pipe2(probe, O_CLOEXEC) == -1 || fstat(probe[0], &st) == -1) {
+   if (pipe2(probe, O_CLOEXEC) == -1) {
       Warning("%s: pipe errno %d.\n", "ServicesSetUp", errno);
       return false;
    }
+   UniqueFd probeRead(probe[0]);
+   UniqueFd probeWrite(probe[1]);
+   if (fstat(probeRead.get(), &st) == -1) {
+      Warning("%s: fstat errno %d.\n", "ServicesSetUp", errno);
+      return false;
+   }
    pipeDev_ = st.st_dev;
-   close(probe[0]);
-   close(probe[1]);
 
    spareFd_.reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
    struct rlimit files;

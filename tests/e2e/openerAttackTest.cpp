@@ -38,55 +38,42 @@ TEST_F(OpenerE2e, DescriptorFloodLeavesOtherUsersServed)
    ASSERT_EQ(HandOver(out), 0);
 
    // The flooder connects as root would through the opener (file-system uid 0), with nobody as
-   // its effective uid, and keeps the write ends of its anonymous pipes open.
-   int ready[2];
-   int release[2];
-   ASSERT_EQ(pipe(ready), 0);
-   ASSERT_EQ(pipe(release), 0);
+   // its effective uid, and keeps the write ends of its anonymous pipes open until released.
+   int link[2];
+   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, link), 0);
    std::string fifo = bundle_ + "/fifo";
    pid_t flooder = fork();
    if (flooder == 0) {
-      close(ready[0]);
-      close(release[1]);
+      close(link[0]);
       struct rlimit files = {4096, 4096};
       setrlimit(RLIMIT_NOFILE, &files);
-      if (setresuid(0, kNobody, 0) != 0) {
+      if (setresuid(0, kNobody, 0) != 0 || setfsuid(0) == -1) {
          _exit(1);
       }
-      setfsuid(0);
-      int handed = 0;
-      for (int i = 0; i < 1100; i++, handed++) {
+      for (int i = 0, ok = 1; i < 1100 && ok; i++) {
          mkfifo(fifo.c_str(), 0600);
          int fd = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
          unlink(fifo.c_str());
-         bool ok = DirectHandOver(fd) != 0;
+         ok = DirectHandOver(fd) != 0;
          close(fd);
-         if (!ok) {
-            break;
-         }
       }
-      for (int i = 0; i < 300; i++, handed++) {
-         int p[2];
-         if (pipe(p) != 0 || DirectHandOver(p[0]) == 0) {
-            break;
-         }
+      int p[2];
+      for (int i = 0; i < 300 && pipe(p) == 0 && DirectHandOver(p[0]) != 0; i++) {
          close(p[0]);  // p[1] stays open: the daemon would watch it for ever
       }
-      (void)!write(ready[1], &handed, sizeof handed);
-      char byte;
-      (void)!read(release[0], &byte, 1);
+      char byte = 0;
+      (void)!write(link[1], &byte, 1);
+      (void)!read(link[1], &byte, 1);
       _exit(0);
    }
-   close(ready[1]);
-   close(release[0]);
-   int handed = 0;
-   ASSERT_EQ(read(ready[0], &handed, sizeof handed), (ssize_t)sizeof handed);
+   close(link[1]);
+   char byte;
+   ASSERT_EQ(read(link[0], &byte, 1), 1);
 
    // Another user is still served while the flooder lives, and so is root.
    EXPECT_EQ(HandOver(out, AsUser(kVictim)), 0);
    EXPECT_EQ(DirectHandOver(out), '1');
-   close(release[1]);
-   close(ready[0]);
+   close(link[0]);
    waitpid(flooder, nullptr, 0);
    EXPECT_EQ(ProcessesRunning(kDaemonPath).size(), 1u);
    close(out);
