@@ -443,6 +443,10 @@ int ServiceImpl_Opener(int argc, char **argv, int verbosity, const char *lockPat
    gCallerUid = getuid();
    // A caller that ignores SIGCHLD would make the daemon start's wait fail (ECHILD).
    signal(SIGCHLD, SIG_DFL);
+   // The terminal's stop signals need no permission: they must not stop a lock holder.
+   for (int stop : {SIGTSTP, SIGTTIN, SIGTTOU}) {
+      signal(stop, SIG_IGN);
+   }
 
    Log("%s: PID %u\n", "ServiceImpl_Opener", (unsigned)getpid());
    if (argc == 2) {

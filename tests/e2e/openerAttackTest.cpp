@@ -136,6 +136,11 @@ TEST_F(OpenerE2e, StoppedLockHolderDoesNotHangOtherUsers)
    std::string uids = UidLine(holder.pid);
    EXPECT_EQ(uids.substr(0, 6), "Uid:\t0") << uids;
    EXPECT_EQ(RunAs(kNobody, [&] { return kill(holder.pid, SIGSTOP) == -1 && errno == EPERM; }), 1);
+   // nor from its terminal (those stop signals need no permission) ...
+   kill(holder.pid, SIGTSTP);
+   std::this_thread::sleep_for(std::chrono::milliseconds(50));
+   std::string status = ReadFile("/proc/" + std::to_string(holder.pid) + "/status");
+   EXPECT_EQ(status.find("State:\tT"), std::string::npos);
    // ... and when it is stopped all the same, the others give up after the bound.
    kill(holder.pid, SIGSTOP);
    auto start = std::chrono::steady_clock::now();
