@@ -290,8 +290,9 @@ void ServicesDaemon::AcceptOne(UniqueFd fd)
 
 /*
  * Writes the daemon's line into a received descriptor, only where that cannot block: plain
- * files outside user-run (FUSE) file systems, the null device, and pipes and sockets that have
- * room now.
+ * files outside user-run (FUSE) file systems, the null device, sockets (without waiting) and
+ * pipes, through a non-blocking open of their own (the sender's description stays as it is,
+ * and a sender that fills the pipe meanwhile cannot make the write wait).
  */
 bool ServicesDaemon::WriteGreetingLine(int fd, const struct stat &st, pid_t peerPid)
 {
@@ -300,14 +301,8 @@ bool ServicesDaemon::WriteGreetingLine(int fd, const struct stat &st, pid_t peer
    struct statfs fs;
    bool plain = S_ISREG(st.st_mode) && fstatfs(fd, &fs) == 0 && fs.f_type != kFuseMagic;
    bool null = S_ISCHR(st.st_mode) && st.st_rdev == makedev(1, 3);
-   bool stream = S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode);
-   if (!plain && !null && !stream) {
+   if (!plain && !null && !S_ISFIFO(st.st_mode) && !S_ISSOCK(st.st_mode)) {
       Log("%s: Did not write into the %s from opener PID %d.\n", kFn, kind, (int)peerPid);
-      return false;
-   }
-   struct pollfd ready = {fd, POLLOUT, 0};
-   if (stream && (poll(&ready, 1, 0) != 1 || !(ready.revents & POLLOUT))) {
-      Warning("%s: The %s from opener PID %d is not ready for writing.\n", kFn, kind, (int)peerPid);
       return false;
    }
    char *line =
@@ -317,14 +312,28 @@ bool ServicesDaemon::WriteGreetingLine(int fd, const struct stat &st, pid_t peer
       return false;
    }
    size_t length = strlen(line);
-   ssize_t written = S_ISSOCK(st.st_mode) ? send(fd, line, length, MSG_NOSIGNAL | MSG_DONTWAIT)
-                                          : write(fd, line, length);
-   free(line);
-   if (written != (ssize_t)length) {
-      Warning("%s: write errno %d.\n", kFn, written == -1 ? errno : 0);
-      return false;
+   ssize_t written = -1;
+   if (S_ISSOCK(st.st_mode)) {
+      written = send(fd, line, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+   } else if (S_ISFIFO(st.st_mode)) {
+      char path[32];
+      Str_Snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+      UniqueFd own(open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC));  // ENXIO: nobody reads
+      written = own ? write(own.get(), line, length) : -1;
+   } else {
+      written = write(fd, line, length);
    }
-   return true;
+   int err = written == -1 ? errno : EIO;
+   free(line);
+   if (written == (ssize_t)length) {
+      return true;
+   }
+   if (err == EAGAIN || err == ENXIO) {
+      Warning("%s: The %s from opener PID %d is not ready for writing.\n", kFn, kind, (int)peerPid);
+   } else {
+      Warning("%s: write errno %d.\n", kFn, err);
+   }
+   return false;
 }
 
 /*
