@@ -456,7 +456,9 @@ int64_t File_GetSize(const char *path)
       return -1;
    }
    FileIODescriptor fd;
-   if (FileIO_Open(&fd, path, FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN) != FILEIO_SUCCESS) {
+   // Not blocking: a FIFO in a measured tree must not wait for a writer.
+   if (FileIO_Open(&fd, path, FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_NONBLOCK, FILEIO_OPEN) !=
+       FILEIO_SUCCESS) {
       return -1;
    }
    int64_t size = FileIO_GetSize(&fd);
