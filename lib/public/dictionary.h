@@ -76,6 +76,11 @@ int32_t Dictionary_GetTriState(Dictionary *dict, int32_t defaultValue, const cha
                                MsgList **msgs);
 int64_t Dictionary_GetInt64(Dictionary *dict, int64_t defaultValue, const char *name,
                             MsgList **msgs);
+/*
+ * The typed get by type code (DICT_STRING .. DICT_INT64): the value as written for that type,
+ * owned; NULL when the name is not defined or its value does not parse (then with a message).
+ */
+char *Dictionary_GetTypedText(Dictionary *dict, const char *name, int type, MsgList **msgs);
 /* The string value's bytes (may hold NUL bytes) without copying; NULL when not defined. */
 const char *Dictionary_GetBytes(const Dictionary *dict, const char *name, size_t *length);
 /* A string or untyped entry's text without copying; NULL otherwise. For catalogue lookups. */
