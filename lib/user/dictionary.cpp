@@ -67,6 +67,9 @@ std::string_view TrimBlanks(std::string_view line)
 
 const char *EncodingName(StringEncoding encoding)
 {
+   if (encoding < 0 || !Unicode_IsEncodingValid(encoding)) {
+      return "";
+   }
    const char *name = Unicode_EncodingEnumToName(encoding);
    return name != nullptr ? name : "";
 }

@@ -383,7 +383,8 @@ void SetTyped(Dictionary *dict, const char *name, int type, const Value &value,
    if (e == nullptr) {
       e = Add(dict, name);
       e->modified = true;
-   } else if (e->type != type || e->text.View() != text) {
+   } else if (e->text.View() != text ||
+              (e->type != type && !(IsStringType(e->type) && IsStringType(type)))) {
       e->modified = true;
    }
    e->type = type;
