@@ -109,6 +109,9 @@ void Dictionary_SetInterpreter(Dictionary *dict, const char *interpreter);
 
 /* Logs every entry that is not a default ("DICT ..." lines), hiding secrets. */
 void Dictionary_Log(const Dictionary *dict);
+/* The same lines handed to emit (each ends in a line feed) instead of the log. */
+typedef void (*DictionaryDumpFn)(void *context, const char *line);
+void Dictionary_Dump(const Dictionary *dict, DictionaryDumpFn emit, void *context);
 
 /* Adds an execute bit for every read bit of path; false (and a log line) on failure. */
 bool Dictionary_MakeExecutable(const char *path);

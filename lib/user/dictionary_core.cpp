@@ -671,8 +671,13 @@ bool Dictionary_Unset(Dictionary *dict, const char *name)
    return true;
 }
 
-void Dictionary_Log(const Dictionary *dict)
+void Dictionary_Dump(const Dictionary *dict, DictionaryDumpFn emit, void *context)
 {
+   auto put = [&](const char *fmt, auto... args) {
+      char *text = Str_SafeAsprintf(nullptr, fmt, args...);
+      emit(context, text);
+      Util_ZeroFreeString(text);
+   };
    for (const auto &p : dict->entries) {
       const Entry &e = *p;
       const char *name = e.name.c_str();
@@ -680,32 +685,38 @@ void Dictionary_Log(const Dictionary *dict)
          continue;
       }
       if (IsSecretName(name) || (e.encrypted && dict->encryptionState != nullptr)) {
-         Log("DICT %25s = <not printed>\n", name);
+         put("DICT %25s = <not printed>\n", name);
          continue;
       }
       switch (e.type) {
       case DICT_ANY:
       case DICT_STRING:
-         Log("DICT %25s = \"%s\"\n", name, e.text.c_str());
+         put("DICT %25s = \"%s\"\n", name, e.text.c_str());
          break;
       case DICT_BOOL:
-         Log("DICT %25s = \"%s\"\n", name, e.boolValue ? "TRUE" : "FALSE");
+         put("DICT %25s = \"%s\"\n", name, e.boolValue ? "TRUE" : "FALSE");
          break;
       case DICT_LONG:
       case DICT_TRISTATE:
-         Log("DICT %25s = \"%i\"\n", name, e.longValue);
+         put("DICT %25s = \"%i\"\n", name, e.longValue);
          break;
       case DICT_DOUBLE:
-         Log("DICT %25s = \"%g\"\n", name, e.doubleValue);
+         put("DICT %25s = \"%g\"\n", name, e.doubleValue);
          break;
       case DICT_INT64:
-         Log("DICT %25s = \"%lld\"\n", name, (long long)e.int64Value);
+         put("DICT %25s = \"%lld\"\n", name, (long long)e.int64Value);
          break;
       default:
-         Log("DICT %25s = <unknown parameter type>\n", name);
+         put("DICT %25s = <unknown parameter type>\n", name);
          break;
       }
    }
+}
+
+void Dictionary_Log(const Dictionary *dict)
+{
+   Dictionary_Dump(
+       dict, [](void *, const char *line) { Log("%s", line); }, nullptr);
 }
 
 }  // extern "C"
