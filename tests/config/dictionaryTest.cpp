@@ -80,6 +80,7 @@ std::string WriteText(Dictionary *dict)
    EXPECT_NE(text, nullptr) << Messages(msgs);
    std::string out(text, length);
    free(text);
+   MsgList_Free(msgs);
    return out;
 }
 
