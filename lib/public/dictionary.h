@@ -76,6 +76,11 @@ int32_t Dictionary_GetTriState(Dictionary *dict, int32_t defaultValue, const cha
                                MsgList **msgs);
 int64_t Dictionary_GetInt64(Dictionary *dict, int64_t defaultValue, const char *name,
                             MsgList **msgs);
+/*
+ * The typed get by type code (DICT_STRING .. DICT_INT64): the value as written for that type,
+ * owned; NULL when the name is not defined or its value does not parse (then with a message).
+ */
+char *Dictionary_GetTypedText(Dictionary *dict, const char *name, int type, MsgList **msgs);
 /* The string value's bytes (may hold NUL bytes) without copying; NULL when not defined. */
 const char *Dictionary_GetBytes(const Dictionary *dict, const char *name, size_t *length);
 /* A string or untyped entry's text without copying; NULL otherwise. For catalogue lookups. */
@@ -104,6 +109,9 @@ void Dictionary_SetInterpreter(Dictionary *dict, const char *interpreter);
 
 /* Logs every entry that is not a default ("DICT ..." lines), hiding secrets. */
 void Dictionary_Log(const Dictionary *dict);
+/* The same lines handed to emit (each ends in a line feed) instead of the log. */
+typedef void (*DictionaryDumpFn)(void *context, const char *line);
+void Dictionary_Dump(const Dictionary *dict, DictionaryDumpFn emit, void *context);
 
 /* Adds an execute bit for every read bit of path; false (and a log line) on failure. */
 bool Dictionary_MakeExecutable(const char *path);

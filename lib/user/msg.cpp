@@ -670,3 +670,116 @@ unsigned int Msg_ConsoleQuestion(void *input, void *output, const char *const *b
 }
 
 }  // extern "C"
+
+namespace {
+
+/* The message directory: the product's, else the library directory's "messages". */
+char *MsgDefaultDirectory()
+{
+   LocationResolver resolve = Location_GetResolver();
+   char *dir = resolve != nullptr ? resolve("msgDir") : nullptr;
+   if (dir != nullptr) {
+      return dir;
+   }
+   char *libdir = Config_GetString("/dev/null/Non-existing DEFAULT_LIBDIRECTORY", "libdir");
+   char *result = libdir != nullptr ? Str_Asprintf(nullptr, "%s/messages", libdir) : nullptr;
+   free(libdir);
+   return result;
+}
+
+/* A locale name from one environment value: "C"/"POSIX" mean English; codeset dropped. */
+char *MsgLocaleFromValue(const char *value)
+{
+   if (value == nullptr || value[0] == '\0') {
+      return nullptr;
+   }
+   std::string locale(value);
+   size_t colon = locale.find(':');  // LANGUAGE lists several; the first is preferred
+   if (colon != std::string::npos) {
+      locale.resize(colon);
+   }
+   size_t cut = locale.find_first_of(".@");
+   if (cut != std::string::npos) {
+      locale.resize(cut);
+   }
+   if (locale.empty()) {
+      return nullptr;
+   }
+   if (locale == "C" || locale == "POSIX") {
+      locale = "en";
+   }
+   return Util_SafeStrdup(locale.c_str());
+}
+
+}  // namespace
+
+extern "C" {
+
+char *Msg_GetUserLocale(void)
+{
+   for (const char *name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"}) {
+      char *locale = MsgLocaleFromValue(secure_getenv(name));
+      if (locale != nullptr) {
+         return locale;
+      }
+   }
+   Log("LOCALE: Couldn't get user language.\n");
+   return nullptr;
+}
+
+char *Msg_GetLocale(void)
+{
+   MsgGuard guard;
+   return gMsgState.locale != nullptr ? Util_SafeStrdup(gMsgState.locale) : nullptr;
+}
+
+bool Msg_SetLocaleEx(const char *locale, const char *binaryName, const char *dirName)
+{
+   const char *hostEncoding = Unicode_EncodingEnumToName(Unicode_GetCurrentEncoding());
+   Log("%s: HostLocale=%s UserLocale=%s\n", "Msg_SetLocaleEx",
+       hostEncoding != nullptr ? hostEncoding : "", locale != nullptr ? locale : "NULL");
+   Dictionary *catalogue = nullptr;
+   if (locale != nullptr) {
+      char *path = nullptr;
+      if (dirName == nullptr) {
+         char *dir = MsgDefaultDirectory();
+         if (dir != nullptr) {
+            path = Str_Asprintf(nullptr, "%s%s%s%s%s.%s", dir, "/", locale, "/", binaryName,
+                                "tmsg");
+         }
+         free(dir);
+      } else {
+         path = Str_Asprintf(nullptr, "%s%smessages%s%s%s%s.%s", dirName, "/", "/", locale, "/",
+                             binaryName, "tmsg");
+      }
+      if (path == nullptr) {
+         Warning("Cannot determine message file path for locale \"%s\".\n", locale);
+         return false;
+      }
+      catalogue = Dictionary_Create();
+      MsgList *errors = nullptr;
+      bool ok = DictionaryLoad(catalogue, path, true, STRING_ENCODING_UTF8, &errors);
+      MsgList_Free(errors);
+      if (!ok) {
+         if (strncmp(locale, "en", 2) != 0) {
+            Warning("Cannot load message dictionary \"%s\".\n", path);
+         }
+         Dictionary_Free(catalogue);
+         free(path);
+         return false;
+      }
+      free(path);
+   }
+   Dictionary *old;
+   {
+      MsgGuard guard;
+      old = gMsgState.catalogue;
+      gMsgState.catalogue = catalogue;
+      free(gMsgState.locale);
+      gMsgState.locale = locale != nullptr ? Util_SafeStrdup(locale) : nullptr;
+   }
+   Dictionary_Free(old);
+   return true;
+}
+
+}  // extern "C"
