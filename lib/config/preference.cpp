@@ -40,7 +40,7 @@ const char *const kLayerNames[PREF_NUM_LAYERS] = {
 };
 
 const char *const kLayerTitles[PREF_NUM_LAYERS] = {
-    "DICT --- GLOBAL SETTINGS %s\n", "DICT --- NON PERSISTENT %s\n",
+    "DICT --- GLOBAL SETTINGS %s\n",  "DICT --- NON PERSISTENT %s\n",
     "DICT --- USER PREFERENCES %s\n", "DICT --- USER DEFAULTS %s\n",
     "DICT --- HOST DEFAULTS %s\n",    "DICT --- SITE DEFAULTS %s\n",
 };
@@ -323,9 +323,10 @@ void Preference_Exit(void)
 char *Preference_GetString(const char *defaultValue, const char *name)
 {
    return PreferenceLookup(
-       name,
-       [&](Entry *e, MsgList **) { return GetStringEntry(e, defaultValue); },
-       [&]() -> char * { return defaultValue != nullptr ? Util_SafeStrdup(defaultValue) : nullptr; });
+       name, [&](Entry *e, MsgList **) { return GetStringEntry(e, defaultValue); },
+       [&]() -> char * {
+          return defaultValue != nullptr ? Util_SafeStrdup(defaultValue) : nullptr;
+       });
 }
 
 char *Preference_GetPathName(const char *defaultValue, const char *name)
