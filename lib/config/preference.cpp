@@ -466,7 +466,7 @@ void Preference_Log(void)
    }
    for (int i = 0; i < PREF_NUM_LAYERS; i++) {
       bool userLayer = i == PREF_USER_PREFERENCES || i == PREF_USER_DEFAULTS;
-      if (userLayer && store->paths[i] == nullptr) {
+      if (userLayer && (store->paths[i] == nullptr || access(store->paths[i], F_OK) != 0)) {
          continue;
       }
       Log(kLayerTitles[i], store->paths[i] != nullptr ? store->paths[i] : "");
