@@ -52,8 +52,8 @@ void BM_Read_Dictionary(benchmark::State &state)
    for (auto _ : state) {
       Dictionary *dict = Dictionary_Create();
       MsgList *msgs = nullptr;
-      if (!Dictionary_LoadFromBuffer(dict, "bench", text.data(), text.size(),
-                                     STRING_ENCODING_UTF8, &msgs)) {
+      if (!Dictionary_LoadFromBuffer(dict, "bench", text.data(), text.size(), STRING_ENCODING_UTF8,
+                                     &msgs)) {
          state.SkipWithError("read failed");
       }
       benchmark::DoNotOptimize(dict);
@@ -126,8 +126,7 @@ void CreateStore()
       }
    }
    WriteFile(root + "/lib/settings", files[PREF_GLOBAL_SETTINGS]);
-   WriteFile(root + "/home/Library/Preferences/Larkview/preferences",
-             files[PREF_USER_PREFERENCES]);
+   WriteFile(root + "/home/Library/Preferences/Larkview/preferences", files[PREF_USER_PREFERENCES]);
    WriteFile(root + "/home/Library/Preferences/Larkview/config", files[PREF_USER_DEFAULTS]);
    WriteFile(BRIX_ROOT_PREFIX "/Library/Preferences/Larkview/config",
              "libdir = \"" + root + "/lib\"\n" + files[PREF_HOST_DEFAULTS]);
@@ -196,8 +195,7 @@ void BM_WriteBack_Dictionary(benchmark::State &state)
    }
    Dictionary *dict = Dictionary_Create();
    MsgList *msgs = nullptr;
-   Dictionary_LoadFromBuffer(dict, "bench", text.data(), text.size(), STRING_ENCODING_UTF8,
-                             &msgs);
+   Dictionary_LoadFromBuffer(dict, "bench", text.data(), text.size(), STRING_ENCODING_UTF8, &msgs);
    Dictionary_SetString(dict, Name(kEntries / 2).c_str(), "changed");
    for (auto _ : state) {
       size_t length = 0;

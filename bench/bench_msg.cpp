@@ -22,8 +22,8 @@ namespace {
 constexpr int kEntries = 5000;
 
 struct Fixture {
-   std::vector<std::string> ids;      // message-id texts for Msg_GetString
-   std::vector<std::string> msgids;   // the English texts gettext looks up
+   std::vector<std::string> ids;     // message-id texts for Msg_GetString
+   std::vector<std::string> msgids;  // the English texts gettext looks up
    std::string dir;
    bool ok = false;
 };
@@ -57,8 +57,8 @@ const Fixture &Setup()
       }
       std::ofstream(ours + "/bench.tmsg") << catalogue;
       std::ofstream(x.dir + "/bench.po") << po;
-      std::string compile = std::string(BENCH_MSGFMT) + " -o '" + theirs + "/bench.mo' '" +
-                            x.dir + "/bench.po'";
+      std::string compile =
+          std::string(BENCH_MSGFMT) + " -o '" + theirs + "/bench.mo' '" + x.dir + "/bench.po'";
       if (system(compile.c_str()) != 0 || !Msg_SetLocaleEx("xx", "bench", x.dir.c_str())) {
          return x;
       }

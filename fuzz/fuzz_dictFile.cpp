@@ -24,8 +24,8 @@ const StringEncoding kEncodings[] = {
     STRING_ENCODING_UTF8,     STRING_ENCODING_ISO_8859_1, STRING_ENCODING_WINDOWS_1252,
     STRING_ENCODING_UTF16_LE, STRING_ENCODING_US_ASCII,   STRING_ENCODING_UTF16_BE,
 };
-const char *const kDeclared[] = {"UTF-8", "ISO-8859-1", "windows-1252", "UTF-16LE", "US-ASCII",
-                                 "UTF-16BE"};
+const char *const kDeclared[] = {"UTF-8",    "ISO-8859-1", "windows-1252",
+                                 "UTF-16LE", "US-ASCII",   "UTF-16BE"};
 constexpr size_t kNumEncodings = sizeof kEncodings / sizeof kEncodings[0];
 
 std::string gIcuDir;
@@ -85,8 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
       }
       Dictionary *again = Dictionary_Create();
       MsgList *msgs2 = nullptr;
-      if (!Dictionary_LoadFromBuffer(again, "w", written, length, STRING_ENCODING_UTF8,
-                                     &msgs2) ||
+      if (!Dictionary_LoadFromBuffer(again, "w", written, length, STRING_ENCODING_UTF8, &msgs2) ||
           Dictionary_NumEntries(again) != Dictionary_NumEntries(dict)) {
          abort();
       }

@@ -22,13 +22,13 @@ void ConfigFormatName(char (&name)[kNameSize], const char *fmt, va_list args)
 
 }  // namespace
 
-#define CONFIG_NAME(fmt)                \
-   char name[kNameSize];                \
-   do {                                 \
-      va_list args;                     \
-      va_start(args, fmt);              \
+#define CONFIG_NAME(fmt)                 \
+   char name[kNameSize];                 \
+   do {                                  \
+      va_list args;                      \
+      va_start(args, fmt);               \
       ConfigFormatName(name, fmt, args); \
-      va_end(args);                     \
+      va_end(args);                      \
    } while (0)
 
 extern "C" {

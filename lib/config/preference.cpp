@@ -40,7 +40,7 @@ const char *const kLayerNames[PREF_NUM_LAYERS] = {
 };
 
 const char *const kLayerTitles[PREF_NUM_LAYERS] = {
-    "DICT --- GLOBAL SETTINGS %s\n", "DICT --- NON PERSISTENT %s\n",
+    "DICT --- GLOBAL SETTINGS %s\n",  "DICT --- NON PERSISTENT %s\n",
     "DICT --- USER PREFERENCES %s\n", "DICT --- USER DEFAULTS %s\n",
     "DICT --- HOST DEFAULTS %s\n",    "DICT --- SITE DEFAULTS %s\n",
 };
@@ -323,9 +323,10 @@ void Preference_Exit(void)
 char *Preference_GetString(const char *defaultValue, const char *name)
 {
    return PreferenceLookup(
-       name,
-       [&](Entry *e, MsgList **) { return GetStringEntry(e, defaultValue); },
-       [&]() -> char * { return defaultValue != nullptr ? Util_SafeStrdup(defaultValue) : nullptr; });
+       name, [&](Entry *e, MsgList **) { return GetStringEntry(e, defaultValue); },
+       [&]() -> char * {
+          return defaultValue != nullptr ? Util_SafeStrdup(defaultValue) : nullptr;
+       });
 }
 
 char *Preference_GetPathName(const char *defaultValue, const char *name)
@@ -465,7 +466,7 @@ void Preference_Log(void)
    }
    for (int i = 0; i < PREF_NUM_LAYERS; i++) {
       bool userLayer = i == PREF_USER_PREFERENCES || i == PREF_USER_DEFAULTS;
-      if (userLayer && store->paths[i] == nullptr) {
+      if (userLayer && (store->paths[i] == nullptr || access(store->paths[i], F_OK) != 0)) {
          continue;
       }
       Log(kLayerTitles[i], store->paths[i] != nullptr ? store->paths[i] : "");

@@ -95,7 +95,8 @@ int WriteFileAtomic(const char *path, std::string_view data)
    }());
    size_t done = 0;
    while (error == 0 && done < data.size()) {
-      ssize_t n = RetryEintr([&] { return write(fd.get(), data.data() + done, data.size() - done); });
+      ssize_t n =
+          RetryEintr([&] { return write(fd.get(), data.data() + done, data.size() - done); });
       if (n < 0) {
          error = errno;
       } else {

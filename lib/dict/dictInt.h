@@ -6,12 +6,16 @@
 #ifndef TESMAR_DICT_INT_H
 #define TESMAR_DICT_INT_H
 
+#include <stdint.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
+
+#include "log.h"
 
 namespace tesmar::dict {
 
@@ -24,11 +28,19 @@ struct ZeroingAllocator {
    ZeroingAllocator(const ZeroingAllocator<U> &) noexcept
    {
    }
-   T *allocate(size_t n) { return std::allocator<T>().allocate(n); }
+   /* Running out of memory is fatal, as in the library's safe allocators: nothing throws. */
+   T *allocate(size_t n)
+   {
+      void *p = n <= SIZE_MAX / sizeof(T) ? malloc(n * sizeof(T)) : nullptr;
+      if (p == nullptr) {
+         Panic_MemAlloc(__FILE__, __LINE__);
+      }
+      return static_cast<T *>(p);
+   }
    void deallocate(T *p, size_t n) noexcept
    {
       explicit_bzero(p, n * sizeof(T));
-      std::allocator<T>().deallocate(p, n);
+      free(p);
    }
    template <class U>
    bool operator==(const ZeroingAllocator<U> &) const noexcept

@@ -150,9 +150,8 @@ char *CopyBytes(std::string_view bytes)
 
 extern "C" {
 
-const char *DictLL_UnmarshalLineEx(const char *buf, size_t bufSize, char **line,
-                                   size_t *lineLength, char **name, char **value,
-                                   size_t *valueLength)
+const char *DictLL_UnmarshalLineEx(const char *buf, size_t bufSize, char **line, size_t *lineLength,
+                                   char **name, char **value, size_t *valueLength)
 {
    *line = nullptr;
    *name = nullptr;
@@ -182,8 +181,7 @@ const char *DictLL_UnmarshalLine(const char *buf, size_t bufSize, char **line, c
    return DictLL_UnmarshalLineEx(buf, bufSize, line, nullptr, name, value, nullptr);
 }
 
-bool DictLL_MarshalLineEx(DynBuf *output, const char *name, const char *value,
-                          size_t valueLength)
+bool DictLL_MarshalLineEx(DynBuf *output, const char *name, const char *value, size_t valueLength)
 {
    if (name == nullptr) {
       return DynBuf_Append(output, value, valueLength) && DynBuf_Append(output, "\n", 1);

@@ -39,11 +39,11 @@ void Dictionary_Clear(Dictionary *dict);
  * Reads a file ("-" is standard input) into dict. With clear, the dictionary is emptied first.
  * defaultEncoding decodes a file that declares none. False with the reason on *msgs.
  */
-bool DictionaryLoad(Dictionary *dict, const char *path, bool clear,
-                    StringEncoding defaultEncoding, MsgList **msgs);
+bool DictionaryLoad(Dictionary *dict, const char *path, bool clear, StringEncoding defaultEncoding,
+                    MsgList **msgs);
 /* Reads a file's text already in memory; name is used in messages (NULL for none). */
-bool Dictionary_LoadFromBuffer(Dictionary *dict, const char *name, const char *text,
-                               size_t length, StringEncoding defaultEncoding, MsgList **msgs);
+bool Dictionary_LoadFromBuffer(Dictionary *dict, const char *name, const char *text, size_t length,
+                               StringEncoding defaultEncoding, MsgList **msgs);
 
 /* The file text: comments and unchanged lines as read. Owned; NULL with the reason on *msgs. */
 char *Dictionary_WriteToBuffer(Dictionary *dict, bool withEncryptedPart, size_t *length,
@@ -100,8 +100,7 @@ void Dictionary_SetInt64(Dictionary *dict, const char *name, int64_t value);
  * Sets a string entry from "name=value" (split at the first "="). Without overwrite an
  * existing entry is kept and the "already defined" message is appended; false then.
  */
-bool Dictionary_SetFromString(Dictionary *dict, const char *text, bool overwrite,
-                              MsgList **msgs);
+bool Dictionary_SetFromString(Dictionary *dict, const char *text, bool overwrite, MsgList **msgs);
 /* Removes an entry and its line; false when it was not defined. */
 bool Dictionary_Unset(Dictionary *dict, const char *name);
 /* Makes "#!" + interpreter the first line unless the file already starts with "#!". */

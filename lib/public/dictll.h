@@ -24,17 +24,15 @@ extern "C" {
  */
 const char *DictLL_UnmarshalLine(const char *buf, size_t bufSize, char **line, char **name,
                                  char **value);
-const char *DictLL_UnmarshalLineEx(const char *buf, size_t bufSize, char **line,
-                                   size_t *lineLength, char **name, char **value,
-                                   size_t *valueLength);
+const char *DictLL_UnmarshalLineEx(const char *buf, size_t bufSize, char **line, size_t *lineLength,
+                                   char **name, char **value, size_t *valueLength);
 
 /*
  * Appends a line: with a name, `name = "escaped value"`; without one, the value verbatim.
  * Then a line feed. False when memory runs out.
  */
 bool DictLL_MarshalLine(DynBuf *output, const char *name, const char *value);
-bool DictLL_MarshalLineEx(DynBuf *output, const char *name, const char *value,
-                          size_t valueLength);
+bool DictLL_MarshalLineEx(DynBuf *output, const char *name, const char *value, size_t valueLength);
 
 /* Results of DictLL_ReadLine. */
 #define DICTLL_EOF 0

@@ -104,8 +104,8 @@ bool EncodeValue(const SecureString &utf8, StringEncoding encoding, SecureString
       return false;
    }
    size_t length = 0;
-   void *bytes = Unicode_GetAllocBytesWithLength(utf8.c_str(), encoding, (ssize_t)utf8.size(),
-                                                 &length);
+   void *bytes =
+       Unicode_GetAllocBytesWithLength(utf8.c_str(), encoding, (ssize_t)utf8.size(), &length);
    if (bytes == nullptr) {
       return false;
    }
@@ -154,10 +154,10 @@ bool SetEncoding(Dictionary *dict, const char *name, int line, MsgList **msgs)
    std::vector<SecureString> decoded(convert ? dict->entries.size() : 0);
    for (size_t i = 0; i < dict->entries.size(); i++) {
       const Entry &e = *dict->entries[i];
-      bool valid = !IsStringType(e.type) ||
-                   (convert ? DecodeValue(e.text.View(), encoding, &decoded[i])
-                            : Unicode_IsBufferValid(e.text.data(), (ssize_t)e.text.size(),
-                                                    encoding));
+      bool valid =
+          !IsStringType(e.type) ||
+          (convert ? DecodeValue(e.text.View(), encoding, &decoded[i])
+                   : Unicode_IsBufferValid(e.text.data(), (ssize_t)e.text.size(), encoding));
       if (!valid) {
          AppendWithPlace(msgs, dict, e.lineNumber,
                          "@&!*@*@(msg.dictionary.badEncodedInput)File \"%s\" line %d: Value "
@@ -193,9 +193,9 @@ bool ParseReadLine(Dictionary *dict, const ParsedLine &parsed, int *duplicates, 
             return false;
          }
       } else if (name[0] == '.') {
-         Log("%s: \"%s\" line %d: unrecognized metavariable \"%.*s\"\n",
-             "DictionaryParseReadLine", FileLabel(dict) != nullptr ? FileLabel(dict) : "",
-             dict->lineNumber, (int)name.size(), name.data());
+         Log("%s: \"%s\" line %d: unrecognized metavariable \"%.*s\"\n", "DictionaryParseReadLine",
+             FileLabel(dict) != nullptr ? FileLabel(dict) : "", dict->lineNumber, (int)name.size(),
+             name.data());
       } else if (uint64_t hash = NameHash(name); Find(dict, name, hash) != nullptr) {
          SecureString copy(name);
          AppendWithPlace(msgs, dict, dict->lineNumber,
@@ -403,16 +403,16 @@ bool WritePass(Dictionary *dict, SecureString *out, MsgList **msgs)
 
 extern "C" {
 
-bool Dictionary_LoadFromBuffer(Dictionary *dict, const char *name, const char *text,
-                               size_t length, StringEncoding defaultEncoding, MsgList **msgs)
+bool Dictionary_LoadFromBuffer(Dictionary *dict, const char *name, const char *text, size_t length,
+                               StringEncoding defaultEncoding, MsgList **msgs)
 {
    SetFileName(dict, name);
    return ReadLines(dict, SecureString(std::string_view(text, length)), true, defaultEncoding,
                     msgs);
 }
 
-bool DictionaryLoad(Dictionary *dict, const char *path, bool clear,
-                    StringEncoding defaultEncoding, MsgList **msgs)
+bool DictionaryLoad(Dictionary *dict, const char *path, bool clear, StringEncoding defaultEncoding,
+                    MsgList **msgs)
 {
    if (clear) {
       Dictionary_Clear(dict);
@@ -427,29 +427,29 @@ bool DictionaryLoad(Dictionary *dict, const char *path, bool clear,
       const char *reason = strerror_r(error, buf, sizeof buf);
       const char *file = FileLabel(dict);
       switch (stage) {
-      case ReadStage::kOpen:
-         Log("%s: Cannot open file \"%s\": %s.\n", "DictionaryLoad", file, reason);
-         MsgList_Append(msgs,
-                        "@&!*@*@(msg.dictionary.load.openFailed)Cannot open file \"%s\": %s.\n",
-                        file, reason);
-         break;
-      case ReadStage::kStat:
-         Log("%s: Unable to get information about file \"%s\": %s.\n", "DictionaryLoad", file,
-             reason);
-         MsgList_Append(msgs,
-                        "@&!*@*@(msg.dictionary.load.statFailed)Unable to get information about "
-                        "file \"%s\": %s.\n",
-                        file, reason);
-         break;
-      case ReadStage::kIsDirectory:
-         Log("%s: \"%s\" is a directory.\n", "DictionaryLoad", file);
-         MsgList_Append(msgs, "@&!*@*@(msg.dictionary.load.isDirectory)\"%s\" is a directory.\n",
-                        file);
-         break;
-      default:
-         MsgList_Append(msgs, "@&!*@*@(msg.dictionary.read.readError)File \"%s\" line %d: %s.\n",
-                        file, 0, reason);
-         break;
+         case ReadStage::kOpen:
+            Log("%s: Cannot open file \"%s\": %s.\n", "DictionaryLoad", file, reason);
+            MsgList_Append(msgs,
+                           "@&!*@*@(msg.dictionary.load.openFailed)Cannot open file \"%s\": %s.\n",
+                           file, reason);
+            break;
+         case ReadStage::kStat:
+            Log("%s: Unable to get information about file \"%s\": %s.\n", "DictionaryLoad", file,
+                reason);
+            MsgList_Append(msgs,
+                           "@&!*@*@(msg.dictionary.load.statFailed)Unable to get information about "
+                           "file \"%s\": %s.\n",
+                           file, reason);
+            break;
+         case ReadStage::kIsDirectory:
+            Log("%s: \"%s\" is a directory.\n", "DictionaryLoad", file);
+            MsgList_Append(msgs, "@&!*@*@(msg.dictionary.load.isDirectory)\"%s\" is a directory.\n",
+                           file);
+            break;
+         default:
+            MsgList_Append(msgs, "@&!*@*@(msg.dictionary.read.readError)File \"%s\" line %d: %s.\n",
+                           file, 0, reason);
+            break;
       }
       errno = error;
       return false;
@@ -499,9 +499,8 @@ bool Dictionary_WriteFile(Dictionary *dict, const char *path, MsgList **msgs)
    Util_ZeroFree(text, length);
    if (error != 0) {
       char buf[256];
-      MsgList_Append(msgs,
-                     "@&!*@*@(msg.dictionary.write.failed)Cannot write file \"%s\": %s.\n", path,
-                     strerror_r(error, buf, sizeof buf));
+      MsgList_Append(msgs, "@&!*@*@(msg.dictionary.write.failed)Cannot write file \"%s\": %s.\n",
+                     path, strerror_r(error, buf, sizeof buf));
       errno = error;
       return false;
    }
@@ -555,8 +554,7 @@ void DictionarySaveFileCopy(int fd, const char *path)
 {
    off_t position = lseek(fd, 0, SEEK_CUR);
    if (position < 0) {
-      Log("%s: Unable to record the current position of file %s\n", "DictionarySaveFileCopy",
-          path);
+      Log("%s: Unable to record the current position of file %s\n", "DictionarySaveFileCopy", path);
       return;
    }
    if (lseek(fd, 0, SEEK_SET) != 0) {

@@ -31,12 +31,12 @@ struct Entry {
    int32_t longValue = 0;  // long and tristate
    double doubleValue = 0;
    int64_t int64Value = 0;
-   bool modified = false;  // must be re-formatted on write
-   bool written = false;   // set during one write pass
-   bool isDefault = false; // never dumped
-   bool encrypted = false; // belongs to the encrypted part of the file
-   int lineNumber = 0;     // where it was read, 0 for an entry set at run time
-   uint64_t hash = 0;      // the index key
+   bool modified = false;      // must be re-formatted on write
+   bool written = false;       // set during one write pass
+   bool isDefault = false;     // never dumped
+   bool encrypted = false;     // belongs to the encrypted part of the file
+   int lineNumber = 0;         // where it was read, 0 for an entry set at run time
+   uint64_t hash = 0;          // the index key
    Entry *sameHash = nullptr;  // the next entry whose name has the same hash
    std::string_view NameView() const { return std::string_view(name, nameLength); }
 };
@@ -63,7 +63,7 @@ struct Dictionary {
    std::vector<tesmar::dict::Line> lines;
    std::vector<std::unique_ptr<tesmar::dict::SecureString>> sources;  // texts the lines view
    tesmar::dict::SecureString *nameArena = nullptr;  // where names read from a file go
-   HashTable *index = nullptr;  // name (without regard to case) -> Entry
+   HashTable *index = nullptr;                       // name (without regard to case) -> Entry
    uint32_t buckets = 0;
    tesmar::dict::SecureString fileName;
    bool hasFileName = false;
@@ -99,9 +99,8 @@ uint64_t NameHash(std::string_view name);
 /* Names are equal without regard to case; the same spelling is the common case. */
 inline bool NameEquals(std::string_view a, std::string_view b)
 {
-   return a.size() == b.size() &&
-          (memcmp(a.data(), b.data(), a.size()) == 0 ||
-           strncasecmp(a.data(), b.data(), a.size()) == 0);
+   return a.size() == b.size() && (memcmp(a.data(), b.data(), a.size()) == 0 ||
+                                   strncasecmp(a.data(), b.data(), a.size()) == 0);
 }
 Entry *Find(const Dictionary *dict, std::string_view name, uint64_t hash);
 Entry *Find(const Dictionary *dict, std::string_view name);

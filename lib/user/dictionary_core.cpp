@@ -168,16 +168,16 @@ void ValueOf(const Entry &e, Value *result)
 Parse ParseAs(const Entry &e, int type, Value *result)
 {
    switch (type) {
-   case DICT_BOOL:
-      return ParseBool(e.text, &result->b);
-   case DICT_LONG:
-      return ParseLong(e.text, &result->l);
-   case DICT_DOUBLE:
-      return ParseDouble(e.text, &result->d);
-   case DICT_TRISTATE:
-      return ParseTriState(e.text, &result->l);
-   default:
-      return ParseInt64(e.text, &result->i);
+      case DICT_BOOL:
+         return ParseBool(e.text, &result->b);
+      case DICT_LONG:
+         return ParseLong(e.text, &result->l);
+      case DICT_DOUBLE:
+         return ParseDouble(e.text, &result->d);
+      case DICT_TRISTATE:
+         return ParseTriState(e.text, &result->l);
+      default:
+         return ParseInt64(e.text, &result->i);
    }
 }
 
@@ -187,57 +187,60 @@ void ReportBadValue(const Entry &e, int type, Parse failure, const Value &def, M
    const char *name = e.name;
    bool range = failure == Parse::kOutOfRange;
    switch (type) {
-   case DICT_BOOL:
-      MsgList_Append(msgs,
-                     "@&!*@*@(msg.dictionary.notBoolean)Value \"%s\" for variable \"%s\" is not "
-                     "a valid boolean value. Using value \"%s\".\n",
-                     text, name, def.b ? "TRUE" : "FALSE");
-      break;
-   case DICT_LONG:
-      if (range) {
+      case DICT_BOOL:
          MsgList_Append(msgs,
-                        "@&!*@*@(msg.dictionary.integerOutOfRange)Value \"%s\" for variable "
-                        "\"%s\" is out of range. Using value \"%d\".\n",
-                        text, name, def.l);
-      } else {
-         MsgList_Append(msgs,
-                        "@&!*@*@(msg.dictionary.notInteger)Value \"%s\" for variable \"%s\" is "
-                        "not a valid integer value. Using value \"%d\".\n",
-                        text, name, def.l);
-      }
-      break;
-   case DICT_DOUBLE:
-      if (range) {
-         MsgList_Append(msgs,
-                        "@&!*@*@(msg.dictionary.doubleOutOfRange)Value \"%s\" for variable "
-                        "\"%s\" is out of range. Using value \"%f\".\n",
-                        text, name, def.d);
-      } else {
-         MsgList_Append(msgs,
-                        "@&!*@*@(msg.dictionary.notFloat)Value \"%s\" for variable \"%s\" is not "
-                        "a valid floating point value. Using value \"%f\".\n",
-                        text, name, def.d);
-      }
-      break;
-   case DICT_TRISTATE:
-      MsgList_Append(msgs,
-                     "@&!*@*@(msg.dictionary.notTristate)Value \"%s\" for variable \"%s\" is not "
-                     "a valid tristate value. Using value \"%s\".\n",
-                     text, name, TriStateText(def.l, "default"));
-      break;
-   default:
-      if (range) {
-         MsgList_Append(msgs,
-                        "@&!*@*@(msg.dictionary.integer64OutOfRange)Value \"%s\" for variable "
-                        "\"%s\" is out of range. Using value \"%lld\".\n",
-                        text, name, (long long)def.i);
-      } else {
-         MsgList_Append(msgs,
-                        "@&!*@*@(msg.dictionary.notInteger64)Value \"%s\" for variable \"%s\" is "
-                        "not a valid integer value. Using value \"%lld\".\n",
-                        text, name, (long long)def.i);
-      }
-      break;
+                        "@&!*@*@(msg.dictionary.notBoolean)Value \"%s\" for variable \"%s\" is not "
+                        "a valid boolean value. Using value \"%s\".\n",
+                        text, name, def.b ? "TRUE" : "FALSE");
+         break;
+      case DICT_LONG:
+         if (range) {
+            MsgList_Append(msgs,
+                           "@&!*@*@(msg.dictionary.integerOutOfRange)Value \"%s\" for variable "
+                           "\"%s\" is out of range. Using value \"%d\".\n",
+                           text, name, def.l);
+         } else {
+            MsgList_Append(msgs,
+                           "@&!*@*@(msg.dictionary.notInteger)Value \"%s\" for variable \"%s\" is "
+                           "not a valid integer value. Using value \"%d\".\n",
+                           text, name, def.l);
+         }
+         break;
+      case DICT_DOUBLE:
+         if (range) {
+            MsgList_Append(msgs,
+                           "@&!*@*@(msg.dictionary.doubleOutOfRange)Value \"%s\" for variable "
+                           "\"%s\" is out of range. Using value \"%f\".\n",
+                           text, name, def.d);
+         } else {
+            MsgList_Append(
+                msgs,
+                "@&!*@*@(msg.dictionary.notFloat)Value \"%s\" for variable \"%s\" is not "
+                "a valid floating point value. Using value \"%f\".\n",
+                text, name, def.d);
+         }
+         break;
+      case DICT_TRISTATE:
+         MsgList_Append(
+             msgs,
+             "@&!*@*@(msg.dictionary.notTristate)Value \"%s\" for variable \"%s\" is not "
+             "a valid tristate value. Using value \"%s\".\n",
+             text, name, TriStateText(def.l, "default"));
+         break;
+      default:
+         if (range) {
+            MsgList_Append(msgs,
+                           "@&!*@*@(msg.dictionary.integer64OutOfRange)Value \"%s\" for variable "
+                           "\"%s\" is out of range. Using value \"%lld\".\n",
+                           text, name, (long long)def.i);
+         } else {
+            MsgList_Append(
+                msgs,
+                "@&!*@*@(msg.dictionary.notInteger64)Value \"%s\" for variable \"%s\" is "
+                "not a valid integer value. Using value \"%lld\".\n",
+                text, name, (long long)def.i);
+         }
+         break;
    }
 }
 
@@ -245,21 +248,21 @@ SecureString FormatTyped(int type, const Value &v)
 {
    char buf[64];
    switch (type) {
-   case DICT_BOOL:
-      return SecureString(v.b ? "TRUE" : "FALSE");
-   case DICT_LONG:
-      Str_Sprintf(buf, sizeof buf, "%d", v.l);
-      return SecureString(buf);
-   case DICT_DOUBLE:
-      Str_SprintfCLocale(buf, sizeof buf, "%.9g", v.d);
-      return SecureString(buf);
-   case DICT_TRISTATE:
-      return SecureString(TriStateText(v.l, "DEFAULT"));
-   case DICT_INT64:
-      Str_Sprintf(buf, sizeof buf, "%lld", (long long)v.i);
-      return SecureString(buf);
-   default:
-      Panic("Dictionary internal error - unknown parameter type\n");
+      case DICT_BOOL:
+         return SecureString(v.b ? "TRUE" : "FALSE");
+      case DICT_LONG:
+         Str_Sprintf(buf, sizeof buf, "%d", v.l);
+         return SecureString(buf);
+      case DICT_DOUBLE:
+         Str_SprintfCLocale(buf, sizeof buf, "%.9g", v.d);
+         return SecureString(buf);
+      case DICT_TRISTATE:
+         return SecureString(TriStateText(v.l, "DEFAULT"));
+      case DICT_INT64:
+         Str_Sprintf(buf, sizeof buf, "%lld", (long long)v.i);
+         return SecureString(buf);
+      default:
+         Panic("Dictionary internal error - unknown parameter type\n");
    }
 }
 
@@ -326,24 +329,21 @@ void Reserve(Dictionary *dict, size_t count)
    }
 }
 
-/*
- * The typed get: the value as type, or def when the entry is missing or its value does not
- * parse (then with a message). An untyped entry that parses takes the type, so the next get of
- * that type reads the stored value without parsing; an entry set as a string keeps its type.
- * Any code other than the six value types is a programming error.
- */
+/* The typed get: the value as type, or def when the entry is missing or its value does not
+ * parse (then with a message); an untyped entry that parses takes the type. Any code other
+ * than the six value types is a programming error. */
 bool GetTypedEntry(Entry *e, int type, const Value &def, Value *result, MsgList **msgs)
 {
    switch (type) {
-   case DICT_STRING:
-   case DICT_BOOL:
-   case DICT_LONG:
-   case DICT_DOUBLE:
-   case DICT_TRISTATE:
-   case DICT_INT64:
-      break;
-   default:
-      NOT_REACHED();
+      case DICT_STRING:
+      case DICT_BOOL:
+      case DICT_LONG:
+      case DICT_DOUBLE:
+      case DICT_TRISTATE:
+      case DICT_INT64:
+         break;
+      default:
+         NOT_REACHED();
    }
    *result = def;
    if (e == nullptr) {
@@ -577,8 +577,7 @@ bool Dictionary_GetBool(Dictionary *dict, bool defaultValue, const char *name, M
    return result.b;
 }
 
-int32_t Dictionary_GetLong(Dictionary *dict, int32_t defaultValue, const char *name,
-                           MsgList **msgs)
+int32_t Dictionary_GetLong(Dictionary *dict, int32_t defaultValue, const char *name, MsgList **msgs)
 {
    Value def;
    def.l = defaultValue;
@@ -587,8 +586,7 @@ int32_t Dictionary_GetLong(Dictionary *dict, int32_t defaultValue, const char *n
    return result.l;
 }
 
-double Dictionary_GetDouble(Dictionary *dict, double defaultValue, const char *name,
-                            MsgList **msgs)
+double Dictionary_GetDouble(Dictionary *dict, double defaultValue, const char *name, MsgList **msgs)
 {
    Value def;
    def.d = defaultValue;
@@ -698,8 +696,7 @@ void Dictionary_SetInt64(Dictionary *dict, const char *name, int64_t value)
    SetTyped(dict, name, DICT_INT64, v, FormatTyped(DICT_INT64, v).View());
 }
 
-bool Dictionary_SetFromString(Dictionary *dict, const char *text, bool overwrite,
-                              MsgList **msgs)
+bool Dictionary_SetFromString(Dictionary *dict, const char *text, bool overwrite, MsgList **msgs)
 {
    const char *equals = strchr(text, '=');
    SecureString name(equals != nullptr ? std::string_view(text, (size_t)(equals - text))
@@ -763,26 +760,26 @@ void Dictionary_Dump(const Dictionary *dict, DictionaryDumpFn emit, void *contex
          continue;
       }
       switch (e.type) {
-      case DICT_ANY:
-      case DICT_STRING:
-         put("DICT %25s = \"%s\"\n", name, e.text.c_str());
-         break;
-      case DICT_BOOL:
-         put("DICT %25s = \"%s\"\n", name, e.boolValue ? "TRUE" : "FALSE");
-         break;
-      case DICT_LONG:
-      case DICT_TRISTATE:
-         put("DICT %25s = \"%i\"\n", name, e.longValue);
-         break;
-      case DICT_DOUBLE:
-         put("DICT %25s = \"%g\"\n", name, e.doubleValue);
-         break;
-      case DICT_INT64:
-         put("DICT %25s = \"%lld\"\n", name, (long long)e.int64Value);
-         break;
-      default:
-         put("DICT %25s = <unknown parameter type>\n", name);
-         break;
+         case DICT_ANY:
+         case DICT_STRING:
+            put("DICT %25s = \"%s\"\n", name, e.text.c_str());
+            break;
+         case DICT_BOOL:
+            put("DICT %25s = \"%s\"\n", name, e.boolValue ? "TRUE" : "FALSE");
+            break;
+         case DICT_LONG:
+         case DICT_TRISTATE:
+            put("DICT %25s = \"%i\"\n", name, e.longValue);
+            break;
+         case DICT_DOUBLE:
+            put("DICT %25s = \"%g\"\n", name, e.doubleValue);
+            break;
+         case DICT_INT64:
+            put("DICT %25s = \"%lld\"\n", name, (long long)e.int64Value);
+            break;
+         default:
+            put("DICT %25s = <unknown parameter type>\n", name);
+            break;
       }
    }
 }

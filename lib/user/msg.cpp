@@ -68,17 +68,17 @@ class MsgGuard {
 const char *MsgTitle(int type)
 {
    switch (type) {
-   case MSG_INFO:
-   case MSG_INFO_TIMEOUT:
-      return "Information";
-   case MSG_WARNING:
-      return "Warning";
-   case MSG_ERROR:
-      return "Error";
-   case MSG_CONFIG_EDITOR:
-      return "Configuration editor";
-   default:
-      return "Home page information";
+      case MSG_INFO:
+      case MSG_INFO_TIMEOUT:
+         return "Information";
+      case MSG_WARNING:
+         return "Warning";
+      case MSG_ERROR:
+         return "Error";
+      case MSG_CONFIG_EDITOR:
+         return "Configuration editor";
+      default:
+         return "Home page information";
    }
 }
 
@@ -124,10 +124,9 @@ std::string MsgLocalizeList(const MsgList *messages)
       {
          MsgGuard guard;
          char id[kMaxIdLength];
-         Str_Strcpy(id, m->id != nullptr && strlen(m->id) < kMaxIdLength ? m->id : "",
-                    sizeof id);
-         const char *format = strcmp(id, "msg.literal") == 0 ? m->format
-                                                             : MsgLookupLocked(id, m->format);
+         Str_Strcpy(id, m->id != nullptr && strlen(m->id) < kMaxIdLength ? m->id : "", sizeof id);
+         const char *format =
+             strcmp(id, "msg.literal") == 0 ? m->format : MsgLookupLocked(id, m->format);
          char *text = MsgFmt_Asprintf(nullptr, format, m->args, m->numArgs);
          if (text == nullptr && format != m->format) {
             text = MsgFmt_Asprintf(nullptr, m->format, m->args, m->numArgs);
@@ -197,8 +196,7 @@ int MsgIsAnswered(const char *const *buttons, int defaultAnswer, const char *msg
    }
    if (Config_GetBool(false, "msg.autoAnswer")) {
       char *label = Msg_GetStringButton(buttons[defaultAnswer]);
-      Log("%s: Using builtin default '%s' as the answer for '%s'\n", "MsgIsAnswered", label,
-          msgId);
+      Log("%s: Using builtin default '%s' as the answer for '%s'\n", "MsgIsAnswered", label, msgId);
       free(label);
       return defaultAnswer;
    }
@@ -260,9 +258,8 @@ bool MsgPostList(int type, MsgList *messages)
    return true;
 }
 
-unsigned int MsgAsk(MsgCallback &cb, const char *const *buttons, int numButtons,
-                    int defaultAnswer, const std::string &text, const std::string &msgId,
-                    const MsgList *messages)
+unsigned int MsgAsk(MsgCallback &cb, const char *const *buttons, int numButtons, int defaultAnswer,
+                    const std::string &text, const std::string &msgId, const MsgList *messages)
 {
    int passed = numButtons < kMaxQuestionButtons ? numButtons : kMaxQuestionButtons;
    char *labels[kMaxQuestionButtons + 1] = {};
@@ -501,8 +498,7 @@ int Msg_Progress(int percentDone, bool cancelButton, const char *idFmt, ...)
       return 1;
    }
    MsgCallback cb = MsgCurrentCallback();
-   return cb.progress != nullptr ? cb.progress(cb.context, text.c_str(), percentDone,
-                                               cancelButton)
+   return cb.progress != nullptr ? cb.progress(cb.context, text.c_str(), percentDone, cancelButton)
                                  : 1;
 }
 
@@ -588,7 +584,7 @@ char *Msg_FormatSizeInBytes(uint64_t size)
       }
    }
    std::string number = MsgFormatNumber((double)size, 0);
-   const char *idFmt = size >= 2    ? "@&!*@*@(msg.msg.byte.twoOrMore)%s bytes"
+   const char *idFmt = size >= 2   ? "@&!*@*@(msg.msg.byte.twoOrMore)%s bytes"
                        : size == 1 ? "@&!*@*@(msg.msg.byte.one)%s byte"
                                    : "@&!*@*@(msg.msg.byte.zero)%s bytes";
    return MsgFormatId(idFmt, number.c_str());
@@ -632,8 +628,8 @@ unsigned int Msg_ConsoleQuestion(void *input, void *output, const char *const *b
       fprintf(out, "%d) %s\n", i, buttons[i]);
    }
    fprintf(out, "\n");
-   char *prompt = MsgFormatId("@&!*@*@(msg.msg.chooseNumber)Select a number from 0-%d: ",
-                              numButtons - 1);
+   char *prompt =
+       MsgFormatId("@&!*@*@(msg.msg.chooseNumber)Select a number from 0-%d: ", numButtons - 1);
    char line[kConsoleLineSize];
    unsigned int reply = (unsigned int)numButtons;
    int endsOfInput = 0;
@@ -744,8 +740,8 @@ bool Msg_SetLocaleEx(const char *locale, const char *binaryName, const char *dir
       if (dirName == nullptr) {
          char *dir = MsgDefaultDirectory();
          if (dir != nullptr) {
-            path = Str_Asprintf(nullptr, "%s%s%s%s%s.%s", dir, "/", locale, "/", binaryName,
-                                "tmsg");
+            path =
+                Str_Asprintf(nullptr, "%s%s%s%s%s.%s", dir, "/", locale, "/", binaryName, "tmsg");
          }
          free(dir);
       } else {

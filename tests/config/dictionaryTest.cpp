@@ -86,16 +86,17 @@ std::string WriteText(Dictionary *dict)
 
 TEST(Dictionary, WriteBackKeepsEveryUnchangedLine)
 {
-   const std::string original = "# leading comment\n"
-                                ".encoding = \"UTF-8\"\n"
-                                "\n"
-                                "   # indented comment\n"
-                                "alpha = \"one\"   # trailing\n"
-                                "beta=2\n"
-                                ".unknownMeta = \"x\"\n"
-                                "gamma = \"caf\xc3\xa9\"\n"
-                                "\t\n"
-                                "delta = \"last\"";
+   const std::string original =
+       "# leading comment\n"
+       ".encoding = \"UTF-8\"\n"
+       "\n"
+       "   # indented comment\n"
+       "alpha = \"one\"   # trailing\n"
+       "beta=2\n"
+       ".unknownMeta = \"x\"\n"
+       "gamma = \"caf\xc3\xa9\"\n"
+       "\t\n"
+       "delta = \"last\"";
    LogCapture log;
    Loaded l = LoadText(original);
    ASSERT_TRUE(l.ok) << l.messages;
@@ -169,8 +170,8 @@ TEST(Dictionary, DeclaredEncodingsReadAndWriteBack)
    };
    for (const auto &c : cases) {
       SCOPED_TRACE(c.declared);
-      std::string text = std::string("# c\n.Encoding = \"") + c.declared + "\"\nv = \"" +
-                         c.fileValue + "\"\n";
+      std::string text =
+          std::string("# c\n.Encoding = \"") + c.declared + "\"\nv = \"" + c.fileValue + "\"\n";
       Loaded l = LoadText(text);
       ASSERT_TRUE(l.ok) << l.messages;
       char *value = Dictionary_GetString(l.dict, nullptr, "v", nullptr);
@@ -216,7 +217,8 @@ TEST(Dictionary, ReadFailuresAndTheirMessages)
       StringEncoding encoding;
       std::string messages;
    } cases[] = {
-       {"a = 1\nb = x y\n", "f", 0, "[msg.dictionary.read.syntaxError] File \"f\" line 2: Syntax error.\n"},
+       {"a = 1\nb = x y\n", "f", 0,
+        "[msg.dictionary.read.syntaxError] File \"f\" line 2: Syntax error.\n"},
        {"b = x y\n", nullptr, 0, "[msg.dictionary.read.syntaxErrorNoFile] Syntax error.\n"},
        {"a = 1\na = 2\nA = 3\n", "f", 0,
         "[msg.dictionary.alreadyDefined] File \"f\" line 2: Variable \"a\" is already defined.\n"
@@ -230,7 +232,8 @@ TEST(Dictionary, ReadFailuresAndTheirMessages)
         "[msg.dictionary.unknownEncoding] File \"f\" (line 1) specifies a character encoding "
         "(klingon) that is not supported.\n"},
        {".encoding = \"klingon\"\n", nullptr, 0,
-        "[msg.dictionary.unknownEncodingNoFile] Character encoding \"klingon\" is not supported.\n"},
+        "[msg.dictionary.unknownEncodingNoFile] Character encoding \"klingon\" is not "
+        "supported.\n"},
        {".encoding = \"UTF-8\"\nconfig.encoding = \"ISO-8859-1\"\n", "f", 0,
         "[msg.dictionary.hasEncoding] File \"f\" (line 2) already has encoding \"UTF-8\".\n"},
        {".encoding = \"UTF-8\"\nconfig.encoding = \"ISO-8859-1\"\n", nullptr, 0,
@@ -295,10 +298,11 @@ TEST(Dictionary, TooManyDuplicatesStopTheRead)
 
 TEST(Dictionary, TypedGets)
 {
-   Loaded l = LoadText("empty = \"\"\nyes = \"Yes\"\noff = \"OFF\"\nbad = \"maybe\"\n"
-                       "big = \"4294967295\"\nwrap = \"4294967296\"\nhuge = \"99999999999999999999\"\n"
-                       "hex = \"0x10\"\nneg = \"-5\"\nhalf = \"0.5\"\ninf = \"1e999\"\n"
-                       "auto = \"Auto\"\nmax64 = \"18446744073709551615\"\nsp = \"5 \"\n");
+   Loaded l = LoadText(
+       "empty = \"\"\nyes = \"Yes\"\noff = \"OFF\"\nbad = \"maybe\"\n"
+       "big = \"4294967295\"\nwrap = \"4294967296\"\nhuge = \"99999999999999999999\"\n"
+       "hex = \"0x10\"\nneg = \"-5\"\nhalf = \"0.5\"\ninf = \"1e999\"\n"
+       "auto = \"Auto\"\nmax64 = \"18446744073709551615\"\nsp = \"5 \"\n");
    ASSERT_TRUE(l.ok) << l.messages;
    Dictionary *d = l.dict;
    MsgList *msgs = nullptr;
@@ -360,8 +364,9 @@ TEST(Dictionary, TypedSetsAreWrittenInTheirForms)
    Dictionary_SetTriState(d, "t", -1);
    Dictionary_SetInt64(d, "i", -9000000000LL);
    Dictionary_SetString(d, "s", "");
-   EXPECT_EQ(WriteText(d), ".encoding = \"UTF-8\"\nb = \"TRUE\"\nl = \"-7\"\nd = \"0.333333333\"\n"
-                           "t = \"DEFAULT\"\ni = \"-9000000000\"\ns = \"\"\n");
+   EXPECT_EQ(WriteText(d),
+             ".encoding = \"UTF-8\"\nb = \"TRUE\"\nl = \"-7\"\nd = \"0.333333333\"\n"
+             "t = \"DEFAULT\"\ni = \"-9000000000\"\ns = \"\"\n");
    char *text = Dictionary_GetTypedText(d, "l", DICT_BOOL, nullptr);
    EXPECT_EQ(text, nullptr);
    text = Dictionary_GetTypedText(d, "b", DICT_STRING, nullptr);
@@ -374,8 +379,9 @@ TEST(Dictionary, TypedSetsAreWrittenInTheirForms)
    EXPECT_TRUE(Dictionary_SetFromString(d, "s=a=b", true, &msgs));
    EXPECT_STREQ(Dictionary_LookupString(d, "n"), "");
    EXPECT_STREQ(Dictionary_LookupString(d, "s"), "a=b");
-   EXPECT_EQ(Messages(msgs), "[msg.dictionary.alreadyDefined.string] Variable \"s\" is already "
-                             "defined.\n");
+   EXPECT_EQ(Messages(msgs),
+             "[msg.dictionary.alreadyDefined.string] Variable \"s\" is already "
+             "defined.\n");
    EXPECT_TRUE(Dictionary_Unset(d, "l"));
    EXPECT_FALSE(Dictionary_Unset(d, "l"));
    EXPECT_EQ(Dictionary_NumEntries(d), 6u);
@@ -421,8 +427,9 @@ TEST(DictionaryDeathTest, UnknownTypeIsNotReached)
 
 TEST(Dictionary, DumpHidesSecrets)
 {
-   Loaded l = LoadText("s = \"text\"\nannotation = \"x\"\nguestinfo.a = \"x\"\nvm.key = \"x\"\n"
-                       ".key = \"x\"\nn = \"5\"\nb = \"yes\"\nd = \"2.5\"\ni = \"12\"\n");
+   Loaded l = LoadText(
+       "s = \"text\"\nannotation = \"x\"\nguestinfo.a = \"x\"\nvm.key = \"x\"\n"
+       ".key = \"x\"\nn = \"5\"\nb = \"yes\"\nd = \"2.5\"\ni = \"12\"\n");
    ASSERT_TRUE(l.ok) << l.messages;
    Dictionary_GetLong(l.dict, 0, "n", nullptr);
    Dictionary_GetBool(l.dict, false, "b", nullptr);
@@ -430,14 +437,15 @@ TEST(Dictionary, DumpHidesSecrets)
    Dictionary_GetInt64(l.dict, 0, "i", nullptr);
    LogCapture log;
    Dictionary_Log(l.dict);
-   EXPECT_EQ(log.Text(), "DICT                         s = \"text\"\n"
-                         "DICT                annotation = <not printed>\n"
-                         "DICT               guestinfo.a = <not printed>\n"
-                         "DICT                    vm.key = <not printed>\n"
-                         "DICT                         n = \"5\"\n"
-                         "DICT                         b = \"TRUE\"\n"
-                         "DICT                         d = \"2.5\"\n"
-                         "DICT                         i = \"12\"\n");
+   EXPECT_EQ(log.Text(),
+             "DICT                         s = \"text\"\n"
+             "DICT                annotation = <not printed>\n"
+             "DICT               guestinfo.a = <not printed>\n"
+             "DICT                    vm.key = <not printed>\n"
+             "DICT                         n = \"5\"\n"
+             "DICT                         b = \"TRUE\"\n"
+             "DICT                         d = \"2.5\"\n"
+             "DICT                         i = \"12\"\n");
    Dictionary_Free(l.dict);
 }
 
@@ -468,11 +476,11 @@ TEST(Dictionary, FilesOnDisk)
    LogCapture log;
    EXPECT_FALSE(DictionaryLoad(d, (dir / "missing").c_str(), true, STRING_ENCODING_UTF8, &msgs));
    EXPECT_FALSE(DictionaryLoad(d, dir.Path().c_str(), true, STRING_ENCODING_UTF8, &msgs));
-   EXPECT_EQ(Messages(msgs),
-             "[msg.dictionary.load.openFailed] Cannot open file \"" + dir / "missing" +
-                 "\": No such file or directory.\n"
-                 "[msg.dictionary.load.isDirectory] \"" +
-                 dir.Path() + "\" is a directory.\n");
+   EXPECT_EQ(Messages(msgs), "[msg.dictionary.load.openFailed] Cannot open file \"" +
+                                 dir / "missing" +
+                                 "\": No such file or directory.\n"
+                                 "[msg.dictionary.load.isDirectory] \"" +
+                                 dir.Path() + "\" is a directory.\n");
    EXPECT_NE(log.Text().find("DictionaryLoad: \"" + dir.Path() + "\" is a directory.\n"),
              std::string::npos);
    Dictionary_Free(d);

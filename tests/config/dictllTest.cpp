@@ -28,8 +28,8 @@ Unmarshaled Unmarshal(const std::string &text)
    size_t valueLength;
    const char *next = DictLL_UnmarshalLineEx(text.data(), text.size(), &line, &lineLength, &name,
                                              &value, &valueLength);
-   Unmarshaled u{std::string(line, lineLength), name != nullptr,
-                 name != nullptr ? name : "",   value != nullptr ? std::string(value, valueLength) : "",
+   Unmarshaled u{std::string(line, lineLength), name != nullptr, name != nullptr ? name : "",
+                 value != nullptr ? std::string(value, valueLength) : "",
                  (size_t)(next - text.data())};
    free(line);
    free(name);
@@ -121,7 +121,10 @@ TEST(DictLL, StreamLinesAndByteOrderMark)
 {
    FILE *f = tmpfile();
    ASSERT_NE(f, nullptr);
-   fputs("\xEF\xBB\xBF" "a = \"1\"\n# c\n", f);
+   fputs(
+       "\xEF\xBB\xBF"
+       "a = \"1\"\n# c\n",
+       f);
    rewind(f);
    EXPECT_TRUE(DictLL_ReadUTF8BOM(f));
    char *line;

@@ -55,14 +55,17 @@ TEST_F(MsgTest, LookupThroughTheCataloguePerLocale)
 {
    EXPECT_EQ(Take(Msg_GetString("@&!*@*@(msg.msg.question)Question")), "Question");
    EXPECT_EQ(Take(Msg_GetString("plain text")), "plain text");
-   Catalogue("fr", "msg.msg.question = \"Question en fran\xc3\xa7" "ais\"\nbutton.ok = \"_D'accord\"\n");
+   Catalogue("fr",
+             "msg.msg.question = \"Question en fran\xc3\xa7"
+             "ais\"\nbutton.ok = \"_D'accord\"\n");
    Catalogue("de", "msg.msg.question = \"Frage\"\n");
 
    LogCapture log;
    ASSERT_TRUE(Msg_SetLocaleEx("fr", "app", dir_.Path().c_str()));
    EXPECT_EQ(log.Text(), "Msg_SetLocaleEx: HostLocale=UTF-8 UserLocale=fr\n");
    EXPECT_EQ(Take(Msg_GetString("@&!*@*@(msg.msg.question)Question")),
-             "Question en fran\xc3\xa7" "ais");
+             "Question en fran\xc3\xa7"
+             "ais");
    EXPECT_EQ(Take(Msg_GetStringButton("@&!*@*@(button.ok)OK")), "D'accord");
    EXPECT_EQ(Take(Msg_GetLocale()), "fr");
    ASSERT_TRUE(Msg_SetLocaleEx("de", "app", dir_.Path().c_str()));
@@ -175,8 +178,7 @@ TEST_F(MsgTest, SettingsAnswerAndSilence)
    Msg_Post(MSG_INFO, "@&!*@*@(msg.i)Info text");
    EXPECT_EQ(log.Text().find("Warning:"), std::string::npos);
    Msg_Hint(true, MSG_INFO, "@&!*@*@(msg.h)Hint text");
-   EXPECT_NE(log.Text().find("MsgHint: Not showing hint msg.h (Hint text\n).\n"),
-             std::string::npos)
+   EXPECT_NE(log.Text().find("MsgHint: Not showing hint msg.h (Hint text\n).\n"), std::string::npos)
        << log.Text();
 }
 

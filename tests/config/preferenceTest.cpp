@@ -83,8 +83,9 @@ class PreferenceTest : public ::testing::Test {
                                "k1 = \"host\"\nk2 = \"host\"\nk3 = \"host\"\nk4 = \"host\"\n"
                                "k5 = \"host\"\nnum = \"0x20\"\nbig = \"-3\"\nratio = \"2.5\"\n"
                                "tri = \"auto\"\nflag = \"on\"\n");
-      WriteFile(lib_ / "config", "k1 = \"site\"\nk2 = \"site\"\nk3 = \"site\"\nk4 = \"site\"\n"
-                                 "k5 = \"site\"\nk6 = \"site\"\n");
+      WriteFile(lib_ / "config",
+                "k1 = \"site\"\nk2 = \"site\"\nk3 = \"site\"\nk4 = \"site\"\n"
+                "k5 = \"site\"\nk6 = \"site\"\n");
    }
    ScratchDir home_;
    ScratchDir lib_;
@@ -104,13 +105,14 @@ TEST_F(PreferenceTest, EarlyAccessAnswersWithDefaults)
    EXPECT_EQ(Config_GetString(nullptr, "early.none"), nullptr);
    EXPECT_TRUE(Config_NotSet("early.unset"));
    EXPECT_FALSE(Preference_SetFromString("a=b", true));
-   EXPECT_EQ(log.Text(), "PREF early PreferenceGet(early.1), using default\n"
-                         "PREF early PreferenceGet(early.bool), using default\n"
-                         "PREF early PreferenceGet(early.tri), using default\n"
-                         "PREF early PreferenceGet(early.int64), using default\n"
-                         "PREF early PreferenceGet(early.double), using default\n"
-                         "PREF early PreferenceGet(early.string), using default\n"
-                         "PREF early PreferenceGet(early.none), using default\n");
+   EXPECT_EQ(log.Text(),
+             "PREF early PreferenceGet(early.1), using default\n"
+             "PREF early PreferenceGet(early.bool), using default\n"
+             "PREF early PreferenceGet(early.tri), using default\n"
+             "PREF early PreferenceGet(early.int64), using default\n"
+             "PREF early PreferenceGet(early.double), using default\n"
+             "PREF early PreferenceGet(early.string), using default\n"
+             "PREF early PreferenceGet(early.none), using default\n");
 }
 
 TEST_F(PreferenceTest, SixLayersInTheirOrder)
@@ -124,9 +126,12 @@ TEST_F(PreferenceTest, SixLayersInTheirOrder)
       const char *value;
       PreferenceLayer layer;
    } cases[] = {
-       {"k1", "global", PREF_GLOBAL_SETTINGS},  {"k2", "nonpersistent", PREF_NON_PERSISTENT},
-       {"k3", "userprefs", PREF_USER_PREFERENCES}, {"k4", "userdefs", PREF_USER_DEFAULTS},
-       {"K5", "host", PREF_HOST_DEFAULTS},      {"k6", "site", PREF_SITE_DEFAULTS},
+       {"k1", "global", PREF_GLOBAL_SETTINGS},
+       {"k2", "nonpersistent", PREF_NON_PERSISTENT},
+       {"k3", "userprefs", PREF_USER_PREFERENCES},
+       {"k4", "userdefs", PREF_USER_DEFAULTS},
+       {"K5", "host", PREF_HOST_DEFAULTS},
+       {"k6", "site", PREF_SITE_DEFAULTS},
        {"k7", "none", PREF_NO_LAYER},
    };
    for (const auto &c : cases) {
@@ -169,7 +174,8 @@ TEST_F(PreferenceTest, SixLayersInTheirOrder)
    LogCapture log;
    Preference_Log();
    std::string dump = log.Text();
-   EXPECT_NE(dump.find("DICT --- GLOBAL SETTINGS " + lib_ / "settings" + "\n"
+   EXPECT_NE(dump.find("DICT --- GLOBAL SETTINGS " + lib_ / "settings" +
+                       "\n"
                        "DICT                        k1 = \"global\"\n"
                        "DICT --- NON PERSISTENT \n"),
              std::string::npos)
@@ -186,8 +192,8 @@ TEST_F(PreferenceTest, MissingFilesAreLoggedOnceAndNeverFail)
    ASSERT_TRUE(Preference_Init());
    ASSERT_TRUE(Preference_Init());
    std::string text = log.Text();
-   const std::string missing = "PREF Optional preferences file not found at " + kHostFile +
-                               ". Using default values.\n";
+   const std::string missing =
+       "PREF Optional preferences file not found at " + kHostFile + ". Using default values.\n";
    ASSERT_NE(text.find(missing), std::string::npos) << text;
    EXPECT_EQ(text.find(missing, text.find(missing) + 1), std::string::npos);
    EXPECT_NE(text.find("PREF Optional preferences file not found at /dev/null/Non-existing "
@@ -243,8 +249,8 @@ TEST_F(PreferenceTest, SetUserIdIgnoresTheUsersFiles)
       ASSERT_EQ(waitpid(pid, &status, 0), pid);
       ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
       std::string log = testsupport::StripStamps(ReadFile(logPath));
-      bool ignored = log.find("setuid: ignoring user's config and preferences\n") !=
-                     std::string::npos;
+      bool ignored =
+          log.find("setuid: ignoring user's config and preferences\n") != std::string::npos;
       EXPECT_EQ(ignored, differ) << log;
       EXPECT_EQ(ReadFile(outPath), differ ? "k3=host@HOST DEFAULTS\nk1=global@GLOBAL SETTINGS\n"
                                           : "k3=userprefs@USER PREFERENCES\n"

@@ -1,0 +1,67 @@
+/*
+ * User messages from several threads: appends, lookups and catalogue switches at once.
+ */
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "log.h"
+#include "msg.h"
+#include "testSupport.h"
+
+namespace {
+
+TEST(MsgThread, AppendsLookupsAndCatalogueSwitches)
+{
+   testsupport::ScratchDir dir;
+   for (const char *locale : {"fr", "de"}) {
+      std::string sub = dir / (std::string("messages/") + locale);
+      ASSERT_EQ(system(("mkdir -p '" + sub + "'").c_str()), 0);
+      std::ofstream(sub + "/app.tmsg") << "msg.t = \"" << locale << "\"\n";
+   }
+   Log_SetOutputFd(-1);
+   Msg_Reset(false);
+   constexpr int kThreads = 4;
+   constexpr int kRounds = 500;
+   std::atomic<bool> bad{false};
+   std::vector<std::thread> threads;
+   for (int t = 0; t < kThreads; t++) {
+      threads.emplace_back([&bad, t] {
+         for (int i = 0; i < kRounds; i++) {
+            Msg_Append("@&!*@*@(msg.n)Thread %d round %d\n", t, i);
+            char *text = Msg_GetString("@&!*@*@(msg.t)en");
+            if (strcmp(text, "fr") != 0 && strcmp(text, "de") != 0 && strcmp(text, "en") != 0) {
+               bad = true;
+            }
+            free(text);
+         }
+      });
+   }
+   threads.emplace_back([&dir] {
+      for (int i = 0; i < 50; i++) {
+         Msg_SetLocaleEx(i % 2 == 0 ? "fr" : "de", "app", dir.Path().c_str());
+      }
+   });
+   for (auto &th : threads) {
+      th.join();
+   }
+   EXPECT_FALSE(bad);
+   int count = 0;
+   MsgList *messages = Msg_TakeList();
+   for (MsgList *m = messages; m != nullptr; m = m->next) {
+      count++;
+   }
+   MsgList_Free(messages);
+   EXPECT_EQ(count, kThreads * kRounds);
+   Msg_SetLocaleEx(nullptr, "app", nullptr);
+   Log_SetOutputFd(1);
+}
+
+}  // namespace
