@@ -1,16 +1,16 @@
 /*
- * The configuration modules' file access: reading a whole file and replacing one atomically.
- * Everything here is plain POSIX so that the file library can take its place.
+ * The configuration modules' file access, on the file library: reading a whole file, and
+ * replacing one through FileIO's atomic update (temporary sibling, synced, renamed over).
  */
 #include <errno.h>
-#include <fcntl.h>
-#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "dict/dictInt.h"
-#include "internal/retry.h"
-#include "internal/uniqueFd.h"
+#include "fileIO.h"
+#include "util.h"
 
 namespace tesmar::dict {
 
@@ -18,7 +18,23 @@ namespace {
 
 constexpr size_t kReadChunk = 64 * 1024;
 
-int ReadAll(int fd, SecureString *out, size_t sizeHint)
+/* Closes a FileIO descriptor on every path out of a function, keeping errno. */
+struct FileIOHolder {
+   FileIODescriptor fd;
+   FileIOHolder() { FileIO_Invalidate(&fd); }
+   ~FileIOHolder()
+   {
+      if (FileIO_IsValid(&fd)) {
+         int savedErrno = errno;
+         FileIO_Close(&fd);
+         errno = savedErrno;
+      }
+   }
+   FileIOHolder(const FileIOHolder &) = delete;
+   FileIOHolder &operator=(const FileIOHolder &) = delete;
+};
+
+int ReadAll(FileIODescriptor *fd, SecureString *out, size_t sizeHint)
 {
    out->Wipe();
    if (sizeHint > 0) {
@@ -29,42 +45,55 @@ int ReadAll(int fd, SecureString *out, size_t sizeHint)
       if (out->size() - used < kReadChunk) {
          out->resize(used + kReadChunk);
       }
-      ssize_t n = RetryEintr([&] { return read(fd, out->data() + used, out->size() - used); });
-      if (n < 0) {
-         int error = errno;
+      size_t got = 0;
+      FileIOResult r = FileIO_Read(fd, out->data() + used, out->size() - used, &got);
+      used += got;
+      if (r == FILEIO_READ_ERROR_EOF) {
+         break;
+      }
+      if (r != FILEIO_SUCCESS) {
+         int error = errno != 0 ? errno : EIO;
          out->Wipe();
          return error;
       }
-      if (n == 0) {
-         break;
-      }
-      used += (size_t)n;
    }
    explicit_bzero(out->data() + used, out->size() - used);
    out->resize(used);
    return 0;
 }
 
+mode_t CreationMode()
+{
+   mode_t mask = umask(0);
+   umask(mask);
+   return FILEIO_DEFAULT_MODE & ~mask;
+}
+
 }  // namespace
 
 int ReadWholeFile(const char *path, SecureString *out, ReadStage *stage)
 {
+   FileIOHolder file;
    if (path[0] == '-' && path[1] == '\0') {
+      // Standard input is borrowed, never closed: the record is released by hand below.
+      file.fd.posix = STDIN_FILENO;
+      file.fd.flags = FILEIO_OPEN_ACCESS_READ;
       *stage = ReadStage::kRead;
-      int error = ReadAll(STDIN_FILENO, out, 0);
+      int error = ReadAll(&file.fd, out, 0);
+      FileIO_Invalidate(&file.fd);
       if (error == 0) {
          *stage = ReadStage::kOk;
       }
       return error;
    }
    *stage = ReadStage::kOpen;
-   UniqueFd fd(RetryEintr([&] { return open(path, O_RDONLY | O_CLOEXEC); }));
-   if (fd.get() < 0) {
-      return errno;
+   errno = 0;
+   if (FileIO_Open(&file.fd, path, FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN) != FILEIO_SUCCESS) {
+      return errno != 0 ? errno : EIO;
    }
    *stage = ReadStage::kStat;
    struct stat st;
-   if (fstat(fd.get(), &st) != 0) {
+   if (fstat(file.fd.posix, &st) != 0) {
       return errno;
    }
    if (S_ISDIR(st.st_mode)) {
@@ -72,7 +101,7 @@ int ReadWholeFile(const char *path, SecureString *out, ReadStage *stage)
       return EISDIR;
    }
    *stage = ReadStage::kRead;
-   int error = ReadAll(fd.get(), out, S_ISREG(st.st_mode) ? (size_t)st.st_size : 0);
+   int error = ReadAll(&file.fd, out, S_ISREG(st.st_mode) ? (size_t)st.st_size : 0);
    if (error == 0) {
       *stage = ReadStage::kOk;
    }
@@ -81,42 +110,40 @@ int ReadWholeFile(const char *path, SecureString *out, ReadStage *stage)
 
 int WriteFileAtomic(const char *path, std::string_view data)
 {
-   std::string temp = std::string(path) + ".tmp-XXXXXX";
-   UniqueFd fd(mkostemp(temp.data(), O_CLOEXEC));
-   if (fd.get() < 0) {
-      return errno;
+   FileIOHolder current;
+   FileIOHolder temp;
+   errno = 0;
+   FileIOResult r = FileIO_Open(&current.fd, path, FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN);
+   if (r == FILEIO_SUCCESS) {
+      // The temporary sibling takes the replaced file's mode, owner and group.
+      r = FileIO_AtomicTempFile(&current.fd, &temp.fd);
+   } else if (r == FILEIO_FILE_NOT_FOUND) {
+      // A new file is still written beside its name first, so no reader sees it half-written.
+      char *tempPath = FileIO_AtomicTempPath(path);
+      if (tempPath == nullptr) {
+         return errno != 0 ? errno : ENOMEM;
+      }
+      unlink(tempPath);
+      r = FileIO_Create(&temp.fd, tempPath, FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_ACCESS_WRITE,
+                        FILEIO_OPEN_CREATE_SAFE, (int)CreationMode());
+      free(tempPath);
+   }
+   if (r != FILEIO_SUCCESS) {
+      return errno != 0 ? errno : EIO;
    }
    int error = 0;
-   struct stat st;
-   mode_t mode = stat(path, &st) == 0 ? (st.st_mode & 07777) : (0666 & ~[] {
-      mode_t mask = umask(0);
-      umask(mask);
-      return mask;
-   }());
-   size_t done = 0;
-   while (error == 0 && done < data.size()) {
-      ssize_t n =
-          RetryEintr([&] { return write(fd.get(), data.data() + done, data.size() - done); });
-      if (n < 0) {
-         error = errno;
-      } else {
-         done += (size_t)n;
+   if (FileIO_Write(&temp.fd, data.data(), data.size(), nullptr) != FILEIO_SUCCESS) {
+      error = errno != 0 ? errno : EIO;
+   } else if (FileIO_IsValid(&current.fd)) {
+      if (!FileIO_AtomicUpdateEx(&temp.fd, &current.fd)) {
+         error = errno != 0 ? errno : EIO;
       }
+   } else if (FileIO_Sync(&temp.fd) != FILEIO_SUCCESS ||
+              rename(FileIO_Filename(&temp.fd), path) != 0) {
+      error = errno != 0 ? errno : EIO;
    }
-   if (error == 0 && fchmod(fd.get(), mode) != 0) {
-      error = errno;
-   }
-   if (error == 0 && fsync(fd.get()) != 0) {
-      error = errno;
-   }
-   if (error == 0 && close(fd.release()) != 0) {
-      error = errno;
-   }
-   if (error == 0 && rename(temp.c_str(), path) != 0) {
-      error = errno;
-   }
-   if (error != 0) {
-      unlink(temp.c_str());
+   if (error != 0 && FileIO_IsValid(&temp.fd)) {
+      unlink(FileIO_Filename(&temp.fd));
    }
    return error;
 }

@@ -3,6 +3,7 @@
  * comments and order kept, saving a copy and making a file executable.
  */
 #include "dictionary.h"
+#include "err.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -423,8 +424,7 @@ bool DictionaryLoad(Dictionary *dict, const char *path, bool clear, StringEncodi
    ReadStage stage;
    int error = ReadWholeFile(path, &text, &stage);
    if (error != 0) {
-      char buf[256];
-      const char *reason = strerror_r(error, buf, sizeof buf);
+      const char *reason = Err_Errno2String(error);
       const char *file = FileLabel(dict);
       switch (stage) {
          case ReadStage::kOpen:
@@ -498,9 +498,8 @@ bool Dictionary_WriteFile(Dictionary *dict, const char *path, MsgList **msgs)
    int error = WriteFileAtomic(path, std::string_view(text, length));
    Util_ZeroFree(text, length);
    if (error != 0) {
-      char buf[256];
       MsgList_Append(msgs, "@&!*@*@(msg.dictionary.write.failed)Cannot write file \"%s\": %s.\n",
-                     path, strerror_r(error, buf, sizeof buf));
+                     path, Err_Errno2String(error));
       errno = error;
       return false;
    }

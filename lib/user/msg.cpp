@@ -2,6 +2,7 @@
  * User messages: the process-wide message list, catalogue lookup, posting, hints, questions
  * (auto-answered by settings, through a callback or on the console), progress and size texts.
  */
+#include "err.h"
 #include "msg.h"
 
 #include <errno.h>
@@ -592,9 +593,8 @@ char *Msg_FormatSizeInBytes(uint64_t size)
 
 char *Msg_ErrString(int error)
 {
-   char buf[256];
-   const char *text = strerror_r(error, buf, sizeof buf);
-   return MsgFormatId("@&!*@*@(msg.msg.systemError)Error %d [%s]", error, text);
+   return MsgFormatId("@&!*@*@(msg.msg.systemError)Error %d [%s]", error,
+                      Err_Errno2String(error));
 }
 
 void Msg_SetCallback(const MsgCallback *callback)
