@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "escape.h"
+#include "internal/publishOnce.h"
 #include "log.h"
 #include "productState/productStateInt.h"
 #include "str.h"
@@ -126,22 +127,12 @@ bool ProductStateData::SetString(std::atomic<char *> &slot, const char *value)
       return false;
    }
    char *copy = Util_SafeStrdup(value);
-   char *expected = nullptr;
-   if (slot.compare_exchange_strong(expected, copy, std::memory_order_acq_rel)) {
-      return true;
-   }
-   Util_ZeroFreeString(copy);
-   return false;
+   return tesmar::PublishOnce(slot, copy, Util_ZeroFreeString) == copy;
 }
 
 const char *ProductStateData::Publish(std::atomic<char *> &slot, char *fresh)
 {
-   char *expected = nullptr;
-   if (slot.compare_exchange_strong(expected, fresh, std::memory_order_acq_rel)) {
-      return fresh;
-   }
-   free(fresh);
-   return expected;
+   return tesmar::PublishOnce(slot, fresh, [](char *loser) { free(loser); });
 }
 
 const char *ProductStateData::Name() const
@@ -189,8 +180,7 @@ const char *ProductStateData::FullVersion()
 
 ProductVersionNumber ProductStateData::VersionNumber()
 {
-   ProductVersionNumber *existing = versionNumber_.load(std::memory_order_acquire);
-   if (existing == nullptr) {
+   auto parse = [this] {
       auto *fresh =
           static_cast<ProductVersionNumber *>(Util_SafeCalloc(1, sizeof(ProductVersionNumber)));
       const char *version = Version();
@@ -199,15 +189,10 @@ ProductVersionNumber ProductStateData::VersionNumber()
       }
       /* Whatever is read stands; numbers the version lacks stay 0. */
       sscanf(version, "%u.%u.%u", &fresh->major, &fresh->minor, &fresh->patch);
-      ProductVersionNumber *expected = nullptr;
-      if (versionNumber_.compare_exchange_strong(expected, fresh, std::memory_order_acq_rel)) {
-         existing = fresh;
-      } else {
-         free(fresh);
-         existing = expected;
-      }
-   }
-   return *existing;
+      return fresh;
+   };
+   return *tesmar::GetOrPublish(versionNumber_, parse,
+                                [](ProductVersionNumber *loser) { free(loser); });
 }
 
 const char *ProductStateData::RegistryPath()
