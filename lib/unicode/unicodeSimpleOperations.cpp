@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include "log.h"
+#include "internal/utf.h"
 #include "misc/codesetBuiltin.h"
 #include "str.h"
 #include "unicodeOperations.h"
@@ -97,15 +98,15 @@ class Utf16Units {
          *codePoint = lead;
          return lead;
       }
-      uint32_t cp;
-      int len = CodeSetDecodeUtf8(s_ + at_, size_ - at_, &cp, false);
+      uint32_t cp = 0;
+      int len = tesmar::utf::DecodeUtf8(s_ + at_, size_ - at_, &cp, false);
       at_ += (size_t)len; /* the text was validated before */
       *codePoint = cp;
-      if (cp < 0x10000) {
-         return cp;
+      uint32_t units[2];
+      if (tesmar::utf::EncodeUtf16(cp, units) == 2) {
+         pendingLow_ = units[1];
       }
-      pendingLow_ = 0xDC00 | ((cp - 0x10000) & 0x3FF);
-      return 0xD800 | ((cp - 0x10000) >> 10);
+      return units[0];
    }
 
   private:
@@ -228,10 +229,10 @@ int Unicode_CompareRange(const char *str1, ssize_t str1Start, ssize_t str1Length
          continue;
       }
       /* A high surrogate stands for its whole character, so the order is by code point. */
-      if (unitA >= 0xD800 && unitA <= 0xDBFF) {
+      if (tesmar::utf::IsHighSurrogate(unitA)) {
          unitA = cpA;
       }
-      if (unitB >= 0xD800 && unitB <= 0xDBFF) {
+      if (tesmar::utf::IsHighSurrogate(unitB)) {
          unitB = cpB;
       }
       return unitA < unitB ? -1 : 1;
