@@ -186,11 +186,67 @@ struct Directive {
 ArgKind IntegerKind(Length length);
 
 /*
+ * What a conversion character stands for, the one table that both the engine and the
+ * message-format argument capture read. Each reader gives a class its own meaning: the engine
+ * prints %a and %A as unknown characters, the capture reads a double for them.
+ */
+enum class Conversion : uint8_t {
+   unknown,        // prints the character itself, takes no argument
+   percent,        // "%%"
+   integer,        // d i o u x X
+   longInteger,    // D O U: integers at least as long as "l"
+   character,      // c
+   wideCharacter,  // C
+   string,         // s
+   wideString,     // S
+   pointer,        // p
+   floating,       // e E f F g G
+   hexFloating,    // a A
+   count,          // n
+};
+
+namespace detail {
+
+constexpr auto kConversionTable = [] {
+   struct Table {
+      Conversion of[128] = {};
+   } table;
+   auto set = [&table](const char *chars, Conversion conversion) {
+      for (; *chars != '\0'; chars++) {
+         table.of[static_cast<unsigned char>(*chars)] = conversion;
+      }
+   };
+   set("%", Conversion::percent);
+   set("dioxXu", Conversion::integer);
+   set("DOU", Conversion::longInteger);
+   set("c", Conversion::character);
+   set("C", Conversion::wideCharacter);
+   set("s", Conversion::string);
+   set("S", Conversion::wideString);
+   set("p", Conversion::pointer);
+   set("eEfFgG", Conversion::floating);
+   set("aA", Conversion::hexFloating);
+   set("n", Conversion::count);
+   return table;
+}();
+
+}  // namespace detail
+
+constexpr Conversion ConversionOf(char ch)
+{
+   unsigned char index = static_cast<unsigned char>(ch);
+   return index < 128 ? detail::kConversionTable.of[index] : Conversion::unknown;
+}
+
+/*
  * Parses the directive starting at the "%" at percent. nextArg is the next
  * sequential argument position (1-based) and advances over what the directive consumes.
  * On a bad directive, directive->end and directive->conversionText end where parsing stopped.
+ * With hexFloatTakesArg, %a and %A take a value's position as the argument capture sees them
+ * (their kind stays none: the engine prints them without one).
  */
-ParseStatus ParseConversion(const char *percent, int *nextArg, Directive *directive);
+ParseStatus ParseConversion(const char *percent, int *nextArg, Directive *directive,
+                            bool hexFloatTakesArg = false);
 
 /*
  * Walks a format's conversions in order, skipping literal text:
@@ -207,7 +263,10 @@ ParseStatus ParseConversion(const char *percent, int *nextArg, Directive *direct
  */
 class FormatScanner {
   public:
-   explicit FormatScanner(const char *fmt) : p_(fmt) {}
+   explicit FormatScanner(const char *fmt, bool hexFloatTakesArg = false)
+       : p_(fmt), hexFloatTakesArg_(hexFloatTakesArg)
+   {
+   }
 
    bool Next(Directive *directive, ParseStatus *status)
    {
@@ -220,7 +279,7 @@ class FormatScanner {
          return false;
       }
       *directive = Directive{};
-      *status = ParseConversion(percent, &nextArg_, directive);
+      *status = ParseConversion(percent, &nextArg_, directive, hexFloatTakesArg_);
       if (*status != ParseStatus::ok) {
          done_ = true;
          return true;
@@ -235,6 +294,7 @@ class FormatScanner {
 
   private:
    const char *p_;
+   bool hexFloatTakesArg_;
    int nextArg_ = 1;
    bool done_ = false;
 };
