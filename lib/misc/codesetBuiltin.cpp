@@ -74,6 +74,16 @@ size_t AsciiPrefix(const uint8_t *s, size_t n)
    return i;
 }
 
+/* Copies the run of ASCII bytes at the start of s to *o and moves *o past it; returns its length.
+ */
+size_t CopyAscii(const uint8_t *s, size_t n, uint8_t **o)
+{
+   size_t run = AsciiPrefix(s, n);
+   memcpy(*o, s, run);
+   *o += run;
+   return run;
+}
+
 /*
  * Widens ASCII bytes to UTF-16LE units while they last; returns how many input bytes it
  * consumed (a multiple of the block size, possibly 0).
@@ -201,10 +211,7 @@ bool Utf8ToAscii(const uint8_t *s, size_t n, int policy, DynBuf *db)
    }
    size_t i = 0;
    while (i < n) {
-      size_t run = AsciiPrefix(s + i, n - i);
-      memcpy(o, s + i, run);
-      i += run;
-      o += run;
+      i += CopyAscii(s + i, n - i, &o);
       if (i >= n) {
          break;
       }
@@ -268,10 +275,7 @@ bool SingleByteToUtf8(const uint8_t *s, size_t n, DynBuf *db)
    }
    size_t i = 0;
    while (i < n) {
-      size_t run = AsciiPrefix(s + i, n - i);
-      memcpy(o, s + i, run);
-      i += run;
-      o += run;
+      i += CopyAscii(s + i, n - i, &o);
       if (i < n) {
          o = EncodeUtf8(kLatin1 ? s[i] : kReplacement, o);
          i++;

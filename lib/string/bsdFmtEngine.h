@@ -1050,22 +1050,7 @@ class Engine {
       int prec = precision < 0 ? 6 : precision;
       FloatDigits fd;
       bool dropLast = false;
-      bool ok;
-      if (style == 'e') {
-         ok = ConvertFloat(value, prec == INT_MAX ? prec : prec + 1, false, &fd);
-      } else if (style == 'g') {
-         if (prec == 0) {
-            prec = 1;
-         }
-         ok = ConvertFloat(value, prec, false, &fd);
-      } else if (prec == 0) {
-         // Half-way cases round away from zero, then the one extra digit is dropped.
-         ok = ConvertFloat(round(value), 1, true, &fd);
-         dropLast = true;
-      } else {
-         ok = ConvertFloat(value, prec, true, &fd);
-      }
-      if (!ok) {
+      if (!FloatToDigits(style, value, &prec, &fd, &dropLast)) {
          return false;
       }
 
@@ -1100,25 +1085,7 @@ class Engine {
       bool fixed = style == 'f';
       long long fractionDigits = prec;
       if (style == 'g') {
-         fixed = decpt >= -3 && decpt <= prec;
-         if (fixed) {
-            fractionDigits = (long long)prec - decpt;
-            if (!alt) {
-               // Only significant digits stay.
-               long long lastUseful = significant - (long long)decpt;
-               fractionDigits = lastUseful < 0                ? 0
-                                : lastUseful < fractionDigits ? lastUseful
-                                                              : fractionDigits;
-            }
-         } else {
-            fractionDigits = prec - 1;
-            if (!alt) {
-               long long lastUseful = significant > 0 ? significant - 1 : 0;
-               if (lastUseful < fractionDigits) {
-                  fractionDigits = lastUseful;
-               }
-            }
-         }
+         ChooseGeneralForm(prec, decpt, significant, alt, &fixed, &fractionDigits);
       }
 
       punct_.Ensure();
@@ -1145,7 +1112,63 @@ class Engine {
                 out_.Flush();
       }
 
-      // Exponent style: d[.ddd]e+XX
+      return PrintExponential(flags, width, sign, upper, digits, n, decpt, fractionDigits, alt,
+                              point, pointLength);
+   }
+
+   /*
+    * The digits of value for a style ('e', 'f' or 'g') at precision *prec (which %g raises from
+    * 0 to 1); *dropLast when one digit more than wanted was made for rounding.
+    */
+   static bool FloatToDigits(char style, double value, int *prec, FloatDigits *fd, bool *dropLast)
+   {
+      if (style == 'e') {
+         return ConvertFloat(value, *prec == INT_MAX ? *prec : *prec + 1, false, fd);
+      }
+      if (style == 'g') {
+         if (*prec == 0) {
+            *prec = 1;
+         }
+         return ConvertFloat(value, *prec, false, fd);
+      }
+      if (*prec == 0) {
+         // Half-way cases round away from zero, then the one extra digit is dropped.
+         *dropLast = true;
+         return ConvertFloat(round(value), 1, true, fd);
+      }
+      return ConvertFloat(value, *prec, true, fd);
+   }
+
+   /* %g: fixed or exponent form, and how many fraction digits it shows. */
+   static void ChooseGeneralForm(int prec, int decpt, int significant, bool alt, bool *fixed,
+                                 long long *fractionDigits)
+   {
+      *fixed = decpt >= -3 && decpt <= prec;
+      if (*fixed) {
+         *fractionDigits = (long long)prec - decpt;
+         if (!alt) {
+            // Only significant digits stay.
+            long long lastUseful = significant - (long long)decpt;
+            *fractionDigits = lastUseful < 0                 ? 0
+                              : lastUseful < *fractionDigits ? lastUseful
+                                                             : *fractionDigits;
+         }
+         return;
+      }
+      *fractionDigits = prec - 1;
+      if (!alt) {
+         long long lastUseful = significant > 0 ? significant - 1 : 0;
+         if (lastUseful < *fractionDigits) {
+            *fractionDigits = lastUseful;
+         }
+      }
+   }
+
+   /* Exponent style: d[.ddd]e+XX from n digits with the decimal point at decpt. */
+   bool PrintExponential(unsigned flags, int width, char sign, bool upper, const char *digits,
+                         int n, int decpt, long long fractionDigits, bool alt, const char *point,
+                         size_t pointLength)
+   {
       int exponent = decpt - 1;
       char expText[16];
       char *expEnd = expText + sizeof expText;

@@ -146,6 +146,37 @@ bool CompareSide(const char *str, ssize_t start, ssize_t length, const char **te
    return true;
 }
 
+/*
+ * The code-point index of the first (or last) occurrence of a range of strToFind within a range
+ * of str; -1 when there is none. An empty needle is found at the range's start. caller names
+ * the public routine for the panic on invalid UTF-8.
+ */
+ssize_t FindInRange(const char *caller, const char *str, ssize_t strStart, ssize_t strLength,
+                    const char *strToFind, ssize_t strToFindStart, ssize_t strToFindLength,
+                    bool last)
+{
+   size_t size = CheckedLength(str, caller);
+   size_t needleSize = CheckedLength(strToFind, caller);
+   ByteRange hay = RangeOf(str, size, strStart, strLength);
+   ByteRange needle = RangeOf(strToFind, needleSize, strToFindStart, strToFindLength);
+   size_t needleBytes = needle.end - needle.begin;
+   if (needle.count == 0) {
+      return (ssize_t)hay.startIndex;
+   }
+   ssize_t found = -1;
+   size_t index = hay.startIndex;
+   for (size_t at = hay.begin; at + needleBytes <= hay.end;
+        at += CharLength((unsigned char)str[at]), index++) {
+      if (memcmp(str + at, strToFind + needle.begin, needleBytes) == 0) {
+         found = (ssize_t)index;
+         if (!last) {
+            break;
+         }
+      }
+   }
+   return found;
+}
+
 }  // namespace
 
 extern "C" {
@@ -161,48 +192,16 @@ ssize_t Unicode_FindSubstrInRange(const char *str, ssize_t strStart, ssize_t str
                                   const char *strToFind, ssize_t strToFindStart,
                                   ssize_t strToFindLength)
 {
-   size_t size = CheckedLength(str, "Unicode_FindSubstrInRange");
-   size_t needleSize = CheckedLength(strToFind, "Unicode_FindSubstrInRange");
-   ByteRange hay = RangeOf(str, size, strStart, strLength);
-   ByteRange needle = RangeOf(strToFind, needleSize, strToFindStart, strToFindLength);
-   size_t needleBytes = needle.end - needle.begin;
-   if (needle.count == 0) {
-      return (ssize_t)hay.startIndex;
-   }
-   size_t index = hay.startIndex;
-   for (size_t at = hay.begin; at + needleBytes <= hay.end;
-        at += CharLength((unsigned char)str[at]), index++) {
-      if (memcmp(str + at, strToFind + needle.begin, needleBytes) == 0) {
-         return (ssize_t)index;
-      }
-   }
-   return -1;
+   return FindInRange("Unicode_FindSubstrInRange", str, strStart, strLength, strToFind,
+                      strToFindStart, strToFindLength, false);
 }
 
 ssize_t Unicode_FindLastSubstrInRange(const char *str, ssize_t strStart, ssize_t strLength,
                                       const char *strToFind, ssize_t strToFindStart,
                                       ssize_t strToFindLength)
 {
-   size_t size = CheckedLength(str, "Unicode_FindLastSubstrInRange");
-   size_t needleSize = CheckedLength(strToFind, "Unicode_FindLastSubstrInRange");
-   ByteRange hay = RangeOf(str, size, strStart, strLength);
-   ByteRange needle = RangeOf(strToFind, needleSize, strToFindStart, strToFindLength);
-   size_t needleBytes = needle.end - needle.begin;
-   if (needle.count == 0) {
-      return (ssize_t)hay.startIndex;
-   }
-   if (needle.count > hay.count) {
-      return -1;
-   }
-   ssize_t found = -1;
-   size_t index = hay.startIndex;
-   for (size_t at = hay.begin; at + needleBytes <= hay.end;
-        at += CharLength((unsigned char)str[at]), index++) {
-      if (memcmp(str + at, strToFind + needle.begin, needleBytes) == 0) {
-         found = (ssize_t)index;
-      }
-   }
-   return found;
+   return FindInRange("Unicode_FindLastSubstrInRange", str, strStart, strLength, strToFind,
+                      strToFindStart, strToFindLength, true);
 }
 
 int Unicode_CompareRange(const char *str1, ssize_t str1Start, ssize_t str1Length, const char *str2,
