@@ -293,7 +293,8 @@ TEST_F(CodeSetTest, BuiltinAgreesWithIcu)
             SCOPED_TRACE(std::string(fromName) + "->" + toName + " policy " +
                          std::to_string(policy) + " " + testing::PrintToString(input));
             if (policy != 0 && to != STRING_ENCODING_US_ASCII && !Builtin(from, input, to).ok) {
-               ASSERT_FALSE(ours.ok); /* ill-formed input fails the built-in path under every policy */
+               ASSERT_FALSE(
+                   ours.ok); /* ill-formed input fails the built-in path under every policy */
                continue;
             }
             Result icu = Convert(fromName, input, toName, policy);
