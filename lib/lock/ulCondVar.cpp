@@ -14,6 +14,7 @@
 
 #include <new>
 
+#include "internal/retry.h"
 #include "lock/ulInt.h"
 #include "log.h"
 #include "util.h"
@@ -30,46 +31,29 @@ MXUserCondVar *MXUserCreateCondVar(MXUserHeader *header, MXRecLock *lock)
 
 namespace {
 
-/* One futex call on a condition variable's sequence; 0 or an error number. */
-int SequenceFutex(MXUserCondVar *condVar, int op, uint32_t value, const struct timespec *timeout)
+/* One futex call on a condition variable's sequence: the system call's result, errno set. */
+long SequenceFutex(MXUserCondVar *condVar, int op, uint32_t value, const struct timespec *timeout)
 {
-   long rc = syscall(SYS_futex, reinterpret_cast<uint32_t *>(&condVar->sequence),
-                     op | FUTEX_PRIVATE_FLAG, value, timeout, nullptr, 0);
-   return rc < 0 ? errno : 0;
+   return syscall(SYS_futex, reinterpret_cast<uint32_t *>(&condVar->sequence),
+                  op | FUTEX_PRIVATE_FLAG, value, timeout, nullptr, FUTEX_BITSET_MATCH_ANY);
 }
 
 /* Sleeps while the sequence holds noted: 0 when woken or moved on, else ETIMEDOUT or a fault. */
 int SleepOnSequence(MXUserCondVar *condVar, uint32_t noted, uint32_t msecWait)
 {
-   if (msecWait == MXUSER_WAIT_INFINITE) {
-      for (;;) {
-         int err = SequenceFutex(condVar, FUTEX_WAIT, noted, nullptr);
-         if (err != EINTR) {
-            return err == EAGAIN ? 0 : err;
-         }
-      }
+   /* An absolute deadline, so that a wait interrupted by a signal resumes with what is left. */
+   struct timespec deadline;
+   const struct timespec *until = nullptr;
+   if (msecWait != MXUSER_WAIT_INFINITE) {
+      clock_gettime(CLOCK_MONOTONIC, &deadline);
+      uint64_t nsec = static_cast<uint64_t>(deadline.tv_nsec) + (msecWait % 1000) * 1000000ULL;
+      deadline.tv_sec += static_cast<time_t>(msecWait / 1000 + nsec / 1000000000ULL);
+      deadline.tv_nsec = static_cast<long>(nsec % 1000000000ULL);
+      until = &deadline;
    }
-   struct timespec now;
-   clock_gettime(CLOCK_MONOTONIC, &now);
-   uint64_t nowNs =
-       static_cast<uint64_t>(now.tv_sec) * 1000000000ULL + static_cast<uint64_t>(now.tv_nsec);
-   uint64_t deadline = nowNs + static_cast<uint64_t>(msecWait) * 1000000ULL;
-   for (;;) {
-      uint64_t left = deadline - nowNs;
-      struct timespec timeout;
-      timeout.tv_sec = static_cast<time_t>(left / 1000000000ULL);
-      timeout.tv_nsec = static_cast<long>(left % 1000000000ULL);
-      int err = SequenceFutex(condVar, FUTEX_WAIT, noted, &timeout);
-      if (err != EINTR) {
-         return err == EAGAIN ? 0 : err;
-      }
-      clock_gettime(CLOCK_MONOTONIC, &now);
-      nowNs =
-          static_cast<uint64_t>(now.tv_sec) * 1000000000ULL + static_cast<uint64_t>(now.tv_nsec);
-      if (nowNs >= deadline) {
-         return ETIMEDOUT;
-      }
-   }
+   long rc =
+       tesmar::RetryEintr([&] { return SequenceFutex(condVar, FUTEX_WAIT_BITSET, noted, until); });
+   return rc == 0 || errno == EAGAIN ? 0 : errno;
 }
 
 void MXUserWaitInternal(MXRecLock *lock, MXUserCondVar *condVar, uint32_t msecWait)
@@ -99,7 +83,7 @@ void MXUserWaitInternal(MXRecLock *lock, MXUserCondVar *condVar, uint32_t msecWa
 int WakeSequence(MXUserCondVar *condVar, int count)
 {
    condVar->sequence.fetch_add(1, std::memory_order_release);
-   return SequenceFutex(condVar, FUTEX_WAKE, static_cast<uint32_t>(count), nullptr);
+   return SequenceFutex(condVar, FUTEX_WAKE, static_cast<uint32_t>(count), nullptr) < 0 ? errno : 0;
 }
 
 }  // namespace
