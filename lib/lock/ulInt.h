@@ -1,5 +1,5 @@
 /*
- * Inside of the instrumented locks: the common header, the native recursive lock every lock
+ * Inside of the instrumented locks: the common header, the recursive lock word every lock
  * kind is built on, the lock objects, the statistics records and the library globals.
  */
 #ifndef TESMAR_LOCK_ULINT_H
