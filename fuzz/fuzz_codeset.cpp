@@ -12,9 +12,11 @@
 
 #include <string>
 
+#include <unicode/uchar.h>
 #include <unicode/utypes.h>
 
 #include "codeset.h"
+#include "internal/utf.h"
 #include "misc/codesetBuiltin.h"
 
 namespace {
@@ -72,6 +74,24 @@ bool IsAscii(const std::string &s)
    return true;
 }
 
+/* ICU's substitution drops default-ignorable characters (format controls and the like). */
+bool HasDefaultIgnorable(const std::string &utf8)
+{
+   const uint8_t *s = (const uint8_t *)utf8.data();
+   for (size_t i = 0; i < utf8.size();) {
+      uint32_t cp;
+      int len = tesmar::utf::DecodeUtf8(s + i, utf8.size() - i, &cp, false);
+      if (len <= 0) {
+         return false;
+      }
+      if (u_hasBinaryProperty((UChar32)cp, UCHAR_DEFAULT_IGNORABLE_CODE_POINT)) {
+         return true;
+      }
+      i += (size_t)len;
+   }
+   return false;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
@@ -114,8 +134,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
       }
    }
    if (p.to == STRING_ENCODING_US_ASCII && p.from == STRING_ENCODING_UTF8 &&
-       !CodeSetIsValidUtf8(in.data(), in.size())) {
+       (!CodeSetIsValidUtf8(in.data(), in.size()) || HasDefaultIgnorable(in))) {
       return 0;
+   }
+
+   /* Ill-formed input fails the built-in path whatever the policy; ICU repairs it. */
+   if (policy != 0 && p.to != STRING_ENCODING_US_ASCII && !Run(false, p, in, 0).ok) {
+      if (Run(false, p, in, policy).ok) {
+         abort();
+      }
+      policy = 0;
    }
 
    Result ours = Run(false, p, in, policy);

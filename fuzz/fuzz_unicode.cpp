@@ -3,7 +3,7 @@
  * code-point operations on whatever valid UTF-8 the input holds.
  *
  * The escape text is shaped so that it never asks for a panic (non-ASCII bytes, missing hex
- * digits, code points past U+10FFFF), since those end the process by design.
+ * digits, code points past U+10FFFF, surrogates), since those end the process by design.
  */
 #include <stdint.h>
 #include <stdlib.h>
@@ -12,6 +12,7 @@
 #include <string>
 
 #include "codeset.h"
+#include "internal/utf.h"
 #include "unicode.h"
 
 namespace {
@@ -20,29 +21,13 @@ const char kHex[] = "0123456789abcdef";
 
 void AppendUtf8(std::string &out, uint32_t cp)
 {
-   if (cp >= 0xD800 && cp <= 0xDFFF) {
-      cp = 0xFFFD; /* a lone surrogate escape decodes to the replacement character */
-   }
-   if (cp < 0x80) {
-      out += (char)cp;
-   } else if (cp < 0x800) {
-      out += (char)(0xC0 | (cp >> 6));
-      out += (char)(0x80 | (cp & 0x3F));
-   } else if (cp < 0x10000) {
-      out += (char)(0xE0 | (cp >> 12));
-      out += (char)(0x80 | ((cp >> 6) & 0x3F));
-      out += (char)(0x80 | (cp & 0x3F));
-   } else {
-      out += (char)(0xF0 | (cp >> 18));
-      out += (char)(0x80 | ((cp >> 12) & 0x3F));
-      out += (char)(0x80 | ((cp >> 6) & 0x3F));
-      out += (char)(0x80 | (cp & 0x3F));
-   }
+   uint8_t bytes[4];
+   out.append((const char *)bytes, (size_t)(tesmar::utf::EncodeUtf8(cp, bytes) - bytes));
 }
 
 /*
- * Builds an escaped text from the input bytes and the UTF-8 it must decode to. Adjacent
- * surrogate escapes would pair up, so the reference keeps high surrogates out of escapes.
+ * Builds an escaped text from the input bytes and the UTF-8 it must decode to. A surrogate
+ * escape is no character (a lone one ends the process by design), so none is made.
  */
 void Shape(const uint8_t *data, size_t size, std::string &escaped, std::string &expected)
 {
@@ -75,7 +60,7 @@ void Shape(const uint8_t *data, size_t size, std::string &escaped, std::string &
          cp = cp << 8 | data[i++];
       }
       cp = digits == 4 ? cp & 0xFFFF : cp % 0x110000;
-      if (cp >= 0xD800 && cp <= 0xDBFF) {
+      if (tesmar::utf::IsSurrogate(cp)) {
          cp = 0x20;
       }
       if (cp == 0) {

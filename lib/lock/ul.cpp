@@ -2,46 +2,102 @@
  * Services common to every lock kind: signatures, serial numbers, the list of live locks, the
  * host hooks, the panic state and the dump-then-panic fault path.
  */
+#include <limits.h>
+#include <linux/futex.h>
 #include <stdarg.h>
 #include <stdlib.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
-
-#include <new>
+#include <unistd.h>
 
 #include "lock/ulInt.h"
 #include "log.h"
 #include "str.h"
 #include "util.h"
 
-MXUserHostHooks mxUserHostHooks;
-std::atomic<uint64_t> mxUserSerialCounter{1};
+MXUserHostHooks gMXUserHostHooks;
+std::atomic<uint64_t> gMXUserSerialCounter{1};
 
 namespace {
 
-std::atomic<uint64_t> signatureSalt{0};
-std::atomic<MXRecLock *> listLockMem{nullptr};
-MXUserHeader *lockListHead = nullptr;
-std::atomic<bool> inPanic{false};
-std::atomic<uint32_t> dumpAndPanicCount{0};
+std::atomic<uint64_t> gSignatureSalt{0};
+std::atomic<uint32_t> gLastThreadID{0};
+/* The list lock needs no set-up: a zero lock word is a free lock. */
+MXRecLock gListLock;
+MXUserHeader *gLockListHead = nullptr;
+std::atomic<bool> gInPanic{false};
+std::atomic<uint32_t> gDumpAndPanicCount{0};
+
+/* Spins before sleeping: most holds are short and a sleep costs two system calls. */
+constexpr int kSpinsBeforeSleep = 100;
+
+long Futex(std::atomic<uint32_t> *word, int op, uint32_t value)
+{
+   return syscall(SYS_futex, reinterpret_cast<uint32_t *>(word), op | FUTEX_PRIVATE_FLAG, value,
+                  nullptr, nullptr, 0);
+}
 
 }  // namespace
 
+uint32_t MXUserNewThreadID(void)
+{
+   uint32_t id = gLastThreadID.fetch_add(1, std::memory_order_relaxed) + 1;
+   if (id >= kMXRecLockWaiters) {
+      Panic("%s: too many threads!\n", "MXUserNewThreadID");
+   }
+   return id;
+}
+
+void MXRecLockWait(MXRecLock *lock, uint32_t self)
+{
+   for (int spin = 0; spin < kSpinsBeforeSleep; spin++) {
+      if (lock->owner.load(std::memory_order_relaxed) == 0 && MXRecLockTake(lock, self)) {
+         return;
+      }
+      __builtin_ia32_pause();
+   }
+   /* From here on the word says there may be sleepers, so that the holder's release wakes one. */
+   uint32_t current = lock->owner.load(std::memory_order_relaxed);
+   for (;;) {
+      if (current == 0) {
+         if (lock->owner.compare_exchange_weak(current, self | kMXRecLockWaiters,
+                                               std::memory_order_acquire,
+                                               std::memory_order_relaxed)) {
+            return;
+         }
+         continue;
+      }
+      if ((current & kMXRecLockWaiters) == 0 &&
+          !lock->owner.compare_exchange_weak(current, current | kMXRecLockWaiters,
+                                             std::memory_order_relaxed)) {
+         continue;
+      }
+      Futex(&lock->owner, FUTEX_WAIT, current | kMXRecLockWaiters);
+      current = lock->owner.load(std::memory_order_relaxed);
+   }
+}
+
+void MXRecLockWake(MXRecLock *lock)
+{
+   Futex(&lock->owner, FUTEX_WAKE, 1);
+}
+
 uint32_t MXUserGetSignature(MXUserObjectType objectType)
 {
-   uint64_t salt = signatureSalt.load(std::memory_order_acquire);
+   uint64_t salt = gSignatureSalt.load(std::memory_order_acquire);
    if (salt == 0) {
       struct timeval now;
       gettimeofday(&now, nullptr);
       uint64_t fresh = now.tv_sec == 0 ? 1 : static_cast<uint64_t>(now.tv_sec);
       uint64_t expected = 0;
-      salt = signatureSalt.compare_exchange_strong(expected, fresh) ? fresh : expected;
+      salt = gSignatureSalt.compare_exchange_strong(expected, fresh) ? fresh : expected;
    }
    return (static_cast<uint32_t>(objectType) << 28) | static_cast<uint32_t>(salt & 0x0FFFFFFF);
 }
 
 uint64_t MXUserAllocSerialNumber(void)
 {
-   uint64_t value = mxUserSerialCounter.fetch_add(1);
+   uint64_t value = gMXUserSerialCounter.fetch_add(1);
    if (value == 0) {
       Panic("%s: too many locks!\n", "MXUserAllocSerialNumber");
    }
@@ -70,44 +126,29 @@ void MXUserDumpHeaderFields(const MXUserHeader *header)
 
 MXRecLock *MXUserInternalListLock(void)
 {
-   MXRecLock *lock = listLockMem.load(std::memory_order_acquire);
-   if (lock != nullptr) {
-      return lock;
-   }
-   auto *fresh = static_cast<MXRecLock *>(Util_SafeMalloc(sizeof(MXRecLock)));
-   new (fresh) MXRecLock;
-   if (!MXRecLockInit(fresh)) {
-      free(fresh);
-      return nullptr;
-   }
-   return MXUserPublish<MXRecLock>(listLockMem, fresh, [](MXRecLock *loser) {
-      MXRecLockDestroy(loser);
-      free(loser);
-   });
+   return &gListLock;
 }
 
-MXRecLock *MXUserListLockIfAny(void)
+void MXUserDumpRecLockFields(const MXRecLock *lock)
 {
-   return listLockMem.load(std::memory_order_acquire);
+   Warning("\tlock count %d\n", MXRecLockCount(lock));
+   Warning("\taddress of owner data %p\n", static_cast<const void *>(&lock->owner));
 }
 
 void MXUserAddToList(MXUserHeader *header)
 {
    MXRecLock *listLock = MXUserInternalListLock();
-   if (listLock == nullptr) {
-      return;
-   }
    MXRecLockAcquire(listLock);
-   if (lockListHead == nullptr) {
+   if (gLockListHead == nullptr) {
       header->next = header;
       header->prev = header;
-      lockListHead = header;
+      gLockListHead = header;
    } else {
-      MXUserHeader *tail = lockListHead->prev;
-      header->next = lockListHead;
+      MXUserHeader *tail = gLockListHead->prev;
+      header->next = gLockListHead;
       header->prev = tail;
       tail->next = header;
-      lockListHead->prev = header;
+      gLockListHead->prev = header;
    }
    MXRecLockRelease(listLock);
 }
@@ -115,19 +156,16 @@ void MXUserAddToList(MXUserHeader *header)
 void MXUserRemoveFromList(MXUserHeader *header)
 {
    MXRecLock *listLock = MXUserInternalListLock();
-   if (listLock == nullptr) {
-      return;
-   }
    MXRecLockAcquire(listLock);
    if (header->next == header) {
-      if (lockListHead == header) {
-         lockListHead = nullptr;
+      if (gLockListHead == header) {
+         gLockListHead = nullptr;
       }
    } else {
       header->prev->next = header->next;
       header->next->prev = header->prev;
-      if (lockListHead == header) {
-         lockListHead = header->next;
+      if (gLockListHead == header) {
+         gLockListHead = header->next;
       }
    }
    header->next = header->prev = nullptr;
@@ -137,7 +175,7 @@ void MXUserRemoveFromList(MXUserHeader *header)
 /* Walks the live-lock list with the list lock held (the statistics report). */
 void MXUserForEachLock(void (*visit)(MXUserHeader *header, void *data), void *data)
 {
-   MXUserHeader *header = lockListHead;
+   MXUserHeader *header = gLockListHead;
    if (header == nullptr) {
       return;
    }
@@ -145,12 +183,12 @@ void MXUserForEachLock(void (*visit)(MXUserHeader *header, void *data), void *da
       MXUserHeader *next = header->next;
       visit(header, data);
       header = next;
-   } while (header != lockListHead);
+   } while (header != gLockListHead);
 }
 
 void MXUserDumpAndPanic(MXUserHeader *header, const char *fmt, ...)
 {
-   if (dumpAndPanicCount.fetch_add(1) + 1 >= 6) {
+   if (gDumpAndPanicCount.fetch_add(1) + 1 >= 6) {
       MXUser_SetInPanic();
    }
    if (header->dumpFunc != nullptr) {
@@ -167,19 +205,19 @@ extern "C" {
 
 void MXUser_SetInPanic(void)
 {
-   inPanic.store(true);
-   if (mxUserHostHooks.setInPanicFunc != nullptr) {
-      mxUserHostHooks.setInPanicFunc();
+   gInPanic.store(true);
+   if (gMXUserHostHooks.setInPanicFunc != nullptr) {
+      gMXUserHostHooks.setInPanicFunc();
    }
 }
 
 bool MXUser_InPanic(void)
 {
-   if (inPanic.load()) {
+   if (gInPanic.load()) {
       return true;
    }
-   if (mxUserHostHooks.inPanicFunc != nullptr) {
-      return mxUserHostHooks.inPanicFunc();
+   if (gMXUserHostHooks.inPanicFunc != nullptr) {
+      return gMXUserHostHooks.inPanicFunc();
    }
    return false;
 }
@@ -192,7 +230,7 @@ void MXUserInstallMxHooks(void (*theLockListFunc)(void), MX_Rank (*theRankFunc)(
                           const char *(*theNameFunc)(const MX_MutexRec *lock),
                           void (*theSetInPanicFunc)(void), bool (*theInPanicFunc)(void))
 {
-   MXUserHostHooks &h = mxUserHostHooks;
+   MXUserHostHooks &h = gMXUserHostHooks;
    if (h.lockListFunc == nullptr && h.rankFunc == nullptr && h.lockFunc == nullptr &&
        h.unlockFunc == nullptr && h.tryLockFunc == nullptr && h.isLockedFunc == nullptr &&
        h.nameFunc == nullptr && h.setInPanicFunc == nullptr && h.inPanicFunc == nullptr) {

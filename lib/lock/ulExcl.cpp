@@ -1,6 +1,6 @@
 /*
- * Exclusive locks. They share the native recursive acquire, so a second acquire by the owner
- * nests; callers rely on that leniency.
+ * Exclusive locks. They share the recursive lock word, so a second acquire by the owner nests;
+ * callers rely on that leniency.
  */
 #include <stdlib.h>
 
@@ -13,38 +13,20 @@
 
 namespace {
 
-MXUserExclLock *ExclLockOf(MXUserHeader *header)
-{
-   return reinterpret_cast<MXUserExclLock *>(header);
-}
-
 void MXUserDumpExclLock(MXUserHeader *header)
 {
-   MXUserExclLock *lock = ExclLockOf(header);
+   MXUserExclLock *lock = reinterpret_cast<MXUserExclLock *>(header);
    Warning("%s: Exclusive lock @ %p\n", "MXUserDumpExclLock", static_cast<void *>(lock));
    MXUserDumpHeaderFields(header);
-   Warning("\tlock count %d\n", MXRecLockCount(&lock->recursiveLock));
-   Warning("\taddress of owner data %p\n", static_cast<void *>(&lock->recursiveLock.owner));
-}
-
-void MXUserStatsActionExcl(MXUserHeader *header)
-{
-   MXUserExclLock *lock = ExclLockOf(header);
-   MXUserLockStatsAction(header, lock->acquireStatsMem, lock->heldStatsMem);
+   MXUserDumpRecLockFields(&lock->recursiveLock);
 }
 
 MXUserExclLock *CreateExclLock(const char *name, MX_Rank rank, const void *caller)
 {
    void *mem = Util_SafeCalloc(1, sizeof(MXUserExclLock));
    MXUserExclLock *lock = new (mem) MXUserExclLock();
-   if (!MXRecLockInit(&lock->recursiveLock)) {
-      Panic("%s: native lock initialization routine failed\n", "MXUser_CreateExclLock");
-   }
-   MXUserInitHeader(&lock->header, name, "X-%p", caller, MXUSER_TYPE_EXCL, rank,
-                    MXUserDumpExclLock);
-   MXUserEnableStats("MXUser_CreateExclLock", &lock->header, lock->acquireStatsMem,
-                     lock->heldStatsMem, MXUserStatsActionExcl);
-   MXUserAddToList(&lock->header);
+   MXUserSetUpLock(lock, "MXUser_CreateExclLock", name, "X-%p", caller, MXUSER_TYPE_EXCL, rank,
+                   MXUserDumpExclLock);
    return lock;
 }
 
@@ -61,39 +43,23 @@ __attribute__((noinline)) MXUserExclLock *MXUser_CreateSingletonExclLock(
     MXUserExclLock **lockStorage, const char *name, MX_Rank rank)
 {
    const void *caller = __builtin_return_address(0);
-   return MXUserCreateSingleton(
+   return tesmar::GetOrPublish(
        lockStorage, [&] { return CreateExclLock(name, rank, caller); }, MXUser_DestroyExclLock);
 }
 
 void MXUser_AcquireExclLock(MXUserExclLock *lock)
 {
-   MXUserAcquisitionStats *stats = lock->acquireStatsMem.load(std::memory_order_relaxed);
-   if (__builtin_expect(stats == nullptr, 1)) {
-      MXRecLockAcquire(&lock->recursiveLock);
-   } else {
-      MXUserAcquireWithStats(&lock->recursiveLock, stats,
-                             lock->heldStatsMem.load(std::memory_order_relaxed));
-   }
+   MXUserAcquireLock(lock);
 }
 
 void MXUser_ReleaseExclLock(MXUserExclLock *lock)
 {
-   MXUserHeldStats *held = lock->heldStatsMem.load(std::memory_order_relaxed);
-   if (__builtin_expect(held == nullptr, 1)) {
-      MXRecLockRelease(&lock->recursiveLock);
-   } else {
-      MXUserReleaseWithStats(&lock->recursiveLock, held);
-   }
+   MXUserReleaseLock(lock);
 }
 
 bool MXUser_TryAcquireExclLock(MXUserExclLock *lock)
 {
-   MXUserAcquisitionStats *stats = lock->acquireStatsMem.load(std::memory_order_relaxed);
-   if (stats == nullptr) {
-      return MXRecLockTryAcquire(&lock->recursiveLock);
-   }
-   return MXUserTryAcquireWithStats(&lock->recursiveLock, stats,
-                                    lock->heldStatsMem.load(std::memory_order_relaxed));
+   return MXUserTryAcquireLock(lock);
 }
 
 bool MXUser_IsCurThreadHoldingExclLock(MXUserExclLock *lock)
@@ -110,10 +76,7 @@ void MXUser_DestroyExclLock(MXUserExclLock *lock)
       MXUserDumpAndPanic(&lock->header, "%s: Destroy of an acquired exclusive lock\n",
                          "MXUser_DestroyExclLock");
    }
-   MXRecLockDestroy(&lock->recursiveLock);
-   MXUserRemoveFromList(&lock->header);
-   MXUserAcquisitionStatsFree(lock->acquireStatsMem.load());
-   MXUserHeldStatsFree(lock->heldStatsMem.load());
+   MXUserTearDownLock(lock);
    lock->header.signature = 0;
    free(lock->header.name);
    lock->~MXUserExclLock();

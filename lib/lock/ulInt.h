@@ -1,15 +1,17 @@
 /*
- * Inside of the instrumented locks: the common header, the native recursive lock every lock
+ * Inside of the instrumented locks: the common header, the recursive lock word every lock
  * kind is built on, the lock objects, the statistics records and the library globals.
  */
 #ifndef TESMAR_LOCK_ULINT_H
 #define TESMAR_LOCK_ULINT_H
 
-#include <pthread.h>
 #include <stdint.h>
+#include <sys/single_threaded.h>
 
 #include <atomic>
 
+#include "internal/publishOnce.h"
+#include "log.h"
 #include "userlock.h"
 
 /* Type tags in the top four bits of a signature. */
@@ -31,43 +33,47 @@ struct MXUserHeader {
 };
 
 /*
- * A native mutex with a count and an owner. Only the thread holding the mutex changes count
- * and owner; others read them without the mutex, which is safe because a thread can only find
- * itself recorded as owner if it is the owner. Relaxed atomics make that reading well defined
- * at the cost of plain moves.
+ * The lock every lock kind is built on: one word that is zero when the lock is free and
+ * otherwise holds the owning thread's number, with kMXRecLockWaiters set once a thread may be
+ * sleeping on it (a futex). Taking a free lock is one compare-and-exchange that also records
+ * the owner; the owner alone changes the nesting count, so others may read it without the lock.
  */
 struct MXRecLock {
-   pthread_mutex_t nativeLock;
-   std::atomic<int32_t> count;
-   std::atomic<uintptr_t> owner;
+   std::atomic<uint32_t> owner{0};
+   std::atomic<int32_t> count{0};
 };
 
-constexpr uintptr_t MXUSER_NO_OWNER = ~static_cast<uintptr_t>(0);
+constexpr uint32_t kMXRecLockWaiters = 0x80000000u;
+
+/* Hands out the calling thread's number the first time it asks (ul.cpp). */
+uint32_t MXUserNewThreadID(void);
 
 /*
- * The calling thread's identity: the address of a thread-local anchor, unique among live
- * threads and cheaper to reach than a library call on every acquire.
+ * The calling thread's number: small, non-zero and never reused within the process, so that a
+ * lock word can hold it and a child process keeps a number that nobody else has.
  */
-inline uintptr_t MXUserThreadID(void)
+inline uint32_t MXUserThreadID(void)
 {
-   static thread_local char anchor;
-   return reinterpret_cast<uintptr_t>(&anchor);
+   static thread_local uint32_t id = 0;
+   uint32_t value = id;
+   if (__builtin_expect(value == 0, 0)) {
+      value = id = MXUserNewThreadID();
+   }
+   return value;
 }
+
+/* Contended halves of taking and giving the lock word (ul.cpp). */
+void MXRecLockWait(MXRecLock *lock, uint32_t self);
+void MXRecLockWake(MXRecLock *lock);
 
 inline bool MXRecLockInit(MXRecLock *lock)
 {
-   if (pthread_mutex_init(&lock->nativeLock, nullptr) != 0) {
-      return false;
-   }
+   lock->owner.store(0, std::memory_order_relaxed);
    lock->count.store(0, std::memory_order_relaxed);
-   lock->owner.store(MXUSER_NO_OWNER, std::memory_order_relaxed);
    return true;
 }
 
-inline void MXRecLockDestroy(MXRecLock *lock)
-{
-   pthread_mutex_destroy(&lock->nativeLock);
-}
+inline void MXRecLockDestroy(MXRecLock *lock) {}
 
 inline int32_t MXRecLockCount(const MXRecLock *lock)
 {
@@ -76,57 +82,88 @@ inline int32_t MXRecLockCount(const MXRecLock *lock)
 
 inline bool MXRecLockIsOwner(const MXRecLock *lock)
 {
-   return MXRecLockCount(lock) > 0 &&
-          lock->owner.load(std::memory_order_relaxed) == MXUserThreadID();
+   return (lock->owner.load(std::memory_order_relaxed) & ~kMXRecLockWaiters) == MXUserThreadID();
 }
 
-/* Called with the native mutex held: one more level. */
-inline void MXRecLockIncCount(MXRecLock *lock)
+/*
+ * Takes the lock word without waiting: true when it was free, else false with the word as found
+ * in *found. While the process has a single thread nobody can race for the word, so plain loads
+ * and stores stand in for the locked instructions, as the C library does for its own mutexes.
+ */
+inline bool MXRecLockTake(MXRecLock *lock, uint32_t self, uint32_t *found)
 {
-   int32_t count = lock->count.load(std::memory_order_relaxed);
-   if (count == 0) {
-      lock->owner.store(MXUserThreadID(), std::memory_order_relaxed);
+   if (__libc_single_threaded) {
+      *found = lock->owner.load(std::memory_order_relaxed);
+      if (*found != 0) {
+         return false;
+      }
+      lock->owner.store(self, std::memory_order_relaxed);
+      return true;
    }
-   lock->count.store(count + 1, std::memory_order_relaxed);
+   *found = 0;
+   return lock->owner.compare_exchange_strong(*found, self, std::memory_order_acquire,
+                                              std::memory_order_relaxed);
 }
 
-/* Called right after taking the native mutex: nobody else can hold a count now. */
-inline void MXRecLockSetOwner(MXRecLock *lock)
+inline bool MXRecLockTake(MXRecLock *lock, uint32_t self)
 {
-   lock->owner.store(MXUserThreadID(), std::memory_order_relaxed);
-   lock->count.store(1, std::memory_order_relaxed);
+   uint32_t found;
+   return MXRecLockTake(lock, self, &found);
+}
+
+/* Frees the lock word and wakes one sleeper if any may be waiting. */
+inline void MXRecLockGive(MXRecLock *lock)
+{
+   if (__libc_single_threaded) {
+      lock->owner.store(0, std::memory_order_relaxed);
+      return;
+   }
+   if (lock->owner.exchange(0, std::memory_order_release) & kMXRecLockWaiters) {
+      MXRecLockWake(lock);
+   }
+}
+
+/* Called by the owner: one more level. */
+inline void MXRecLockNest(MXRecLock *lock)
+{
+   lock->count.store(MXRecLockCount(lock) + 1, std::memory_order_relaxed);
 }
 
 inline void MXRecLockAcquire(MXRecLock *lock)
 {
-   if (MXRecLockIsOwner(lock)) {
-      lock->count.store(MXRecLockCount(lock) + 1, std::memory_order_relaxed);
-      return;
+   uint32_t self = MXUserThreadID();
+   uint32_t found;
+   if (__builtin_expect(MXRecLockTake(lock, self, &found), 1)) {
+      lock->count.store(1, std::memory_order_relaxed);
+   } else if ((found & ~kMXRecLockWaiters) == self) {
+      MXRecLockNest(lock);
+   } else {
+      MXRecLockWait(lock, self);
+      lock->count.store(1, std::memory_order_relaxed);
    }
-   pthread_mutex_lock(&lock->nativeLock);
-   MXRecLockSetOwner(lock);
 }
 
 inline bool MXRecLockTryAcquire(MXRecLock *lock)
 {
-   if (MXRecLockIsOwner(lock)) {
-      lock->count.store(MXRecLockCount(lock) + 1, std::memory_order_relaxed);
+   uint32_t self = MXUserThreadID();
+   uint32_t found;
+   if (MXRecLockTake(lock, self, &found)) {
+      lock->count.store(1, std::memory_order_relaxed);
       return true;
    }
-   if (pthread_mutex_trylock(&lock->nativeLock) != 0) {
-      return false;
+   if ((found & ~kMXRecLockWaiters) == self) {
+      MXRecLockNest(lock);
+      return true;
    }
-   MXRecLockSetOwner(lock);
-   return true;
+   return false;
 }
 
 inline void MXRecLockRelease(MXRecLock *lock)
 {
-   int32_t count = lock->count.load(std::memory_order_relaxed) - 1;
+   int32_t count = MXRecLockCount(lock) - 1;
    lock->count.store(count, std::memory_order_relaxed);
    if (count == 0) {
-      lock->owner.store(MXUSER_NO_OWNER, std::memory_order_relaxed);
-      pthread_mutex_unlock(&lock->nativeLock);
+      MXRecLockGive(lock);
    }
 }
 
@@ -191,8 +228,9 @@ struct MXUserExclLock {
 struct MXUserCondVar {
    uint32_t signature;
    MXUserHeader *header;
-   pthread_mutex_t *ownerLock;
-   pthread_cond_t condObject;
+   MXRecLock *ownerLock;
+   /* Bumped by every signal and broadcast; waiters sleep on it (a futex). */
+   std::atomic<uint32_t> sequence;
    std::atomic<uint32_t> referenceCount;
 };
 
@@ -204,8 +242,6 @@ void MXUserRemoveFromList(MXUserHeader *header);
 [[noreturn]] void MXUserDumpAndPanic(MXUserHeader *header, const char *fmt, ...)
     __attribute__((format(printf, 2, 3)));
 MXRecLock *MXUserInternalListLock(void);
-/* The list lock if it has been created, without creating it. */
-MXRecLock *MXUserListLockIfAny(void);
 /* Visits every live lock; the caller holds the list lock. */
 void MXUserForEachLock(void (*visit)(MXUserHeader *header, void *data), void *data);
 /*
@@ -217,39 +253,6 @@ void MXUserInitHeader(MXUserHeader *header, const char *name, const char *unname
                       void (*dumpFunc)(MXUserHeader *header));
 /* Warns the header fields that every lock dump lists after its first line. */
 void MXUserDumpHeaderFields(const MXUserHeader *header);
-
-/*
- * Lazy creation through a caller's pointer: returns the lock it holds, or creates one and
- * installs it by compare-and-exchange; a creator that loses the race destroys its own lock.
- */
-template <typename T, typename Create>
-T *MXUserCreateSingleton(T **storage, Create create, void (*destroy)(T *))
-{
-   std::atomic_ref<T *> slot(*storage);
-   T *lock = slot.load(std::memory_order_acquire);
-   if (lock != nullptr) {
-      return lock;
-   }
-   T *fresh = create();
-   T *expected = nullptr;
-   if (slot.compare_exchange_strong(expected, fresh, std::memory_order_acq_rel)) {
-      return fresh;
-   }
-   destroy(fresh);
-   return expected;
-}
-
-/* Publishes fresh into *slot unless it is set already; returns the object that stands. */
-template <typename T>
-T *MXUserPublish(std::atomic<T *> &slot, T *fresh, void (*destroy)(T *))
-{
-   T *expected = nullptr;
-   if (slot.compare_exchange_strong(expected, fresh, std::memory_order_acq_rel)) {
-      return fresh;
-   }
-   destroy(fresh);
-   return expected;
-}
 
 /* Host-mutex hooks. */
 struct MXUserHostHooks {
@@ -263,10 +266,10 @@ struct MXUserHostHooks {
    void (*setInPanicFunc)(void);
    bool (*inPanicFunc)(void);
 };
-extern MXUserHostHooks mxUserHostHooks;
+extern MXUserHostHooks gMXUserHostHooks;
 
 /* The serial-number counter (the next number to hand out). */
-extern std::atomic<uint64_t> mxUserSerialCounter;
+extern std::atomic<uint64_t> gMXUserSerialCounter;
 
 /* Statistics (ulStats.cpp). */
 uint64_t MXUserReadTimerNS(void);
@@ -304,6 +307,83 @@ void MXUserAcquireWithStats(MXRecLock *lock, MXUserAcquisitionStats *acquire,
 bool MXUserTryAcquireWithStats(MXRecLock *lock, MXUserAcquisitionStats *acquire,
                                MXUserHeldStats *held);
 void MXUserReleaseWithStats(MXRecLock *lock, MXUserHeldStats *held);
+
+/*
+ * Acquire, try and release for both lock kinds (Lock is MXUserExclLock or MXUserRecLock): the
+ * plain lock word unless the lock keeps statistics.
+ */
+template <typename Lock>
+inline void MXUserAcquireLock(Lock *lock)
+{
+   MXUserAcquisitionStats *stats = lock->acquireStatsMem.load(std::memory_order_relaxed);
+   if (__builtin_expect(stats == nullptr, 1)) {
+      MXRecLockAcquire(&lock->recursiveLock);
+   } else {
+      MXUserAcquireWithStats(&lock->recursiveLock, stats,
+                             lock->heldStatsMem.load(std::memory_order_relaxed));
+   }
+}
+
+template <typename Lock>
+inline bool MXUserTryAcquireLock(Lock *lock)
+{
+   MXUserAcquisitionStats *stats = lock->acquireStatsMem.load(std::memory_order_relaxed);
+   if (stats == nullptr) {
+      return MXRecLockTryAcquire(&lock->recursiveLock);
+   }
+   return MXUserTryAcquireWithStats(&lock->recursiveLock, stats,
+                                    lock->heldStatsMem.load(std::memory_order_relaxed));
+}
+
+template <typename Lock>
+inline void MXUserReleaseLock(Lock *lock)
+{
+   MXUserHeldStats *held = lock->heldStatsMem.load(std::memory_order_relaxed);
+   if (__builtin_expect(held == nullptr, 1)) {
+      MXRecLockRelease(&lock->recursiveLock);
+   } else {
+      MXUserReleaseWithStats(&lock->recursiveLock, held);
+   }
+}
+
+/* The statistics action of a lock kind, for MXUserEnableStats. */
+template <typename Lock>
+void MXUserStatsActionOf(MXUserHeader *header)
+{
+   Lock *lock = reinterpret_cast<Lock *>(header);
+   MXUserLockStatsAction(header, lock->acquireStatsMem, lock->heldStatsMem);
+}
+
+/*
+ * Sets up a new lock of either kind: header, statistics as the mode says and a place in the
+ * list of live locks. creator names the public routine for its panics.
+ */
+template <typename Lock>
+void MXUserSetUpLock(Lock *lock, const char *creator, const char *name, const char *unnamedFormat,
+                     const void *caller, MXUserObjectType type, MX_Rank rank,
+                     void (*dumpFunc)(MXUserHeader *header))
+{
+   if (!MXRecLockInit(&lock->recursiveLock)) {
+      Panic("%s: native lock initialization routine failed\n", creator);
+   }
+   MXUserInitHeader(&lock->header, name, unnamedFormat, caller, type, rank, dumpFunc);
+   MXUserEnableStats(creator, &lock->header, lock->acquireStatsMem, lock->heldStatsMem,
+                     MXUserStatsActionOf<Lock>);
+   MXUserAddToList(&lock->header);
+}
+
+/* Takes a lock of either kind off the list and frees its statistics. */
+template <typename Lock>
+void MXUserTearDownLock(Lock *lock)
+{
+   MXRecLockDestroy(&lock->recursiveLock);
+   MXUserRemoveFromList(&lock->header);
+   MXUserAcquisitionStatsFree(lock->acquireStatsMem.load());
+   MXUserHeldStatsFree(lock->heldStatsMem.load());
+}
+
+/* Warns the lock count and the address of the owner word, lines of every lock dump. */
+void MXUserDumpRecLockFields(const MXRecLock *lock);
 
 /* Condition variables (ulCondVar.cpp). */
 MXUserCondVar *MXUserCreateCondVar(MXUserHeader *header, MXRecLock *lock);

@@ -12,29 +12,17 @@
 
 namespace {
 
-MXUserRecLock *RecLockOf(MXUserHeader *header)
-{
-   return reinterpret_cast<MXUserRecLock *>(header);
-}
-
 void MXUserDumpRecLock(MXUserHeader *header)
 {
-   MXUserRecLock *lock = RecLockOf(header);
+   MXUserRecLock *lock = reinterpret_cast<MXUserRecLock *>(header);
    Warning("%s: Recursive lock @ %p\n", "MXUserDumpRecLock", static_cast<void *>(lock));
    MXUserDumpHeaderFields(header);
    Warning("\treference count %u\n", lock->refCount.load());
    if (lock->vmmLock == nullptr) {
-      Warning("\tlock count %d\n", MXRecLockCount(&lock->recursiveLock));
-      Warning("\taddress of owner data %p\n", static_cast<void *>(&lock->recursiveLock.owner));
+      MXUserDumpRecLockFields(&lock->recursiveLock);
    } else {
       Warning("\tvmmLock %p\n", static_cast<void *>(lock->vmmLock));
    }
-}
-
-void MXUserStatsActionRec(MXUserHeader *header)
-{
-   MXUserRecLock *lock = RecLockOf(header);
-   MXUserLockStatsAction(header, lock->acquireStatsMem, lock->heldStatsMem);
 }
 
 MXUserRecLock *AllocRecLock(void)
@@ -46,15 +34,10 @@ MXUserRecLock *AllocRecLock(void)
 MXUserRecLock *CreateRecLock(const char *name, MX_Rank rank, const void *caller)
 {
    MXUserRecLock *lock = AllocRecLock();
-   if (!MXRecLockInit(&lock->recursiveLock)) {
-      Panic("%s: native lock initialization routine failed\n", "MXUser_CreateRecLock");
-   }
    lock->vmmLock = nullptr;
    lock->refCount.store(1);
-   MXUserInitHeader(&lock->header, name, "R-%p", caller, MXUSER_TYPE_REC, rank, MXUserDumpRecLock);
-   MXUserEnableStats("MXUser_CreateRecLock", &lock->header, lock->acquireStatsMem,
-                     lock->heldStatsMem, MXUserStatsActionRec);
-   MXUserAddToList(&lock->header);
+   MXUserSetUpLock(lock, "MXUser_CreateRecLock", name, "R-%p", caller, MXUSER_TYPE_REC, rank,
+                   MXUserDumpRecLock);
    return lock;
 }
 
@@ -68,10 +51,7 @@ void MXUserCondDestroyRecLock(MXUserRecLock *lock)
          MXUserDumpAndPanic(&lock->header, "%s: Destroy of an acquired recursive lock\n",
                             "MXUserCondDestroyRecLock");
       }
-      MXRecLockDestroy(&lock->recursiveLock);
-      MXUserRemoveFromList(&lock->header);
-      MXUserAcquisitionStatsFree(lock->acquireStatsMem.load());
-      MXUserHeldStatsFree(lock->heldStatsMem.load());
+      MXUserTearDownLock(lock);
    }
    lock->header.signature = 0;
    free(lock->header.name);
@@ -93,56 +73,40 @@ __attribute__((noinline)) MXUserRecLock *MXUser_CreateSingletonRecLock(MXUserRec
                                                                        MX_Rank rank)
 {
    const void *caller = __builtin_return_address(0);
-   return MXUserCreateSingleton(
+   return tesmar::GetOrPublish(
        lockStorage, [&] { return CreateRecLock(name, rank, caller); }, MXUser_DestroyRecLock);
 }
 
 void MXUser_AcquireRecLock(MXUserRecLock *lock)
 {
    if (__builtin_expect(lock->vmmLock != nullptr, 0)) {
-      mxUserHostHooks.lockFunc(lock->vmmLock);
+      gMXUserHostHooks.lockFunc(lock->vmmLock);
       return;
    }
-   MXUserAcquisitionStats *stats = lock->acquireStatsMem.load(std::memory_order_relaxed);
-   if (__builtin_expect(stats == nullptr, 1)) {
-      MXRecLockAcquire(&lock->recursiveLock);
-   } else {
-      MXUserAcquireWithStats(&lock->recursiveLock, stats,
-                             lock->heldStatsMem.load(std::memory_order_relaxed));
-   }
+   MXUserAcquireLock(lock);
 }
 
 void MXUser_ReleaseRecLock(MXUserRecLock *lock)
 {
    if (__builtin_expect(lock->vmmLock != nullptr, 0)) {
-      mxUserHostHooks.unlockFunc(lock->vmmLock);
+      gMXUserHostHooks.unlockFunc(lock->vmmLock);
       return;
    }
-   MXUserHeldStats *held = lock->heldStatsMem.load(std::memory_order_relaxed);
-   if (__builtin_expect(held == nullptr, 1)) {
-      MXRecLockRelease(&lock->recursiveLock);
-   } else {
-      MXUserReleaseWithStats(&lock->recursiveLock, held);
-   }
+   MXUserReleaseLock(lock);
 }
 
 bool MXUser_TryAcquireRecLock(MXUserRecLock *lock)
 {
    if (lock->vmmLock != nullptr) {
-      return mxUserHostHooks.tryLockFunc(lock->vmmLock);
+      return gMXUserHostHooks.tryLockFunc(lock->vmmLock);
    }
-   MXUserAcquisitionStats *stats = lock->acquireStatsMem.load(std::memory_order_relaxed);
-   if (stats == nullptr) {
-      return MXRecLockTryAcquire(&lock->recursiveLock);
-   }
-   return MXUserTryAcquireWithStats(&lock->recursiveLock, stats,
-                                    lock->heldStatsMem.load(std::memory_order_relaxed));
+   return MXUserTryAcquireLock(lock);
 }
 
 bool MXUser_IsCurThreadHoldingRecLock(MXUserRecLock *lock)
 {
    if (lock->vmmLock != nullptr) {
-      return mxUserHostHooks.isLockedFunc(lock->vmmLock);
+      return gMXUserHostHooks.isLockedFunc(lock->vmmLock);
    }
    return MXRecLockIsOwner(&lock->recursiveLock);
 }
@@ -181,7 +145,7 @@ void MXUser_DumpRecLock(MXUserRecLock *lock)
 
 MXUserRecLock *MXUser_BindMXMutexRec(MX_MutexRec *mutex, MX_Rank rank)
 {
-   const MXUserHostHooks &hooks = mxUserHostHooks;
+   const MXUserHostHooks &hooks = gMXUserHostHooks;
    if (hooks.lockFunc == nullptr || hooks.unlockFunc == nullptr || hooks.tryLockFunc == nullptr ||
        hooks.isLockedFunc == nullptr || hooks.nameFunc == nullptr) {
       return nullptr;

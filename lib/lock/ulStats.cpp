@@ -17,25 +17,25 @@
 
 namespace {
 
-std::atomic<int> statsMode{0};
+std::atomic<int> gStatsMode{0};
 
-MXUserStatsFunc *statsFunc = nullptr;
-void *statsContext = nullptr;
-char *statsLine = nullptr;
-uint32_t statsMaxLineLength = 0;
+MXUserStatsFunc *gStatsFunc = nullptr;
+void *gStatsContext = nullptr;
+char *gStatsLine = nullptr;
+uint32_t gStatsMaxLineLength = 0;
 
-double contentionRatioFloor = 0.0;
-uint64_t contentionCountFloor = 0;
-uint64_t contentionDurationFloor = 0;
+double gContentionRatioFloor = 0.0;
+uint64_t gContentionCountFloor = 0;
+uint64_t gContentionDurationFloor = 0;
 
-uint64_t highestSerialAnnounced = 0;
+uint64_t gHighestSerialAnnounced = 0;
 
 /* Histograms forced onto a hot lock: 1 microsecond up to 10 seconds, 100 bins per decade. */
-constexpr uint64_t HOT_HISTO_MIN = 1000;
-constexpr uint32_t HOT_HISTO_DECADES = 7;
+constexpr uint64_t kHotHistoMin = 1000;
+constexpr uint32_t kHotHistoDecades = 7;
 
 /* 65536 * log2(1 + i / 256), the fractional part of a base-2 logarithm in 16.16 form. */
-constexpr uint32_t log2FractionTable[256] = {
+constexpr uint32_t kLog2FractionTable[256] = {
     0,     369,   736,   1102,  1466,  1829,  2190,  2551,  2909,  3267,  3623,  3978,  4331,
     4683,  5034,  5384,  5732,  6079,  6425,  6769,  7112,  7454,  7795,  8134,  8473,  8810,
     9146,  9480,  9814,  10146, 10477, 10807, 11136, 11464, 11791, 12116, 12440, 12764, 13086,
@@ -59,7 +59,7 @@ constexpr uint32_t log2FractionTable[256] = {
 };
 
 /* 65536 * log2(10), truncated: divides a 16.16 base-2 logarithm into a base-10 one. */
-constexpr uint64_t LOG2_OF_10_FIXED = 217705;
+constexpr uint64_t kLog2Of10Fixed = 217705;
 
 void BasicStatsInit(MXUserBasicStats *stats, const char *typeName)
 {
@@ -74,8 +74,8 @@ void BasicStatsInit(MXUserBasicStats *stats, const char *typeName)
 template <typename... Args>
 void StatsOut(const char *fmt, Args... args)
 {
-   if (statsFunc != nullptr) {
-      statsFunc(statsContext, fmt, args...);
+   if (gStatsFunc != nullptr) {
+      gStatsFunc(gStatsContext, fmt, args...);
    }
 }
 
@@ -102,8 +102,8 @@ uint32_t MXUserLog2Fixed(uint64_t value)
    } else {
       index = static_cast<uint32_t>(value << (8 - msb)) & 0xFF;
    }
-   uint32_t base = log2FractionTable[index];
-   uint32_t next = index == 255 ? 65536 : log2FractionTable[index + 1];
+   uint32_t base = kLog2FractionTable[index];
+   uint32_t next = index == 255 ? 65536 : kLog2FractionTable[index + 1];
    uint32_t fraction = base + static_cast<uint32_t>(((next - base) * further) >> furtherBits);
    return (msb << 16) + fraction;
 }
@@ -138,8 +138,7 @@ void MXUserHistoSample(MXUserHisto *histo, uint64_t value)
    uint32_t bin = 0;
    if (value >= histo->minValue) {
       uint64_t log10Times100 =
-          (100 * static_cast<uint64_t>(MXUserLog2Fixed(value / histo->minValue))) /
-          LOG2_OF_10_FIXED;
+          (100 * static_cast<uint64_t>(MXUserLog2Fixed(value / histo->minValue))) / kLog2Of10Fixed;
       bin = log10Times100 >= histo->numBins ? histo->numBins - 1
                                             : static_cast<uint32_t>(log10Times100);
    }
@@ -150,8 +149,7 @@ void MXUserForceHisto(std::atomic<MXUserHisto *> &slot, const char *typeName, ui
                       uint32_t decades)
 {
    if (slot.load(std::memory_order_acquire) == nullptr) {
-      MXUserPublish<MXUserHisto>(slot, MXUserHistoSetUp(typeName, minValue, decades),
-                                 MXUserHistoTearDown);
+      tesmar::PublishOnce(slot, MXUserHistoSetUp(typeName, minValue, decades), MXUserHistoTearDown);
    }
 }
 
@@ -247,11 +245,11 @@ void MXUserAcquisitionStatsSetUp(std::atomic<MXUserAcquisitionStats *> &slot)
    }
    void *mem = Util_SafeCalloc(1, sizeof(MXUserAcquisitionStats));
    auto *stats = new (mem) MXUserAcquisitionStats();
-   stats->contentionRatioFloor = contentionRatioFloor;
-   stats->contentionCountFloor = contentionCountFloor;
-   stats->contentionDurationFloor = contentionDurationFloor;
+   stats->contentionRatioFloor = gContentionRatioFloor;
+   stats->contentionCountFloor = gContentionCountFloor;
+   stats->contentionDurationFloor = gContentionDurationFloor;
    BasicStatsInit(&stats->basicStats, "a");
-   MXUserPublish<MXUserAcquisitionStats>(slot, stats, MXUserAcquisitionStatsFree);
+   tesmar::PublishOnce(slot, stats, MXUserAcquisitionStatsFree);
 }
 
 void MXUserHeldStatsSetUp(std::atomic<MXUserHeldStats *> &slot)
@@ -262,7 +260,7 @@ void MXUserHeldStatsSetUp(std::atomic<MXUserHeldStats *> &slot)
    void *mem = Util_SafeCalloc(1, sizeof(MXUserHeldStats));
    auto *stats = new (mem) MXUserHeldStats();
    BasicStatsInit(&stats->basicStats, "h");
-   MXUserPublish<MXUserHeldStats>(slot, stats, MXUserHeldStatsFree);
+   tesmar::PublishOnce(slot, stats, MXUserHeldStatsFree);
 }
 
 void MXUserEnableStats(const char *caller, MXUserHeader *header,
@@ -270,7 +268,7 @@ void MXUserEnableStats(const char *caller, MXUserHeader *header,
                        std::atomic<MXUserHeldStats *> &held,
                        void (*statsAction)(MXUserHeader *header))
 {
-   int mode = statsMode.load(std::memory_order_relaxed);
+   int mode = gStatsMode.load(std::memory_order_relaxed);
    switch (mode) {
       case 0:
          MXUserAcquisitionStatsFree(acquire.exchange(nullptr));
@@ -295,15 +293,16 @@ void MXUserEnableStats(const char *caller, MXUserHeader *header,
 void MXUserAcquireWithStats(MXRecLock *lock, MXUserAcquisitionStats *acquire, MXUserHeldStats *held)
 {
    if (MXRecLockIsOwner(lock)) {
-      MXRecLockIncCount(lock);
+      MXRecLockNest(lock);
       return;
    }
+   uint32_t self = MXUserThreadID();
    uint64_t begin = MXUserReadTimerNS();
-   bool contended = pthread_mutex_trylock(&lock->nativeLock) != 0;
+   bool contended = !MXRecLockTake(lock, self);
    if (contended) {
-      pthread_mutex_lock(&lock->nativeLock);
+      MXRecLockWait(lock, self);
    }
-   MXRecLockIncCount(lock);
+   lock->count.store(1, std::memory_order_relaxed);
    uint64_t end = MXUserReadTimerNS();
    MXUserAcquisitionSample(acquire, true, contended, end - begin);
    if (held != nullptr) {
@@ -315,14 +314,14 @@ bool MXUserTryAcquireWithStats(MXRecLock *lock, MXUserAcquisitionStats *acquire,
                                MXUserHeldStats *held)
 {
    if (MXRecLockIsOwner(lock)) {
-      MXRecLockIncCount(lock);
+      MXRecLockNest(lock);
       return true;
    }
    uint64_t begin = MXUserReadTimerNS();
-   bool acquired = pthread_mutex_trylock(&lock->nativeLock) == 0;
+   bool acquired = MXRecLockTake(lock, MXUserThreadID());
    uint64_t end = MXUserReadTimerNS();
    if (acquired) {
-      MXRecLockIncCount(lock);
+      lock->count.store(1, std::memory_order_relaxed);
       if (held != nullptr) {
          held->holdStart = end;
       }
@@ -374,12 +373,12 @@ void MXUserDumpAcquisitionStats(const MXUserAcquisitionStats *stats, const MXUse
 
 void MXUserDumpHisto(const MXUserHisto *histo, const MXUserHeader *header)
 {
-   if (histo == nullptr || histo->totalSamples == 0 || statsFunc == nullptr ||
-       statsLine == nullptr || statsMaxLineLength == 0) {
+   if (histo == nullptr || histo->totalSamples == 0 || gStatsFunc == nullptr ||
+       gStatsLine == nullptr || gStatsMaxLineLength == 0) {
       return;
    }
    int len =
-       Str_Snprintf(statsLine, statsMaxLineLength, "MXUser: h l=%llu t=%s min=%llu max=%llu\n",
+       Str_Snprintf(gStatsLine, gStatsMaxLineLength, "MXUser: h l=%llu t=%s min=%llu max=%llu\n",
                     static_cast<unsigned long long>(header->serialNumber), histo->typeName,
                     static_cast<unsigned long long>(histo->minValue),
                     static_cast<unsigned long long>(histo->maxValue));
@@ -390,7 +389,7 @@ void MXUserDumpHisto(const MXUserHisto *histo, const MXUserHeader *header)
          if (histo->binData[i] == 0) {
             continue;
          }
-         size_t spaceLeft = statsMaxLineLength - end;
+         size_t spaceLeft = gStatsMaxLineLength - end;
          if (spaceLeft <= 2) {
             break;
          }
@@ -400,11 +399,11 @@ void MXUserDumpHisto(const MXUserHisto *histo, const MXUserHeader *header)
          if (pieceLen < 0 || static_cast<size_t>(pieceLen) > spaceLeft - 2) {
             break;
          }
-         memcpy(statsLine + end, piece, static_cast<size_t>(pieceLen) + 1);
+         memcpy(gStatsLine + end, piece, static_cast<size_t>(pieceLen) + 1);
          end += static_cast<size_t>(pieceLen) - 1;
       }
    }
-   statsFunc(statsContext, "%s", statsLine);
+   gStatsFunc(gStatsContext, "%s", gStatsLine);
 }
 
 bool MXUserContentionVerdict(const MXUserAcquisitionStats *stats, double *ratio, bool *isHot,
@@ -453,9 +452,9 @@ void MXUserLockStatsAction(MXUserHeader *header, std::atomic<MXUserAcquisitionSt
    bool isHot;
    bool doLog;
    if (MXUserContentionVerdict(acquireStats, &ratio, &isHot, &doLog)) {
-      MXUserForceHisto(acquireStats->histo, "a", HOT_HISTO_MIN, HOT_HISTO_DECADES);
+      MXUserForceHisto(acquireStats->histo, "a", kHotHistoMin, kHotHistoDecades);
       if (heldStats != nullptr) {
-         MXUserForceHisto(heldStats->histo, "h", HOT_HISTO_MIN, HOT_HISTO_DECADES);
+         MXUserForceHisto(heldStats->histo, "h", kHotHistoMin, kHotHistoDecades);
       }
    }
    if (doLog) {
@@ -472,7 +471,7 @@ struct PerLockWalk {
 void PerLockVisit(MXUserHeader *header, void *data)
 {
    auto *walk = static_cast<PerLockWalk *>(data);
-   if (header->serialNumber > highestSerialAnnounced) {
+   if (header->serialNumber > gHighestSerialAnnounced) {
       StatsOut("MXUser: n n=%s l=%llu r=0x%x\n", header->name,
                static_cast<unsigned long long>(header->serialNumber), header->rank);
    }
@@ -490,42 +489,42 @@ extern "C" {
 
 void MXUser_SetStatsMode(int mode)
 {
-   statsMode.store(mode, std::memory_order_relaxed);
+   gStatsMode.store(mode, std::memory_order_relaxed);
 }
 
 int MXUser_GetStatsMode(void)
 {
-   return statsMode.load(std::memory_order_relaxed);
+   return gStatsMode.load(std::memory_order_relaxed);
 }
 
 void MXUser_SetStatsFunc(void *context, uint32_t maxLineLength, MXUserStatsFunc *func)
 {
-   free(statsLine);
-   statsLine = static_cast<char *>(Util_SafeMalloc(maxLineLength));
-   statsMaxLineLength = maxLineLength;
-   statsContext = context;
-   statsFunc = func;
+   free(gStatsLine);
+   gStatsLine = static_cast<char *>(Util_SafeMalloc(maxLineLength));
+   gStatsMaxLineLength = maxLineLength;
+   gStatsContext = context;
+   gStatsFunc = func;
 }
 
 void MXUser_SetContentionRatio(double ratio, uint64_t minCount, uint64_t minTime)
 {
-   contentionRatioFloor = ratio;
-   contentionCountFloor = minCount;
-   contentionDurationFloor = minTime;
+   gContentionRatioFloor = ratio;
+   gContentionCountFloor = minCount;
+   gContentionDurationFloor = minTime;
 }
 
 void MXUser_PerLockData(void)
 {
-   if (statsFunc == nullptr) {
+   if (gStatsFunc == nullptr) {
       return;
    }
-   MXRecLock *listLock = MXUserListLockIfAny();
-   if (listLock == nullptr || !MXRecLockTryAcquire(listLock)) {
+   MXRecLock *listLock = MXUserInternalListLock();
+   if (!MXRecLockTryAcquire(listLock)) {
       return;
    }
-   PerLockWalk walk{highestSerialAnnounced};
+   PerLockWalk walk{gHighestSerialAnnounced};
    MXUserForEachLock(PerLockVisit, &walk);
-   highestSerialAnnounced = walk.highestSeen;
+   gHighestSerialAnnounced = walk.highestSeen;
    MXRecLockRelease(listLock);
 }
 

@@ -14,36 +14,15 @@
 #endif
 
 #include "codeset.h"
+#include "internal/utf.h"
 
 namespace {
 
-constexpr uint32_t kReplacement = 0xFFFD;
 constexpr uint8_t kAsciiSubstitute = 0x1A;
 
-bool IsSurrogate(uint32_t cp)
-{
-   return cp >= 0xD800 && cp <= 0xDFFF;
-}
-
-uint8_t *PutUtf8(uint8_t *o, uint32_t cp)
-{
-   if (cp < 0x80) {
-      *o++ = (uint8_t)cp;
-   } else if (cp < 0x800) {
-      *o++ = (uint8_t)(0xC0 | (cp >> 6));
-      *o++ = (uint8_t)(0x80 | (cp & 0x3F));
-   } else if (cp < 0x10000) {
-      *o++ = (uint8_t)(0xE0 | (cp >> 12));
-      *o++ = (uint8_t)(0x80 | ((cp >> 6) & 0x3F));
-      *o++ = (uint8_t)(0x80 | (cp & 0x3F));
-   } else {
-      *o++ = (uint8_t)(0xF0 | (cp >> 18));
-      *o++ = (uint8_t)(0x80 | ((cp >> 12) & 0x3F));
-      *o++ = (uint8_t)(0x80 | ((cp >> 6) & 0x3F));
-      *o++ = (uint8_t)(0x80 | (cp & 0x3F));
-   }
-   return o;
-}
+using tesmar::utf::DecodeUtf8;
+using tesmar::utf::EncodeUtf8;
+using tesmar::utf::kReplacement;
 
 template <bool kBigEndian>
 uint8_t *PutUnit(uint8_t *o, uint32_t unit)
@@ -53,60 +32,20 @@ uint8_t *PutUnit(uint8_t *o, uint32_t unit)
    return o + 2;
 }
 
-template <bool kBigEndian>
-uint8_t *PutUtf16(uint8_t *o, uint32_t cp)
+uint8_t *PutUtf16Le(uint8_t *o, uint32_t cp)
 {
-   if (cp < 0x10000) {
-      return PutUnit<kBigEndian>(o, cp);
+   uint32_t units[2];
+   int count = tesmar::utf::EncodeUtf16(cp, units);
+   for (int k = 0; k < count; k++) {
+      o = PutUnit<false>(o, units[k]);
    }
-   cp -= 0x10000;
-   o = PutUnit<kBigEndian>(o, 0xD800 | (cp >> 10));
-   return PutUnit<kBigEndian>(o, 0xDC00 | (cp & 0x3FF));
+   return o;
 }
 
 template <bool kBigEndian>
 uint32_t GetUnit(const uint8_t *p)
 {
    return kBigEndian ? (uint32_t)p[0] << 8 | p[1] : (uint32_t)p[1] << 8 | p[0];
-}
-
-/* The strict decoder behind CodeSetDecodeUtf8, inlined into the conversion loops. */
-__attribute__((always_inline)) inline int DecodeUtf8(const uint8_t *p, size_t avail, uint32_t *cp,
-                                                     bool allowSurrogates)
-{
-   uint8_t lead = p[0];
-   if (lead < 0x80) {
-      *cp = lead;
-      return 1;
-   }
-   if (lead < 0xC2 || lead > 0xF4) {
-      return -1;
-   }
-   int len = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-   /* The second byte's range excludes overlong forms, surrogates and values past U+10FFFF. */
-   uint8_t lo = 0x80, hi = 0xBF;
-   if (lead == 0xE0) {
-      lo = 0xA0;
-   } else if (lead == 0xED && !allowSurrogates) {
-      hi = 0x9F;
-   } else if (lead == 0xF0) {
-      lo = 0x90;
-   } else if (lead == 0xF4) {
-      hi = 0x8F;
-   }
-   uint32_t value = lead & (0x7F >> len);
-   for (int k = 1; k < len; k++) {
-      if ((size_t)k >= avail) {
-         return -k;
-      }
-      uint8_t b = p[k];
-      if (k == 1 ? (b < lo || b > hi) : (b & 0xC0) != 0x80) {
-         return -k;
-      }
-      value = value << 6 | (b & 0x3F);
-   }
-   *cp = value;
-   return len;
 }
 
 /* Length of the run of ASCII bytes at the start of s (checked a block at a time). */
@@ -133,6 +72,16 @@ size_t AsciiPrefix(const uint8_t *s, size_t n)
       i++;
    }
    return i;
+}
+
+/* Copies the run of ASCII bytes at the start of s to *o and moves *o past it; returns its length.
+ */
+size_t CopyAscii(const uint8_t *s, size_t n, uint8_t **o)
+{
+   size_t run = AsciiPrefix(s, n);
+   memcpy(*o, s, run);
+   *o += run;
+   return run;
 }
 
 /*
@@ -220,35 +169,21 @@ void Commit(DynBuf *db, const uint8_t *end)
    db->size = (size_t)(end - (const uint8_t *)db->data);
 }
 
-/* UTF-8 to UTF-8 (validation and, by policy, repair) or to UTF-16. */
-enum class Utf8Target { kUtf8, kUtf16Le };
-
-template <Utf8Target kTarget>
-bool FromUtf8(const uint8_t *s, size_t n, int policy, DynBuf *db)
+/* UTF-8 to UTF-16LE: anything ill-formed (surrogates and values past U+10FFFF too) fails. */
+bool Utf8ToUtf16Le(const uint8_t *s, size_t n, DynBuf *db)
 {
-   uint8_t *o = Reserve(db, n, kTarget == Utf8Target::kUtf8 ? 3 : 2);
+   uint8_t *o = Reserve(db, n, 2);
    if (o == nullptr) {
       return false;
    }
    size_t i = 0;
    while (i < n) {
-      if (kTarget == Utf8Target::kUtf16Le) {
-         size_t run = WidenAsciiBlocks(s + i, n - i, o);
-         i += run;
-         o += 2 * run;
-      } else {
-         size_t run = AsciiPrefix(s + i, n - i);
-         memcpy(o, s + i, run);
-         i += run;
-         o += run;
-      }
+      size_t run = WidenAsciiBlocks(s + i, n - i, o);
+      i += run;
+      o += 2 * run;
       /* The ASCII bytes before the next non-ASCII one, which the block step left over. */
       while (i < n && s[i] < 0x80) {
-         if (kTarget == Utf8Target::kUtf16Le) {
-            o = PutUnit<false>(o, s[i]);
-         } else {
-            *o++ = s[i];
-         }
+         o = PutUnit<false>(o, s[i]);
          i++;
       }
       if (i >= n) {
@@ -256,24 +191,11 @@ bool FromUtf8(const uint8_t *s, size_t n, int policy, DynBuf *db)
       }
       uint32_t cp;
       int len = DecodeUtf8(s + i, n - i, &cp, false);
-      if (len > 0) {
-         if (kTarget == Utf8Target::kUtf16Le) {
-            o = PutUtf16<false>(o, cp);
-         } else {
-            memcpy(o, s + i, (size_t)len);
-            o += len;
-         }
-         i += (size_t)len;
-         continue;
-      }
-      if (policy == CODESET_POLICY_NORMAL) {
+      if (len <= 0) {
          return false;
       }
-      if (policy == CODESET_POLICY_SUBSTITUTE) {
-         o = kTarget == Utf8Target::kUtf16Le ? PutUtf16<false>(o, kReplacement)
-                                             : PutUtf8(o, kReplacement);
-      }
-      i += (size_t)-len;
+      o = PutUtf16Le(o, cp);
+      i += (size_t)len;
    }
    Commit(db, o);
    return true;
@@ -289,10 +211,7 @@ bool Utf8ToAscii(const uint8_t *s, size_t n, int policy, DynBuf *db)
    }
    size_t i = 0;
    while (i < n) {
-      size_t run = AsciiPrefix(s + i, n - i);
-      memcpy(o, s + i, run);
-      i += run;
-      o += run;
+      i += CopyAscii(s + i, n - i, &o);
       if (i >= n) {
          break;
       }
@@ -310,8 +229,9 @@ bool Utf8ToAscii(const uint8_t *s, size_t n, int policy, DynBuf *db)
    return true;
 }
 
+/* UTF-16 to UTF-8: an odd length or an unpaired surrogate fails. */
 template <bool kBigEndian>
-bool Utf16ToUtf8(const uint8_t *s, size_t n, int policy, DynBuf *db)
+bool Utf16ToUtf8(const uint8_t *s, size_t n, DynBuf *db)
 {
    if (n % 2 != 0) {
       return false;
@@ -330,26 +250,16 @@ bool Utf16ToUtf8(const uint8_t *s, size_t n, int policy, DynBuf *db)
       if (i >= units) {
          break;
       }
-      uint32_t unit = GetUnit<kBigEndian>(s + 2 * i);
-      i++;
-      if (!IsSurrogate(unit)) {
-         o = PutUtf8(o, unit);
-         continue;
-      }
-      if (unit <= 0xDBFF && i < units) {
-         uint32_t low = GetUnit<kBigEndian>(s + 2 * i);
-         if (low >= 0xDC00 && low <= 0xDFFF) {
-            i++;
-            o = PutUtf8(o, 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00));
-            continue;
-         }
-      }
-      if (policy == CODESET_POLICY_NORMAL) {
+      bool hasSecond = i + 1 < units;
+      uint32_t cp;
+      int used = tesmar::utf::DecodeUtf16(GetUnit<kBigEndian>(s + 2 * i),
+                                          hasSecond ? GetUnit<kBigEndian>(s + 2 * i + 2) : 0,
+                                          hasSecond, &cp);
+      if (used == 0) {
          return false;
       }
-      if (policy == CODESET_POLICY_SUBSTITUTE) {
-         o = PutUtf8(o, kReplacement);
-      }
+      o = EncodeUtf8(cp, o);
+      i += (size_t)used;
    }
    Commit(db, o);
    return true;
@@ -365,12 +275,9 @@ bool SingleByteToUtf8(const uint8_t *s, size_t n, DynBuf *db)
    }
    size_t i = 0;
    while (i < n) {
-      size_t run = AsciiPrefix(s + i, n - i);
-      memcpy(o, s + i, run);
-      i += run;
-      o += run;
+      i += CopyAscii(s + i, n - i, &o);
       if (i < n) {
-         o = PutUtf8(o, kLatin1 ? s[i] : kReplacement);
+         o = EncodeUtf8(kLatin1 ? s[i] : kReplacement, o);
          i++;
       }
    }
@@ -384,11 +291,6 @@ bool CopyBytes(const char *buf, size_t size, DynBuf *db)
 }
 
 }  // namespace
-
-int CodeSetDecodeUtf8(const uint8_t *p, size_t avail, uint32_t *cp, bool allowSurrogates)
-{
-   return DecodeUtf8(p, avail, cp, allowSurrogates);
-}
 
 bool CodeSetIsValidUtf8(const char *buf, size_t size)
 {
@@ -416,19 +318,17 @@ bool CodeSetIsValidUtf16(const char *buf, size_t size, bool bigEndian)
    }
    const uint8_t *s = (const uint8_t *)buf;
    size_t units = size / 2;
-   for (size_t i = 0; i < units; i++) {
-      uint32_t unit = bigEndian ? GetUnit<true>(s + 2 * i) : GetUnit<false>(s + 2 * i);
-      if (!IsSurrogate(unit)) {
-         continue;
-      }
-      if (unit > 0xDBFF || i + 1 >= units) {
+   auto unitAt = [&](size_t i) {
+      return bigEndian ? GetUnit<true>(s + 2 * i) : GetUnit<false>(s + 2 * i);
+   };
+   for (size_t i = 0; i < units;) {
+      bool hasSecond = i + 1 < units;
+      uint32_t cp;
+      int used = tesmar::utf::DecodeUtf16(unitAt(i), hasSecond ? unitAt(i + 1) : 0, hasSecond, &cp);
+      if (used == 0) {
          return false;
       }
-      uint32_t low = bigEndian ? GetUnit<true>(s + 2 * i + 2) : GetUnit<false>(s + 2 * i + 2);
-      if (low < 0xDC00 || low > 0xDFFF) {
-         return false;
-      }
-      i++;
+      i += (size_t)used;
    }
    return true;
 }
@@ -457,7 +357,7 @@ bool CodeSetBuiltinConvert(StringEncoding from, StringEncoding to, const char *b
    if (from == to) {
       switch (from) {
          case STRING_ENCODING_UTF8:
-            return FromUtf8<Utf8Target::kUtf8>(s, size, policy, db);
+            return CodeSetIsValidUtf8(buf, size) && CopyBytes(buf, size, db);
          case STRING_ENCODING_UTF16_LE:
          case STRING_ENCODING_UTF16_BE:
             return CodeSetIsValidUtf16(buf, size, from == STRING_ENCODING_UTF16_BE) &&
@@ -471,7 +371,7 @@ bool CodeSetBuiltinConvert(StringEncoding from, StringEncoding to, const char *b
       }
    }
    if (from == STRING_ENCODING_UTF8 && to == STRING_ENCODING_UTF16_LE) {
-      return FromUtf8<Utf8Target::kUtf16Le>(s, size, policy, db);
+      return Utf8ToUtf16Le(s, size, db);
    }
    if (from == STRING_ENCODING_UTF8 && to == STRING_ENCODING_US_ASCII) {
       return Utf8ToAscii(s, size, policy, db);
@@ -481,9 +381,9 @@ bool CodeSetBuiltinConvert(StringEncoding from, StringEncoding to, const char *b
    }
    switch (from) {
       case STRING_ENCODING_UTF16_LE:
-         return Utf16ToUtf8<false>(s, size, policy, db);
+         return Utf16ToUtf8<false>(s, size, db);
       case STRING_ENCODING_UTF16_BE:
-         return Utf16ToUtf8<true>(s, size, policy, db);
+         return Utf16ToUtf8<true>(s, size, db);
       case STRING_ENCODING_US_ASCII:
          return SingleByteToUtf8<false>(s, size, db);
       case STRING_ENCODING_ISO_8859_1:

@@ -20,6 +20,7 @@
 #include <atomic>
 #include <new>
 
+#include "internal/publishOnce.h"
 #include "hashTable.h"
 #include "log.h"
 #include "util.h"
@@ -289,18 +290,8 @@ HashTable *HashTable_Alloc(uint32_t numBuckets, int flags, HashTableFreeEntryFn 
 HashTable *HashTable_AllocShared(HashTable **var, uint32_t numBuckets, int flags,
                                  HashTableFreeEntryFn freeFn)
 {
-   std::atomic_ref<HashTable *> shared(*var);
-   HashTable *current = shared.load(std::memory_order_acquire);
-   if (current != nullptr) {
-      return current;
-   }
-   HashTable *mine = HashTable_Alloc(numBuckets, flags, freeFn);
-   if (shared.compare_exchange_strong(current, mine, std::memory_order_acq_rel,
-                                      std::memory_order_acquire)) {
-      return mine;
-   }
-   HashTable_Free(mine);
-   return current;
+   return tesmar::GetOrPublish(
+       var, [&] { return HashTable_Alloc(numBuckets, flags, freeFn); }, HashTable_Free);
 }
 
 void HashTable_Free(HashTable *ht)

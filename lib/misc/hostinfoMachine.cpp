@@ -16,6 +16,7 @@
 
 #include <atomic>
 
+#include "internal/publishOnce.h"
 #include "hostinfo.h"
 #include "hostinfoInt.h"
 #include "log.h"
@@ -24,21 +25,16 @@
 
 namespace {
 
-std::atomic<uint32_t *> cachedHostId{nullptr};
-std::atomic<uint64_t *> cachedHardwareId{nullptr};
+std::atomic<uint32_t *> gCachedHostId{nullptr};
+std::atomic<uint64_t *> gCachedHardwareId{nullptr};
 
+/* Publishes a heap copy of value unless another thread was first; returns the value that stands. */
 template <typename T>
 T Publish(std::atomic<T *> &slot, T value)
 {
    T *mine = static_cast<T *>(Util_SafeMalloc(sizeof(T)));
    *mine = value;
-   T *expected = nullptr;
-   if (!slot.compare_exchange_strong(expected, mine, std::memory_order_acq_rel,
-                                     std::memory_order_acquire)) {
-      free(mine);
-      return *expected;
-   }
-   return *mine;
+   return *tesmar::PublishOnce(slot, mine, [](T *loser) { free(loser); });
 }
 
 /* The link-level address of the interface called name, if the list has one. */
@@ -105,7 +101,7 @@ char *Hostinfo_HostName(void)
 
 void Hostinfo_MachineID(uint32_t *hostId, uint64_t *hardwareId)
 {
-   const uint32_t *knownHost = cachedHostId.load(std::memory_order_acquire);
+   const uint32_t *knownHost = gCachedHostId.load(std::memory_order_acquire);
    uint32_t host;
    if (knownHost != nullptr) {
       host = *knownHost;
@@ -118,10 +114,10 @@ void Hostinfo_MachineID(uint32_t *hostId, uint64_t *hardwareId)
          host = HostinfoHostNameHash(name);
          free(name);
       }
-      host = Publish(cachedHostId, host);
+      host = Publish(gCachedHostId, host);
    }
 
-   const uint64_t *knownHardware = cachedHardwareId.load(std::memory_order_acquire);
+   const uint64_t *knownHardware = gCachedHardwareId.load(std::memory_order_acquire);
    uint64_t hardware;
    if (knownHardware != nullptr) {
       hardware = *knownHardware;
@@ -137,7 +133,7 @@ void Hostinfo_MachineID(uint32_t *hostId, uint64_t *hardwareId)
          hardware = HostinfoSelectHardwareID(list);
          freeifaddrs(list);
       }
-      hardware = Publish(cachedHardwareId, hardware);
+      hardware = Publish(gCachedHardwareId, hardware);
    }
 
    *hostId = host;

@@ -14,6 +14,7 @@
 
 #include <atomic>
 
+#include "internal/publishOnce.h"
 #include "id.h"
 #include "idInt.h"
 #include "log.h"
@@ -33,7 +34,7 @@ int ThreadSetResGid(gid_t rgid, gid_t egid, gid_t sgid)
    return static_cast<int>(syscall(SYS_setresgid, rgid, egid, sgid));
 }
 
-std::atomic<IdAuthRef *> cachedAuthRef{nullptr};
+std::atomic<IdAuthRef *> gCachedAuthRef{nullptr};
 
 }  // namespace
 
@@ -106,30 +107,22 @@ int Id_SetRESUid(uid_t ruid, uid_t euid, uid_t suid)
 
 IdAuthRef *IdAuthCacheGet()
 {
-   return cachedAuthRef.load(std::memory_order_acquire);
+   return gCachedAuthRef.load(std::memory_order_acquire);
 }
 
 IdAuthRef *IdAuthCachePublish(IdAuthRef *ref)
 {
-   IdAuthRef *expected = nullptr;
-   if (cachedAuthRef.compare_exchange_strong(expected, ref, std::memory_order_acq_rel,
-                                             std::memory_order_acquire)) {
-      return ref;
-   }
-   free(ref);
-   return expected;
+   return tesmar::PublishOnce(gCachedAuthRef, ref, [](IdAuthRef *loser) { free(loser); });
 }
 
 void IdAuthCacheInstall(IdAuthRef *ref)
 {
-   IdAuthRef *expected = nullptr;
-   if (!cachedAuthRef.compare_exchange_strong(expected, ref, std::memory_order_acq_rel,
-                                              std::memory_order_acquire)) {
+   if (!tesmar::TryPublish(gCachedAuthRef, ref)) {
       NOT_IMPLEMENTED();
    }
 }
 
 void IdAuthCacheDiscard()
 {
-   free(cachedAuthRef.exchange(nullptr, std::memory_order_acq_rel));
+   free(gCachedAuthRef.exchange(nullptr, std::memory_order_acq_rel));
 }

@@ -277,74 +277,9 @@ class ArgTypes {
          return error;
       }
       int32_t type;
-      switch (d.conversion) {
-         case '%':
-         case 'a':
-         case 'A':
-            return nullptr; /* the engine prints these without an argument */
-         case 'n':
-            return store_.Error("MsgFmtGetArg1: %%n not supported, pos \"%.*s\", type \"%.*s\"",
-                                Len(d.positionText), d.positionText.text, Len(d.conversionText),
-                                d.conversionText.text);
-         case 'd':
-         case 'i':
-         case 'o':
-         case 'u':
-         case 'x':
-         case 'X':
-         case 'D':
-         case 'O':
-         case 'U':
-            type = d.kind == bsdfmt::ArgKind::Int ? MSGFMT_ARG_INT32 : MSGFMT_ARG_INT64;
-            break;
-         case 'c':
-            if (d.length != bsdfmt::Length::none && d.length != bsdfmt::Length::l) {
-               NOT_REACHED();
-            }
-            type = MSGFMT_ARG_INT32;
-            break;
-         case 'C':
-            type = MSGFMT_ARG_INT32;
-            break;
-         case 's':
-            if (d.length == bsdfmt::Length::none) {
-               type = MSGFMT_ARG_STRING8;
-            } else if (d.length == bsdfmt::Length::l) {
-               type = MSGFMT_ARG_STRING32;
-            } else {
-               NOT_REACHED();
-            }
-            break;
-         case 'S':
-            type = MSGFMT_ARG_STRING32;
-            break;
-         case 'p':
-            if (d.length != bsdfmt::Length::none) {
-               NOT_REACHED();
-            }
-            type = MSGFMT_ARG_PTR;
-            break;
-         case 'e':
-         case 'E':
-         case 'f':
-         case 'F':
-         case 'g':
-         case 'G':
-            if (d.length == bsdfmt::Length::L || d.length == bsdfmt::Length::j) {
-               return store_.Error(
-                   "MsgFmtGetArg1: %%%c%c not supported, pos \"%.*s\", type \"%.*s\"",
-                   d.length == bsdfmt::Length::L ? 'L' : 'j', d.conversion, Len(d.positionText),
-                   d.positionText.text, Len(d.conversionText), d.conversionText.text);
-            }
-            if (d.length != bsdfmt::Length::none && d.length != bsdfmt::Length::l) {
-               NOT_REACHED();
-            }
-            type = MSGFMT_ARG_FLOAT64;
-            break;
-         default:
-            return store_.Error("MsgFmtGetArg1: %%%c not understood, pos \"%.*s\", type \"%.*s\"",
-                                d.conversion, Len(d.positionText), d.positionText.text,
-                                Len(d.conversionText), d.conversionText.text);
+      error = TypeOf(d, &type);
+      if (error != nullptr || type == MSGFMT_ARG_INVALID) {
+         return error;
       }
       int64_t prefix = kWholeString;
       if (d.precisionArg.position != 0 && d.precisionFromStar) {
@@ -357,6 +292,69 @@ class ArgTypes {
 
   private:
    static int Len(const bsdfmt::Span &span) { return (int)span.length; }
+
+   /*
+    * The argument type of d's value: MSGFMT_ARG_INVALID for a conversion that takes none;
+    * NULL, or the error text for a conversion that cannot be captured.
+    */
+   char *TypeOf(const bsdfmt::Directive &d, int32_t *type)
+   {
+      using bsdfmt::Length;
+      *type = MSGFMT_ARG_INVALID;
+      switch (bsdfmt::ConversionOf(d.conversion)) {
+         case bsdfmt::Conversion::percent:
+            return nullptr;
+         case bsdfmt::Conversion::count:
+            return store_.Error("MsgFmtGetArg1: %%n not supported, pos \"%.*s\", type \"%.*s\"",
+                                Len(d.positionText), d.positionText.text, Len(d.conversionText),
+                                d.conversionText.text);
+         case bsdfmt::Conversion::integer:
+         case bsdfmt::Conversion::longInteger:
+            *type = d.kind == bsdfmt::ArgKind::Int ? MSGFMT_ARG_INT32 : MSGFMT_ARG_INT64;
+            return nullptr;
+         case bsdfmt::Conversion::character:
+            VerifyLength(d.length == Length::none || d.length == Length::l);
+            *type = MSGFMT_ARG_INT32;
+            return nullptr;
+         case bsdfmt::Conversion::wideCharacter:
+            *type = MSGFMT_ARG_INT32;
+            return nullptr;
+         case bsdfmt::Conversion::string:
+            VerifyLength(d.length == Length::none || d.length == Length::l);
+            *type = d.length == Length::none ? MSGFMT_ARG_STRING8 : MSGFMT_ARG_STRING32;
+            return nullptr;
+         case bsdfmt::Conversion::wideString:
+            *type = MSGFMT_ARG_STRING32;
+            return nullptr;
+         case bsdfmt::Conversion::pointer:
+            VerifyLength(d.length == Length::none);
+            *type = MSGFMT_ARG_PTR;
+            return nullptr;
+         case bsdfmt::Conversion::floating:
+         case bsdfmt::Conversion::hexFloating:
+            if (d.length == Length::L || d.length == Length::j) {
+               return store_.Error(
+                   "MsgFmtGetArg1: %%%c%c not supported, pos \"%.*s\", type \"%.*s\"",
+                   d.length == Length::L ? 'L' : 'j', d.conversion, Len(d.positionText),
+                   d.positionText.text, Len(d.conversionText), d.conversionText.text);
+            }
+            VerifyLength(d.length == Length::none || d.length == Length::l);
+            *type = MSGFMT_ARG_FLOAT64;
+            return nullptr;
+         default:
+            return store_.Error("MsgFmtGetArg1: %%%c not understood, pos \"%.*s\", type \"%.*s\"",
+                                d.conversion, Len(d.positionText), d.positionText.text,
+                                Len(d.conversionText), d.conversionText.text);
+      }
+   }
+
+   /* A length modifier that makes no sense for its conversion is a programming error. */
+   static void VerifyLength(bool sensible)
+   {
+      if (!sensible) {
+         NOT_REACHED();
+      }
+   }
 
    char *Set(const bsdfmt::Directive &d, int position, int32_t type, int64_t prefix)
    {
@@ -462,7 +460,7 @@ bool GetArgs(CaptureStore &store, const char *fmt, va_list va, MsgFmt_Arg **args
              int *numArgsOut, char **error)
 {
    ArgTypes types(store);
-   bsdfmt::FormatScanner scanner(fmt);
+   bsdfmt::FormatScanner scanner(fmt, true);
    bsdfmt::Directive d;
    bsdfmt::ParseStatus status;
    char *failure = nullptr;

@@ -9,6 +9,8 @@
 
 #include <cstdint>
 
+#include "internal/retry.h"
+#include "internal/uniqueFd.h"
 #include "log.h"
 #include "random.h"
 #include "util.h"
@@ -46,8 +48,8 @@ extern "C" {
 
 bool Random_Bytes(size_t size, void *buffer)
 {
-   int fd = open(kRandomDevice, O_RDONLY | O_CLOEXEC);
-   if (fd == -1) {
+   tesmar::UniqueFd fd(open(kRandomDevice, O_RDONLY | O_CLOEXEC));
+   if (!fd) {
       Log("%s: failed to open %s: %s\n", kFunction, kRandomDevice, ErrorText(errno).c_str());
       return false;
    }
@@ -55,19 +57,16 @@ bool Random_Bytes(size_t size, void *buffer)
    uint8_t *out = static_cast<uint8_t *>(buffer);
    size_t wanted = size;
    while (wanted > 0) {
-      ssize_t got = read(fd, out, wanted);
+      ssize_t got = tesmar::RetryEintr([&] { return read(fd.get(), out, wanted); });
       if (got == -1) {
-         if (errno == EINTR) {
-            continue;
-         }
          int error = errno;
-         close(fd);
+         fd.reset();
          Log("%s: %zu byte read failed while reading from %s: %s\n", kFunction, wanted,
              kRandomDevice, ErrorText(error).c_str());
          return false;
       }
       if (got == 0) {
-         close(fd);
+         fd.reset();
          Log("%s: zero length read while reading from %s\n", kFunction, kRandomDevice);
          return false;
       }
@@ -75,7 +74,7 @@ bool Random_Bytes(size_t size, void *buffer)
       wanted -= static_cast<size_t>(got);
    }
 
-   if (close(fd) == -1) {
+   if (fd.close() == -1) {
       Log("%s: failed to close %s: %s\n", kFunction, kRandomDevice, ErrorText(errno).c_str());
    }
    return true;

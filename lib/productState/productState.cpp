@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "escape.h"
+#include "internal/publishOnce.h"
 #include "log.h"
 #include "productState/productStateInt.h"
 #include "str.h"
@@ -21,36 +22,36 @@
 #error "PRODUCT_STATE_VERSION must name the built-in version"
 #endif
 
-const char productStateBuiltInVersion[] = PRODUCT_STATE_VERSION;
+const char kProductStateBuiltInVersion[] = PRODUCT_STATE_VERSION;
 
 namespace {
 
-constexpr char ESCAPE_BYTE = '#';
-constexpr const char *DEFAULT_NAME = "Larkview";
+constexpr char kEscapeByte = '#';
+constexpr const char *kDefaultName = "Larkview";
 
 /* Serialised items in their fixed order. */
-constexpr const char *KEY_PRODUCT = "product";
-constexpr const char *KEY_NAME = "name";
-constexpr const char *KEY_VERSION = "version";
-constexpr const char *KEY_BUILDNUMBER = "buildnumber";
-constexpr const char *KEY_CAPABILITIES = "capabilities";
-constexpr const char *KEY_BUNDLEIDENTIFIER = "bundleidentifier";
+constexpr const char *kKeyProduct = "product";
+constexpr const char *kKeyName = "name";
+constexpr const char *kKeyVersion = "version";
+constexpr const char *kKeyBuildNumber = "buildnumber";
+constexpr const char *kKeyCapabilities = "capabilities";
+constexpr const char *kKeyBundleIdentifier = "bundleidentifier";
 
 /* Exactly "#" and ";" are escaped, so a value never ends a piece early. */
 struct EscapeTable {
    int bytes[256] = {};
    EscapeTable()
    {
-      bytes[static_cast<unsigned char>(ESCAPE_BYTE)] = 1;
+      bytes[static_cast<unsigned char>(kEscapeByte)] = 1;
       bytes[static_cast<unsigned char>(';')] = 1;
    }
 };
-const EscapeTable escapeTable;
+const EscapeTable kEscapeTable;
 
 char *EscapeValue(const char *value)
 {
    char *escaped = static_cast<char *>(
-       Escape_Do(ESCAPE_BYTE, escapeTable.bytes, value, strlen(value), nullptr));
+       Escape_Do(kEscapeByte, kEscapeTable.bytes, value, strlen(value), nullptr));
    VERIFY(escaped != nullptr);
    return escaped;
 }
@@ -67,7 +68,7 @@ bool IsHexDigit(char c)
 char *UnescapeValue(std::string_view value)
 {
    for (size_t i = 0; i < value.size(); i++) {
-      if (value[i] == ESCAPE_BYTE) {
+      if (value[i] == kEscapeByte) {
          if (i + 2 >= value.size() || !IsHexDigit(value[i + 1]) || !IsHexDigit(value[i + 2])) {
             return nullptr;
          }
@@ -75,7 +76,7 @@ char *UnescapeValue(std::string_view value)
       }
    }
    size_t length = 0;
-   char *plain = static_cast<char *>(Escape_Undo(ESCAPE_BYTE, value.data(), value.size(), &length));
+   char *plain = static_cast<char *>(Escape_Undo(kEscapeByte, value.data(), value.size(), &length));
    if (plain == nullptr) {
       return nullptr;
    }
@@ -126,34 +127,24 @@ bool ProductStateData::SetString(std::atomic<char *> &slot, const char *value)
       return false;
    }
    char *copy = Util_SafeStrdup(value);
-   char *expected = nullptr;
-   if (slot.compare_exchange_strong(expected, copy, std::memory_order_acq_rel)) {
-      return true;
-   }
-   Util_ZeroFreeString(copy);
-   return false;
+   return tesmar::PublishOnce(slot, copy, Util_ZeroFreeString) == copy;
 }
 
 const char *ProductStateData::Publish(std::atomic<char *> &slot, char *fresh)
 {
-   char *expected = nullptr;
-   if (slot.compare_exchange_strong(expected, fresh, std::memory_order_acq_rel)) {
-      return fresh;
-   }
-   free(fresh);
-   return expected;
+   return tesmar::PublishOnce(slot, fresh, [](char *loser) { free(loser); });
 }
 
 const char *ProductStateData::Name() const
 {
    const char *name = name_.load(std::memory_order_acquire);
-   return name != nullptr ? name : DEFAULT_NAME;
+   return name != nullptr ? name : kDefaultName;
 }
 
 const char *ProductStateData::Version() const
 {
    const char *version = version_.load(std::memory_order_acquire);
-   return version != nullptr ? version : productStateBuiltInVersion;
+   return version != nullptr ? version : kProductStateBuiltInVersion;
 }
 
 const char *ProductStateData::BundleIdentifier() const
@@ -189,25 +180,19 @@ const char *ProductStateData::FullVersion()
 
 ProductVersionNumber ProductStateData::VersionNumber()
 {
-   ProductVersionNumber *existing = versionNumber_.load(std::memory_order_acquire);
-   if (existing == nullptr) {
+   auto parse = [this] {
       auto *fresh =
           static_cast<ProductVersionNumber *>(Util_SafeCalloc(1, sizeof(ProductVersionNumber)));
       const char *version = Version();
       if (strcmp(version, "e.x.p") == 0) {
-         version = productStateBuiltInVersion;
+         version = kProductStateBuiltInVersion;
       }
       /* Whatever is read stands; numbers the version lacks stay 0. */
       sscanf(version, "%u.%u.%u", &fresh->major, &fresh->minor, &fresh->patch);
-      ProductVersionNumber *expected = nullptr;
-      if (versionNumber_.compare_exchange_strong(expected, fresh, std::memory_order_acq_rel)) {
-         existing = fresh;
-      } else {
-         free(fresh);
-         existing = expected;
-      }
-   }
-   return *existing;
+      return fresh;
+   };
+   return *tesmar::GetOrPublish(versionNumber_, parse,
+                                [](ProductVersionNumber *loser) { free(loser); });
 }
 
 const char *ProductStateData::RegistryPath()
@@ -236,22 +221,22 @@ char *ProductStateData::Serialize(uint32_t mask) const
    };
    if (mask & PRODUCTSTATE_FLAG_PRODUCT) {
       uint32_t product = Product();
-      appendNumber(KEY_PRODUCT, product == 0 ? 1 : product);
+      appendNumber(kKeyProduct, product == 0 ? 1 : product);
    }
    if (mask & PRODUCTSTATE_FLAG_NAME) {
-      appendString(KEY_NAME, Name());
+      appendString(kKeyName, Name());
    }
    if (mask & PRODUCTSTATE_FLAG_VERSION) {
-      appendString(KEY_VERSION, Version());
+      appendString(kKeyVersion, Version());
    }
    if (mask & PRODUCTSTATE_FLAG_BUILDNUMBER) {
-      appendNumber(KEY_BUILDNUMBER, BuildNumber());
+      appendNumber(kKeyBuildNumber, BuildNumber());
    }
    if (mask & PRODUCTSTATE_FLAG_CAPABILITIES) {
-      appendNumber(KEY_CAPABILITIES, Capabilities());
+      appendNumber(kKeyCapabilities, Capabilities());
    }
    if (mask & PRODUCTSTATE_FLAG_BUNDLEIDENTIFIER) {
-      appendString(KEY_BUNDLEIDENTIFIER, BundleIdentifier());
+      appendString(kKeyBundleIdentifier, BundleIdentifier());
    }
    char *result = Util_SafeStrdup(text.c_str());
    std::fill(text.begin(), text.end(), '\0');
@@ -264,21 +249,21 @@ bool ProductStateData::ApplyPiece(const char *key, size_t keyLength, const char 
    std::string_view k(key, keyLength);
    std::string_view v(value, valueLength);
    uint64_t number;
-   if (k == KEY_PRODUCT) {
+   if (k == kKeyProduct) {
       return ParseUnsigned(v, UINT32_MAX, &number) && SetProduct(static_cast<uint32_t>(number));
    }
-   if (k == KEY_BUILDNUMBER) {
+   if (k == kKeyBuildNumber) {
       return ParseUnsigned(v, UINT32_MAX, &number) && SetBuildNumber(static_cast<uint32_t>(number));
    }
-   if (k == KEY_CAPABILITIES) {
+   if (k == kKeyCapabilities) {
       return ParseUnsigned(v, UINT64_MAX, &number) && SetCapabilities(number);
    }
    bool (ProductStateData::*setter)(const char *) = nullptr;
-   if (k == KEY_NAME) {
+   if (k == kKeyName) {
       setter = &ProductStateData::SetName;
-   } else if (k == KEY_VERSION) {
+   } else if (k == kKeyVersion) {
       setter = &ProductStateData::SetVersion;
-   } else if (k == KEY_BUNDLEIDENTIFIER) {
+   } else if (k == kKeyBundleIdentifier) {
       setter = &ProductStateData::SetBundleIdentifier;
    } else {
       return true; /* unknown keys belong to someone else */

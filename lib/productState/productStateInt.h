@@ -87,6 +87,6 @@ class ProductStateData {
 };
 
 /* The version compiled into the library ("major.minor.patch"). */
-extern const char productStateBuiltInVersion[];
+extern const char kProductStateBuiltInVersion[];
 
 #endif

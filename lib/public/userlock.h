@@ -3,8 +3,8 @@
  * name, a signature, a rank and a serial number so that a fault describes the lock it hit, and
  * optional per-lock statistics.
  *
- * Every fault panics. A lock count and its owner are kept beside the native mutex, so an
- * exclusive lock taken twice by its owner nests instead of deadlocking.
+ * Every fault panics. A lock records its owner and a nesting count, so an exclusive lock
+ * taken twice by its owner nests instead of deadlocking.
  */
 #ifndef TESMAR_USERLOCK_H
 #define TESMAR_USERLOCK_H
@@ -55,7 +55,7 @@ bool MXUser_TryAcquireExclLock(MXUserExclLock *lock);
 bool MXUser_IsCurThreadHoldingExclLock(MXUserExclLock *lock);
 void MXUser_DestroyExclLock(MXUserExclLock *lock);
 
-/* Condition variables tied to one lock's native mutex. A timed-out wait returns normally. */
+/* Condition variables tied to one lock. A timed-out wait returns normally. */
 MXUserCondVar *MXUser_CreateCondVarRecLock(MXUserRecLock *lock);
 MXUserCondVar *MXUser_CreateCondVarExclLock(MXUserExclLock *lock);
 void MXUser_WaitCondVarRecLock(MXUserRecLock *lock, MXUserCondVar *condVar);

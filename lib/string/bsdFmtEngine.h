@@ -186,11 +186,67 @@ struct Directive {
 ArgKind IntegerKind(Length length);
 
 /*
+ * What a conversion character stands for, the one table that both the engine and the
+ * message-format argument capture read. Each reader gives a class its own meaning: the engine
+ * prints %a and %A as unknown characters, the capture reads a double for them.
+ */
+enum class Conversion : uint8_t {
+   unknown,        // prints the character itself, takes no argument
+   percent,        // "%%"
+   integer,        // d i o u x X
+   longInteger,    // D O U: integers at least as long as "l"
+   character,      // c
+   wideCharacter,  // C
+   string,         // s
+   wideString,     // S
+   pointer,        // p
+   floating,       // e E f F g G
+   hexFloating,    // a A
+   count,          // n
+};
+
+namespace detail {
+
+constexpr auto kConversionTable = [] {
+   struct Table {
+      Conversion of[128] = {};
+   } table;
+   auto set = [&table](const char *chars, Conversion conversion) {
+      for (; *chars != '\0'; chars++) {
+         table.of[static_cast<unsigned char>(*chars)] = conversion;
+      }
+   };
+   set("%", Conversion::percent);
+   set("dioxXu", Conversion::integer);
+   set("DOU", Conversion::longInteger);
+   set("c", Conversion::character);
+   set("C", Conversion::wideCharacter);
+   set("s", Conversion::string);
+   set("S", Conversion::wideString);
+   set("p", Conversion::pointer);
+   set("eEfFgG", Conversion::floating);
+   set("aA", Conversion::hexFloating);
+   set("n", Conversion::count);
+   return table;
+}();
+
+}  // namespace detail
+
+constexpr Conversion ConversionOf(char ch)
+{
+   unsigned char index = static_cast<unsigned char>(ch);
+   return index < 128 ? detail::kConversionTable.of[index] : Conversion::unknown;
+}
+
+/*
  * Parses the directive starting at the "%" at percent. nextArg is the next
  * sequential argument position (1-based) and advances over what the directive consumes.
  * On a bad directive, directive->end and directive->conversionText end where parsing stopped.
+ * With hexFloatTakesArg, %a and %A take a value's position as the argument capture sees them
+ * (their kind stays none: the engine prints them without one).
  */
-ParseStatus ParseConversion(const char *percent, int *nextArg, Directive *directive);
+ParseStatus ParseConversion(const char *percent, int *nextArg, Directive *directive,
+                            bool hexFloatTakesArg = false);
 
 /*
  * Walks a format's conversions in order, skipping literal text:
@@ -207,7 +263,10 @@ ParseStatus ParseConversion(const char *percent, int *nextArg, Directive *direct
  */
 class FormatScanner {
   public:
-   explicit FormatScanner(const char *fmt) : p_(fmt) {}
+   explicit FormatScanner(const char *fmt, bool hexFloatTakesArg = false)
+       : p_(fmt), hexFloatTakesArg_(hexFloatTakesArg)
+   {
+   }
 
    bool Next(Directive *directive, ParseStatus *status)
    {
@@ -220,7 +279,7 @@ class FormatScanner {
          return false;
       }
       *directive = Directive{};
-      *status = ParseConversion(percent, &nextArg_, directive);
+      *status = ParseConversion(percent, &nextArg_, directive, hexFloatTakesArg_);
       if (*status != ParseStatus::ok) {
          done_ = true;
          return true;
@@ -235,6 +294,7 @@ class FormatScanner {
 
   private:
    const char *p_;
+   bool hexFloatTakesArg_;
    int nextArg_ = 1;
    bool done_ = false;
 };
@@ -990,22 +1050,7 @@ class Engine {
       int prec = precision < 0 ? 6 : precision;
       FloatDigits fd;
       bool dropLast = false;
-      bool ok;
-      if (style == 'e') {
-         ok = ConvertFloat(value, prec == INT_MAX ? prec : prec + 1, false, &fd);
-      } else if (style == 'g') {
-         if (prec == 0) {
-            prec = 1;
-         }
-         ok = ConvertFloat(value, prec, false, &fd);
-      } else if (prec == 0) {
-         // Half-way cases round away from zero, then the one extra digit is dropped.
-         ok = ConvertFloat(round(value), 1, true, &fd);
-         dropLast = true;
-      } else {
-         ok = ConvertFloat(value, prec, true, &fd);
-      }
-      if (!ok) {
+      if (!FloatToDigits(style, value, &prec, &fd, &dropLast)) {
          return false;
       }
 
@@ -1040,25 +1085,7 @@ class Engine {
       bool fixed = style == 'f';
       long long fractionDigits = prec;
       if (style == 'g') {
-         fixed = decpt >= -3 && decpt <= prec;
-         if (fixed) {
-            fractionDigits = (long long)prec - decpt;
-            if (!alt) {
-               // Only significant digits stay.
-               long long lastUseful = significant - (long long)decpt;
-               fractionDigits = lastUseful < 0                ? 0
-                                : lastUseful < fractionDigits ? lastUseful
-                                                              : fractionDigits;
-            }
-         } else {
-            fractionDigits = prec - 1;
-            if (!alt) {
-               long long lastUseful = significant > 0 ? significant - 1 : 0;
-               if (lastUseful < fractionDigits) {
-                  fractionDigits = lastUseful;
-               }
-            }
-         }
+         ChooseGeneralForm(prec, decpt, significant, alt, &fixed, &fractionDigits);
       }
 
       punct_.Ensure();
@@ -1085,7 +1112,63 @@ class Engine {
                 out_.Flush();
       }
 
-      // Exponent style: d[.ddd]e+XX
+      return PrintExponential(flags, width, sign, upper, digits, n, decpt, fractionDigits, alt,
+                              point, pointLength);
+   }
+
+   /*
+    * The digits of value for a style ('e', 'f' or 'g') at precision *prec (which %g raises from
+    * 0 to 1); *dropLast when one digit more than wanted was made for rounding.
+    */
+   static bool FloatToDigits(char style, double value, int *prec, FloatDigits *fd, bool *dropLast)
+   {
+      if (style == 'e') {
+         return ConvertFloat(value, *prec == INT_MAX ? *prec : *prec + 1, false, fd);
+      }
+      if (style == 'g') {
+         if (*prec == 0) {
+            *prec = 1;
+         }
+         return ConvertFloat(value, *prec, false, fd);
+      }
+      if (*prec == 0) {
+         // Half-way cases round away from zero, then the one extra digit is dropped.
+         *dropLast = true;
+         return ConvertFloat(round(value), 1, true, fd);
+      }
+      return ConvertFloat(value, *prec, true, fd);
+   }
+
+   /* %g: fixed or exponent form, and how many fraction digits it shows. */
+   static void ChooseGeneralForm(int prec, int decpt, int significant, bool alt, bool *fixed,
+                                 long long *fractionDigits)
+   {
+      *fixed = decpt >= -3 && decpt <= prec;
+      if (*fixed) {
+         *fractionDigits = (long long)prec - decpt;
+         if (!alt) {
+            // Only significant digits stay.
+            long long lastUseful = significant - (long long)decpt;
+            *fractionDigits = lastUseful < 0                 ? 0
+                              : lastUseful < *fractionDigits ? lastUseful
+                                                             : *fractionDigits;
+         }
+         return;
+      }
+      *fractionDigits = prec - 1;
+      if (!alt) {
+         long long lastUseful = significant > 0 ? significant - 1 : 0;
+         if (lastUseful < *fractionDigits) {
+            *fractionDigits = lastUseful;
+         }
+      }
+   }
+
+   /* Exponent style: d[.ddd]e+XX from n digits with the decimal point at decpt. */
+   bool PrintExponential(unsigned flags, int width, char sign, bool upper, const char *digits,
+                         int n, int decpt, long long fractionDigits, bool alt, const char *point,
+                         size_t pointLength)
+   {
       int exponent = decpt - 1;
       char expText[16];
       char *expEnd = expText + sizeof expText;

@@ -93,220 +93,231 @@ ParseStatus ParseStar(const char *&p, int *nextArg, ArgRef *ref)
    return ParseStatus::ok;
 }
 
-ParseStatus ParseDirective(const char *percent, int *nextArg, Directive *directive,
+/* A flag character: true, with the flag added, when ch is one. */
+bool ParseFlag(char ch, Directive *directive)
+{
+   switch (ch) {
+      case ' ':
+         directive->flags |= kSpace;
+         return true;
+      case '#':
+         directive->flags |= kAlt;
+         return true;
+      case '-':
+         directive->flags |= kLeftAdjust;
+         return true;
+      case '+':
+         directive->flags |= kPlus;
+         return true;
+      case '\'':
+         directive->flags |= kGroup;
+         return true;
+      case '0':
+         directive->flags |= kZeroPad;
+         return true;
+      default:
+         return false;
+   }
+}
+
+/* A length modifier starting with ch (p just past it): true, with p past the modifier. */
+bool ParseLength(char ch, const char *&p, Directive *directive)
+{
+   auto doubled = [&p](char next, Length twice, Length once) {
+      if (*p == next) {
+         p++;
+         return twice;
+      }
+      return once;
+   };
+   switch (ch) {
+      case 'h':
+         directive->length = doubled('h', Length::hh, Length::h);
+         return true;
+      case 'l':
+         directive->length = doubled('l', Length::ll, Length::l);
+         return true;
+      case 'q':
+         directive->length = Length::ll;
+         return true;
+      case 'L':
+         directive->length = Length::L;
+         return true;
+      case 'j':
+         directive->length = Length::j;
+         return true;
+      case 't':
+         directive->length = Length::t;
+         return true;
+      case 'z':
+      case 'Z':
+         directive->length = Length::z;
+         return true;
+      case 'I':
+         if (p[0] == '6' && p[1] == '4') {
+            p += 2;
+            directive->length = Length::I64;
+         } else if (p[0] == '3' && p[1] == '2') {
+            p += 2;
+            directive->length = Length::I32;
+         } else {
+            directive->length = Length::I;
+         }
+         return true;
+      default:
+         return false;
+   }
+}
+
+/* A precision after its "." (p just past the dot). */
+ParseStatus ParsePrecision(const char *&p, int *nextArg, Directive *directive)
+{
+   if (*p == '*') {
+      p++;
+      ParseStatus status = ParseStar(p, nextArg, &directive->precisionArg);
+      if (status == ParseStatus::ok) {
+         directive->precisionFromStar = true;
+      }
+      return status;
+   }
+   directive->precisionFromStar = false;
+   return ParseDigits(p, INT_MAX, &directive->precision) ? ParseStatus::ok : ParseStatus::badNumber;
+}
+
+/*
+ * Digits after the flags (p at the first): a width, or the value's "N$" position, which then
+ * goes to *explicitPos.
+ */
+ParseStatus ParseWidthOrPosition(const char *&p, Directive *directive, int *explicitPos)
+{
+   const char *digits = p;
+   int n;
+   bool fits = ParseDigits(p, INT_MAX, &n);
+   if (*p == '$') {
+      if (!fits || n > kMaxArgPosition) {
+         return ParseStatus::badPosition;
+      }
+      *explicitPos = n;
+      p++;
+      directive->positionText = Span{digits, (size_t)(p - digits)};
+      directive->conversionText.text = p;
+      return ParseStatus::ok;
+   }
+   if (!fits) {
+      return ParseStatus::badNumber;
+   }
+   directive->width = n;
+   directive->widthFromStar = false;  // "%*5d": the star's argument is read, then unused
+   return ParseStatus::ok;
+}
+
+/* The argument kind of the conversion character under the directive's length modifier. */
+ArgKind ClassifyConversion(char ch, Directive *directive)
+{
+   Length &length = directive->length;
+   switch (ConversionOf(ch)) {
+      case Conversion::integer:
+         return IntegerKind(length);
+      case Conversion::longInteger:
+         if (length == Length::none || length == Length::hh || length == Length::h ||
+             length == Length::I32) {
+            length = Length::l;
+         }
+         return IntegerKind(length);
+      case Conversion::character:
+         return length == Length::l ? ArgKind::WideChar : ArgKind::Int;
+      case Conversion::wideCharacter:
+         length = Length::l;
+         return ArgKind::WideChar;
+      case Conversion::string:
+         return length == Length::l ? ArgKind::WideString : ArgKind::String;
+      case Conversion::wideString:
+         length = Length::l;
+         return ArgKind::WideString;
+      case Conversion::pointer:
+         return ArgKind::Pointer;
+      case Conversion::floating:
+         return length == Length::L ? ArgKind::LongDouble : ArgKind::Double;
+      case Conversion::count:
+         switch (length) {
+            case Length::hh:
+               return ArgKind::CountSChar;
+            case Length::h:
+               return ArgKind::CountShort;
+            case Length::none:
+            case Length::I32:
+               return ArgKind::CountInt;
+            default:
+               return ArgKind::CountInt64;
+         }
+      default:
+         return ArgKind::none;  // "%%", %a, unknown characters, the format's end
+   }
+}
+
+/*
+ * Reads flags, width, precision, position and length up to the conversion character; *stop
+ * follows the parse so that a failure can say where it ended.
+ */
+ParseStatus ParseModifiers(const char *&p, int *nextArg, Directive *directive, int *explicitPos,
                            const char **stop)
+{
+   for (;; *stop = p) {
+      char ch = *p;
+      ParseStatus status = ParseStatus::ok;
+      if (ParseFlag(ch, directive)) {
+         p++;
+      } else if (ch == '*') {
+         p++;
+         status = ParseStar(p, nextArg, &directive->widthArg);
+         if (status == ParseStatus::ok) {
+            directive->widthFromStar = true;
+         }
+      } else if (ch == '.') {
+         p++;
+         status = ParsePrecision(p, nextArg, directive);
+      } else if (ch >= '1' && ch <= '9') {
+         status = ParseWidthOrPosition(p, directive, explicitPos);
+      } else if (!ParseLength(ch, ++p, directive)) {
+         p--;
+         return ParseStatus::ok;
+      }
+      if (status != ParseStatus::ok) {
+         return status;
+      }
+   }
+}
+
+ParseStatus ParseDirective(const char *percent, int *nextArg, Directive *directive,
+                           bool hexFloatTakesArg, const char **stop)
 {
    const char *p = percent + 1;
    directive->start = percent;
    directive->conversionText.text = p;
    int explicitPos = 0;
-   ParseStatus status;
-   for (;; *stop = p) {
-      char ch = *p++;
-      switch (ch) {
-         case ' ':
-            directive->flags |= kSpace;
-            continue;
-         case '#':
-            directive->flags |= kAlt;
-            continue;
-         case '-':
-            directive->flags |= kLeftAdjust;
-            continue;
-         case '+':
-            directive->flags |= kPlus;
-            continue;
-         case '\'':
-            directive->flags |= kGroup;
-            continue;
-         case '0':
-            directive->flags |= kZeroPad;
-            continue;
-         case '*':
-            status = ParseStar(p, nextArg, &directive->widthArg);
-            if (status != ParseStatus::ok) {
-               return status;
-            }
-            directive->widthFromStar = true;
-            continue;
-         case '.':
-            if (*p == '*') {
-               p++;
-               status = ParseStar(p, nextArg, &directive->precisionArg);
-               if (status != ParseStatus::ok) {
-                  return status;
-               }
-               directive->precisionFromStar = true;
-            } else {
-               directive->precisionFromStar = false;
-               if (!ParseDigits(p, INT_MAX, &directive->precision)) {
-                  return ParseStatus::badNumber;
-               }
-            }
-            continue;
-         case '1':
-         case '2':
-         case '3':
-         case '4':
-         case '5':
-         case '6':
-         case '7':
-         case '8':
-         case '9': {
-            const char *digits = p - 1;
-            int n;
-            bool fits = ParseDigits(--p, INT_MAX, &n);
-            if (*p == '$') {
-               if (!fits || n > kMaxArgPosition) {
-                  return ParseStatus::badPosition;
-               }
-               explicitPos = n;
-               p++;
-               directive->positionText = Span{digits, (size_t)(p - digits)};
-               directive->conversionText.text = p;
-               continue;
-            }
-            if (!fits) {
-               return ParseStatus::badNumber;
-            }
-            directive->width = n;
-            directive->widthFromStar = false;  // "%*5d": the star's argument is read, then unused
-            continue;
-         }
-         case 'h':
-            if (*p == 'h') {
-               p++;
-               directive->length = Length::hh;
-            } else {
-               directive->length = Length::h;
-            }
-            continue;
-         case 'l':
-            if (*p == 'l') {
-               p++;
-               directive->length = Length::ll;
-            } else {
-               directive->length = Length::l;
-            }
-            continue;
-         case 'q':
-            directive->length = Length::ll;
-            continue;
-         case 'L':
-            directive->length = Length::L;
-            continue;
-         case 'j':
-            directive->length = Length::j;
-            continue;
-         case 't':
-            directive->length = Length::t;
-            continue;
-         case 'z':
-         case 'Z':
-            directive->length = Length::z;
-            continue;
-         case 'I':
-            if (p[0] == '6' && p[1] == '4') {
-               p += 2;
-               directive->length = Length::I64;
-            } else if (p[0] == '3' && p[1] == '2') {
-               p += 2;
-               directive->length = Length::I32;
-            } else {
-               directive->length = Length::I;
-            }
-            continue;
-         default:
-            break;
-      }
-
-      // The conversion character.
-      directive->conversion = ch;
-      directive->end = ch == '\0' ? p - 1 : p;
-      directive->conversionText.length = (size_t)(directive->end - directive->conversionText.text);
-      switch (ch) {
-         case 'd':
-         case 'i':
-         case 'o':
-         case 'u':
-         case 'x':
-         case 'X':
-            directive->kind = IntegerKind(directive->length);
-            break;
-         case 'D':
-         case 'O':
-         case 'U':
-            if (directive->length == Length::none || directive->length == Length::hh ||
-                directive->length == Length::h || directive->length == Length::I32) {
-               directive->length = Length::l;
-            }
-            directive->kind = IntegerKind(directive->length);
-            break;
-         case 'c':
-            directive->kind = directive->length == Length::l ? ArgKind::WideChar : ArgKind::Int;
-            break;
-         case 'C':
-            directive->length = Length::l;
-            directive->kind = ArgKind::WideChar;
-            break;
-         case 's':
-            directive->kind =
-                directive->length == Length::l ? ArgKind::WideString : ArgKind::String;
-            break;
-         case 'S':
-            directive->length = Length::l;
-            directive->kind = ArgKind::WideString;
-            break;
-         case 'p':
-            directive->kind = ArgKind::Pointer;
-            break;
-         case 'e':
-         case 'E':
-         case 'f':
-         case 'F':
-         case 'g':
-         case 'G':
-            directive->kind =
-                directive->length == Length::L ? ArgKind::LongDouble : ArgKind::Double;
-            break;
-         case 'n':
-            switch (directive->length) {
-               case Length::hh:
-                  directive->kind = ArgKind::CountSChar;
-                  break;
-               case Length::h:
-                  directive->kind = ArgKind::CountShort;
-                  break;
-               case Length::none:
-               case Length::I32:
-                  directive->kind = ArgKind::CountInt;
-                  break;
-               default:
-                  directive->kind = ArgKind::CountInt64;
-                  break;
-            }
-            break;
-         default:
-            directive->kind = ArgKind::none;  // "%%", unknown characters, the format's end
-            break;
-      }
-      if (directive->kind != ArgKind::none) {
-         if (explicitPos != 0) {
-            directive->arg = ArgRef{explicitPos, true};
-         } else {
-            directive->arg = ArgRef{(*nextArg)++, false};
-         }
-      }
-      return ParseStatus::ok;
+   ParseStatus status = ParseModifiers(p, nextArg, directive, &explicitPos, stop);
+   if (status != ParseStatus::ok) {
+      return status;
    }
+   char ch = *p++;
+   directive->conversion = ch;
+   directive->end = ch == '\0' ? p - 1 : p;
+   directive->conversionText.length = (size_t)(directive->end - directive->conversionText.text);
+   directive->kind = ClassifyConversion(ch, directive);
+   if (directive->kind != ArgKind::none ||
+       (hexFloatTakesArg && ConversionOf(ch) == Conversion::hexFloating)) {
+      directive->arg = explicitPos != 0 ? ArgRef{explicitPos, true} : ArgRef{(*nextArg)++, false};
+   }
+   return ParseStatus::ok;
 }
 
 }  // namespace
 
-ParseStatus ParseConversion(const char *percent, int *nextArg, Directive *directive)
+ParseStatus ParseConversion(const char *percent, int *nextArg, Directive *directive,
+                            bool hexFloatTakesArg)
 {
    const char *stop = percent + 1;
-   ParseStatus status = ParseDirective(percent, nextArg, directive, &stop);
+   ParseStatus status = ParseDirective(percent, nextArg, directive, hexFloatTakesArg, &stop);
    if (status != ParseStatus::ok) {
       directive->end = stop;
       directive->conversionText.length = (size_t)(stop - directive->conversionText.text);

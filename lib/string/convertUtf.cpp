@@ -3,21 +3,14 @@
  */
 #include "convertUtf.h"
 
+#include "internal/utf.h"
+
 namespace utfconv {
 
 namespace {
 
-constexpr uint32_t kReplacement = 0xFFFD;
-constexpr uint32_t kMaxLegal = 0x10FFFF;
-constexpr uint32_t kSurHighStart = 0xD800;
-constexpr uint32_t kSurLowEnd = 0xDFFF;
-
-constexpr uint8_t kFirstByteMark[5] = {0x00, 0x00, 0xC0, 0xE0, 0xF0};
-
-bool IsSurrogate(uint32_t ch)
-{
-   return ch >= kSurHighStart && ch <= kSurLowEnd;
-}
+using tesmar::utf::kMaxCodePoint;
+using tesmar::utf::kReplacement;
 
 /*
  * Appends ch as UTF-8; false (nothing written) when it does not fit. Values beyond the legal
@@ -25,41 +18,14 @@ bool IsSurrogate(uint32_t ch)
  */
 bool PutUTF8(uint32_t ch, uint8_t **target, uint8_t *targetEnd, bool *illegal)
 {
-   int bytes;
-   if (ch < 0x80) {
-      bytes = 1;
-   } else if (ch < 0x800) {
-      bytes = 2;
-   } else if (ch < 0x10000) {
-      bytes = 3;
-   } else if (ch <= kMaxLegal) {
-      bytes = 4;
-   } else {
-      bytes = 3;
+   if (ch > kMaxCodePoint) {
       ch = kReplacement;
       *illegal = true;
    }
-   if (targetEnd - *target < bytes) {
+   if (static_cast<size_t>(targetEnd - *target) < tesmar::utf::Utf8Length(ch)) {
       return false;
    }
-   uint8_t *out = *target + bytes;
-   switch (bytes) {
-      case 4:
-         *--out = (uint8_t)((ch | 0x80) & 0xBF);
-         ch >>= 6;
-         [[fallthrough]];
-      case 3:
-         *--out = (uint8_t)((ch | 0x80) & 0xBF);
-         ch >>= 6;
-         [[fallthrough]];
-      case 2:
-         *--out = (uint8_t)((ch | 0x80) & 0xBF);
-         ch >>= 6;
-         [[fallthrough]];
-      default:
-         *--out = (uint8_t)(ch | kFirstByteMark[bytes]);
-   }
-   *target += bytes;
+   *target = tesmar::utf::EncodeUtf8(ch, *target);
    return true;
 }
 
@@ -73,7 +39,7 @@ Result UTF32toUTF8(const uint32_t **source, const uint32_t *sourceEnd, uint8_t *
    uint8_t *out = *target;
    while (in < sourceEnd) {
       uint32_t ch = *in;
-      if (mode == Mode::strict && IsSurrogate(ch)) {
+      if (mode == Mode::strict && tesmar::utf::IsSurrogate(ch)) {
          result = Result::sourceIllegal;
          break;
       }

@@ -10,6 +10,7 @@
 #include "escape.h"
 #include "log.h"
 #include "strutil.h"
+#include "internal/utf.h"
 #include "misc/codesetBuiltin.h"
 #include "unicodeBase.h"
 #include "unicodeTypes.h"
@@ -191,18 +192,14 @@ char *Unicode_FromEscapedAscii(const char *ascii, bool unescape)
             VERIFY(cp < 0x110000);
          }
       }
+      uint32_t pair[2];
+      int count = tesmar::utf::EncodeUtf16(cp, pair);
       uint8_t out[4];
-      size_t n = 2;
-      if (cp >= 0x10000) {
-         uint32_t v = cp - 0x10000;
-         uint32_t high = 0xD800 | (v >> 10), low = 0xDC00 | (v & 0x3FF);
-         out[0] = (uint8_t)high, out[1] = (uint8_t)(high >> 8);
-         out[2] = (uint8_t)low, out[3] = (uint8_t)(low >> 8);
-         n = 4;
-      } else {
-         out[0] = (uint8_t)cp, out[1] = (uint8_t)(cp >> 8);
+      for (int k = 0; k < count; k++) {
+         out[2 * k] = (uint8_t)pair[k];
+         out[2 * k + 1] = (uint8_t)(pair[k] >> 8);
       }
-      DynBuf_SafeAppend(&units, out, n);
+      DynBuf_SafeAppend(&units, out, 2 * (size_t)count);
    }
    char *result = units.size == 0 ? Util_SafeStrdup("")
                                   : Unicode_AllocWithLength(units.data, (ssize_t)units.size,
@@ -327,7 +324,7 @@ bool Unicode_CopyBytes(void *destBuffer, const char *str, size_t maxLengthInByte
          kept = size < maxLengthInBytes - 2 ? size : (maxLengthInBytes - 2) & ~(size_t)1;
          if (kept >= 2 && kept < size) {
             unsigned last = (unsigned char)units[kept - 2] | (unsigned char)units[kept - 1] << 8;
-            if (last >= 0xD800 && last <= 0xDBFF) {
+            if (tesmar::utf::IsHighSurrogate(last)) {
                kept -= 2;
             }
          }

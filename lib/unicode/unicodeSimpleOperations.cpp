@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include "log.h"
+#include "internal/utf.h"
 #include "misc/codesetBuiltin.h"
 #include "str.h"
 #include "unicodeOperations.h"
@@ -97,15 +98,15 @@ class Utf16Units {
          *codePoint = lead;
          return lead;
       }
-      uint32_t cp;
-      int len = CodeSetDecodeUtf8(s_ + at_, size_ - at_, &cp, false);
+      uint32_t cp = 0;
+      int len = tesmar::utf::DecodeUtf8(s_ + at_, size_ - at_, &cp, false);
       at_ += (size_t)len; /* the text was validated before */
       *codePoint = cp;
-      if (cp < 0x10000) {
-         return cp;
+      uint32_t units[2];
+      if (tesmar::utf::EncodeUtf16(cp, units) == 2) {
+         pendingLow_ = units[1];
       }
-      pendingLow_ = 0xDC00 | ((cp - 0x10000) & 0x3FF);
-      return 0xD800 | ((cp - 0x10000) >> 10);
+      return units[0];
    }
 
   private:
@@ -145,6 +146,37 @@ bool CompareSide(const char *str, ssize_t start, ssize_t length, const char **te
    return true;
 }
 
+/*
+ * The code-point index of the first (or last) occurrence of a range of strToFind within a range
+ * of str; -1 when there is none. An empty needle is found at the range's start. caller names
+ * the public routine for the panic on invalid UTF-8.
+ */
+ssize_t FindInRange(const char *caller, const char *str, ssize_t strStart, ssize_t strLength,
+                    const char *strToFind, ssize_t strToFindStart, ssize_t strToFindLength,
+                    bool last)
+{
+   size_t size = CheckedLength(str, caller);
+   size_t needleSize = CheckedLength(strToFind, caller);
+   ByteRange hay = RangeOf(str, size, strStart, strLength);
+   ByteRange needle = RangeOf(strToFind, needleSize, strToFindStart, strToFindLength);
+   size_t needleBytes = needle.end - needle.begin;
+   if (needle.count == 0) {
+      return (ssize_t)hay.startIndex;
+   }
+   ssize_t found = -1;
+   size_t index = hay.startIndex;
+   for (size_t at = hay.begin; at + needleBytes <= hay.end;
+        at += CharLength((unsigned char)str[at]), index++) {
+      if (memcmp(str + at, strToFind + needle.begin, needleBytes) == 0) {
+         found = (ssize_t)index;
+         if (!last) {
+            break;
+         }
+      }
+   }
+   return found;
+}
+
 }  // namespace
 
 extern "C" {
@@ -160,48 +192,16 @@ ssize_t Unicode_FindSubstrInRange(const char *str, ssize_t strStart, ssize_t str
                                   const char *strToFind, ssize_t strToFindStart,
                                   ssize_t strToFindLength)
 {
-   size_t size = CheckedLength(str, "Unicode_FindSubstrInRange");
-   size_t needleSize = CheckedLength(strToFind, "Unicode_FindSubstrInRange");
-   ByteRange hay = RangeOf(str, size, strStart, strLength);
-   ByteRange needle = RangeOf(strToFind, needleSize, strToFindStart, strToFindLength);
-   size_t needleBytes = needle.end - needle.begin;
-   if (needle.count == 0) {
-      return (ssize_t)hay.startIndex;
-   }
-   size_t index = hay.startIndex;
-   for (size_t at = hay.begin; at + needleBytes <= hay.end;
-        at += CharLength((unsigned char)str[at]), index++) {
-      if (memcmp(str + at, strToFind + needle.begin, needleBytes) == 0) {
-         return (ssize_t)index;
-      }
-   }
-   return -1;
+   return FindInRange("Unicode_FindSubstrInRange", str, strStart, strLength, strToFind,
+                      strToFindStart, strToFindLength, false);
 }
 
 ssize_t Unicode_FindLastSubstrInRange(const char *str, ssize_t strStart, ssize_t strLength,
                                       const char *strToFind, ssize_t strToFindStart,
                                       ssize_t strToFindLength)
 {
-   size_t size = CheckedLength(str, "Unicode_FindLastSubstrInRange");
-   size_t needleSize = CheckedLength(strToFind, "Unicode_FindLastSubstrInRange");
-   ByteRange hay = RangeOf(str, size, strStart, strLength);
-   ByteRange needle = RangeOf(strToFind, needleSize, strToFindStart, strToFindLength);
-   size_t needleBytes = needle.end - needle.begin;
-   if (needle.count == 0) {
-      return (ssize_t)hay.startIndex;
-   }
-   if (needle.count > hay.count) {
-      return -1;
-   }
-   ssize_t found = -1;
-   size_t index = hay.startIndex;
-   for (size_t at = hay.begin; at + needleBytes <= hay.end;
-        at += CharLength((unsigned char)str[at]), index++) {
-      if (memcmp(str + at, strToFind + needle.begin, needleBytes) == 0) {
-         found = (ssize_t)index;
-      }
-   }
-   return found;
+   return FindInRange("Unicode_FindLastSubstrInRange", str, strStart, strLength, strToFind,
+                      strToFindStart, strToFindLength, true);
 }
 
 int Unicode_CompareRange(const char *str1, ssize_t str1Start, ssize_t str1Length, const char *str2,
@@ -228,10 +228,10 @@ int Unicode_CompareRange(const char *str1, ssize_t str1Start, ssize_t str1Length
          continue;
       }
       /* A high surrogate stands for its whole character, so the order is by code point. */
-      if (unitA >= 0xD800 && unitA <= 0xDBFF) {
+      if (tesmar::utf::IsHighSurrogate(unitA)) {
          unitA = cpA;
       }
-      if (unitB >= 0xD800 && unitB <= 0xDBFF) {
+      if (tesmar::utf::IsHighSurrogate(unitB)) {
          unitB = cpB;
       }
       return unitA < unitB ? -1 : 1;

@@ -21,7 +21,7 @@
 
 namespace {
 
-constexpr size_t SHA1_SIZE = 20;
+constexpr size_t kSha1Size = 20;
 
 /* SHA-1 over a list of byte ranges. */
 struct ByteRange {
@@ -29,7 +29,7 @@ struct ByteRange {
    size_t length;
 };
 
-void Sha1(std::initializer_list<ByteRange> ranges, uint8_t digest[SHA1_SIZE])
+void Sha1(std::initializer_list<ByteRange> ranges, uint8_t digest[kSha1Size])
 {
    EVP_MD_CTX *ctx = EVP_MD_CTX_new();
    VERIFY(ctx != nullptr);
@@ -39,7 +39,7 @@ void Sha1(std::initializer_list<ByteRange> ranges, uint8_t digest[SHA1_SIZE])
    }
    unsigned int length = 0;
    VERIFY(EVP_DigestFinal_ex(ctx, digest, &length) == 1);
-   VERIFY(length == SHA1_SIZE);
+   VERIFY(length == kSha1Size);
    EVP_MD_CTX_free(ctx);
 }
 
@@ -47,15 +47,15 @@ void Sha1(std::initializer_list<ByteRange> ranges, uint8_t digest[SHA1_SIZE])
  * The host identifier text, made once per process: SHA-1 of the machine identity (the 64-bit
  * hardware id when there is one, else the 32-bit host id), its first byte replaced by "R".
  */
-char hostUUID[48];
-std::once_flag hostUUIDOnce;
+char gHostUUID[48];
+std::once_flag gHostUUIDOnce;
 
 void MakeHostUUID(void)
 {
    uint32_t hostId = 0;
    uint64_t hardwareId = 0;
    Hostinfo_MachineID(&hostId, &hardwareId);
-   uint8_t digest[SHA1_SIZE];
+   uint8_t digest[kSha1Size];
    if (hardwareId != 0) {
       Sha1({{&hardwareId, sizeof hardwareId}}, digest);
    } else {
@@ -63,14 +63,14 @@ void MakeHostUUID(void)
    }
    digest[0] = 'R';
    char *text = UUID_PackText(digest);
-   Str_Strcpy(hostUUID, text, sizeof hostUUID);
+   Str_Strcpy(gHostUUID, text, sizeof gHostUUID);
    free(text);
 }
 
 const char *HostUUIDText(void)
 {
-   std::call_once(hostUUIDOnce, MakeHostUUID);
-   return hostUUID;
+   std::call_once(gHostUUIDOnce, MakeHostUUID);
+   return gHostUUID;
 }
 
 }  // namespace
@@ -141,7 +141,7 @@ char *UUID_CreateLocation(const char *path, int schemeControl)
       Log("UUID: couldn't get canonical path\n");
       hashed = path;
    }
-   uint8_t digest[SHA1_SIZE];
+   uint8_t digest[kSha1Size];
    Sha1({{host, strlen(host)}, {hashed, strlen(hashed)}}, digest);
    free(canonical);
    digest[0] = 'K';

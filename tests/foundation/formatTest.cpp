@@ -1,6 +1,6 @@
 /*
- * The printf engine where it deliberately differs from the C library, its internal pieces
- * (output growth, positional table, punctuation) and the captured-argument source of MsgFmt.
+ * The printf engine where it deliberately differs from the C library, its punctuation and the
+ * captured-argument source of MsgFmt.
  */
 #include <limits.h>
 #include <math.h>
@@ -54,18 +54,6 @@ int FixedPosix(char *buf, size_t size, const char *fmt, ...)
    return length;
 }
 
-/* The positional type table's size after the first positional fetch of fmt. */
-int TableCapacityFor(const char *fmt, ...)
-{
-   va_list args;
-   va_start(args, fmt);
-   bsdfmt::VaListSource source(fmt, args);
-   bsdfmt::ArgValue value;
-   source.Fetch(bsdfmt::ArgRef{1, true}, bsdfmt::ArgKind::Int, &value);
-   va_end(args);
-   return source.TableCapacity();
-}
-
 TEST(Format, DocumentedDifferences)
 {
    EXPECT_EQ(Fmt("%s|%.3s|%8s|%S", nullptr, nullptr, nullptr, nullptr),
@@ -105,7 +93,7 @@ TEST(Format, GroupingFollowsTheGroupingString)
    EXPECT_EQ(Str_Snprintf(buf, sizeof buf, "%'d", 1234567), 7);
 }
 
-TEST(Format, PositionalArgumentsAndTheirTable)
+TEST(Format, PositionalArguments)
 {
    EXPECT_EQ(Fmt("%2$s %1$s", "a", "b"), "b a");
    EXPECT_EQ(Fmt("%2$hhd %1$lld %3$Lf", INT64_MIN, 0x17F, (long double)2.5),
@@ -113,15 +101,6 @@ TEST(Format, PositionalArgumentsAndTheirTable)
    // Digits after a star override it, but its argument is still consumed.
    EXPECT_EQ(Fmt("%*3d|%.*.1f|%s", 9, 7, 5, 2.25, "end"), "  7|2.2|end");
    EXPECT_EQ(Fmt("%1$d %3$d", 1, 2, 3), "1 3");  // an unnamed position is read as an int
-   // 8 entries on the stack; growth takes the larger of double and the position plus one.
-   const std::pair<const char *, int> tables[] = {
-       {"%1$d %7$d", 8}, {"%1$d %8$d", 16}, {"%1$d %20$d", 21}, {"%1$d %9$d %17$d", 32}};
-   for (const auto &[fmt, capacity] : tables) {
-      EXPECT_EQ(TableCapacityFor(fmt, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18,
-                                 19, 20),
-                capacity)
-          << fmt;
-   }
    EXPECT_EQ(Fmt("%25$s%24$s%23$s%22$s%21$s%20$s%19$s%18$s%17$s%16$s%15$s%14$s%13$s%12$s%11$s"
                  "%10$s%9$s%8$s%7$s%6$s%5$s%4$s%3$s%2$s%1$s",
                  "a", "b", "c", "d", "e", "f", "g", "h", "i", "j", "k", "l", "m", "n", "o", "p",
@@ -164,24 +143,6 @@ TEST(Format, CountStoresEveryWidthAndLimit)
    EXPECT_EQ(FixedPosix(buf, sizeof buf, "%.2147483647d", 1), INT_MAX);
    EXPECT_EQ(FixedPosix(buf, sizeof buf, "%2147483647dx", 1), -1);
    EXPECT_EQ(FixedPosix(buf, sizeof buf, "x%2147483647d", 1), -1);
-}
-
-TEST(Format, AllocatingModeGrowsInStepsOfItsSize)
-{
-   EXPECT_EQ(bsdfmt::Output("").Allocated(), 1u);
-   EXPECT_EQ(bsdfmt::Output("%d").Allocated(), 64u);
-   EXPECT_EQ(bsdfmt::Output(std::string(63, 'x').c_str()).Allocated(), 64u);
-   EXPECT_EQ(bsdfmt::Output(std::string(64, 'x').c_str()).Allocated(), 128u);
-
-   bsdfmt::Output out("%s");
-   std::string text(100, 'y');
-   // 63 bytes and the NUL fit; one more doubles; (164 + 128) rounds down to 256; then +1000.
-   for (auto [length, allocated] : {std::pair<size_t, size_t>{63, 64}, {1, 128}, {100, 256}}) {
-      ASSERT_TRUE(out.Print(text.c_str(), length) && out.Flush());
-      EXPECT_EQ(out.Allocated(), allocated);
-   }
-   ASSERT_TRUE(out.Pad(1000, ' '));
-   EXPECT_EQ(out.Allocated(), 1280u);
 }
 
 TEST(Format, WideStringsAndCharacters)

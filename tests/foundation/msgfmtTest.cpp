@@ -100,6 +100,14 @@ TEST(MsgFmtCapture, EveryTypeRoundTrips)
    MsgFmt_FreeArgs(star.args, star.numArgs);
 
    EXPECT_TRUE(Capture("no conversions, 100%%").ok);
+
+   /* %a and %A capture doubles, though the engine prints them as their letters. */
+   Captured hex = Capture("%a|%A", 1.5, -2.0);
+   ASSERT_TRUE(hex.ok) << hex.error;
+   ASSERT_EQ(hex.numArgs, 2);
+   EXPECT_EQ(hex.args[0].type, MSGFMT_ARG_FLOAT64);
+   EXPECT_EQ(hex.args[1].v.float64, -2.0);
+   MsgFmt_FreeArgs(hex.args, hex.numArgs);
 }
 
 TEST(MsgFmtCapture, ErrorTexts)

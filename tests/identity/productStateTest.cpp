@@ -31,14 +31,14 @@ TEST(ProductState, DefaultsOverridesOnceAndDerivedValues)
    ProductStateData defaults;
    EXPECT_STREQ(defaults.Name(), "Larkview");
    EXPECT_STREQ(defaults.FullVersion(),
-                (std::string(productStateBuiltInVersion) + " build-00000").c_str());
+                (std::string(kProductStateBuiltInVersion) + " build-00000").c_str());
    EXPECT_STREQ(defaults.RegistryPath(), "SOFTWARE\\Tesmar, Inc.\\Larkview");
    EXPECT_EQ(Take(defaults.Serialize(0x01)), "product=1;");
    /* An experimental version reads as the built-in numbers. */
    ProductStateData experimental;
    experimental.SetVersion("e.x.p");
-   EXPECT_EQ(Dotted(defaults.VersionNumber()), productStateBuiltInVersion);
-   EXPECT_EQ(Dotted(experimental.VersionNumber()), productStateBuiltInVersion);
+   EXPECT_EQ(Dotted(defaults.VersionNumber()), kProductStateBuiltInVersion);
+   EXPECT_EQ(Dotted(experimental.VersionNumber()), kProductStateBuiltInVersion);
 
    ProductStateData state;
    EXPECT_TRUE(state.SetBuildNumber(1234));
@@ -102,7 +102,7 @@ TEST(ProductState, ReaderIsOrderIndependentSkipsUnknownKeysAndRefusesMalformedPi
    EXPECT_EQ(bad.BuildNumber(), 0u);
    EXPECT_EQ(bad.Capabilities(), 0u);
    EXPECT_STREQ(bad.Name(), "Good");
-   EXPECT_STREQ(bad.Version(), productStateBuiltInVersion);
+   EXPECT_STREQ(bad.Version(), kProductStateBuiltInVersion);
    EXPECT_STREQ(bad.BundleIdentifier(), "");
 
    /* A repeated key is a second override, refused; an unterminated tail is refused. */

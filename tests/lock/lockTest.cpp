@@ -149,7 +149,7 @@ TEST(MXUser, EveryFaultDumpsTheLockAndPanics)
         },
         panic("MXUser_CreateRecLock: unknown stats mode: -1!\n")},
        {[] {
-           mxUserSerialCounter.store(0);
+           gMXUserSerialCounter.store(0);
            MXUser_CreateExclLock("x", 0);
         },
         panic("MXUserAllocSerialNumber: too many locks!\n")},

@@ -32,13 +32,14 @@ TEST(UnicodeAlloc, FromEncodings)
    EXPECT_EQ(Unicode_AllocWithLength(nullptr, 3, 0), nullptr);
    EXPECT_EQ(Take(Unicode_AllocWithLength("h\0i\0\0\0", -1, STRING_ENCODING_UTF16_LE)), "hi");
    EXPECT_EQ(Take(Unicode_AllocWithLength("\xE9", 1, STRING_ENCODING_ISO_8859_1)), "\xC3\xA9");
-   /* The panicking constructor substitutes; the strict one refuses. */
-   EXPECT_EQ(Take(Unicode_AllocWithLength("a\xFFz", 3, 0)), "a\xEF\xBF\xBDz");
+   /* Without ICU, ill-formed Unicode input is refused whatever the policy. */
+   EXPECT_PANIC(Unicode_AllocWithLength("a\xFF b", 3, STRING_ENCODING_UTF8),
+                "Unicode_AllocWithLength: Couldn't convert invalid buffer [a\\FF ] from UTF-8 "
+                "to Unicode.\n");
    EXPECT_EQ(Unicode_AllocInternal("a\xFFz", 3, 0, true), nullptr);
    EXPECT_EQ(Unicode_AllocInternal("a\x80", 2, STRING_ENCODING_US_ASCII, true), nullptr);
    EXPECT_EQ(Unicode_AllocInternal("\0\xD8", 2, STRING_ENCODING_UTF16_LE, true), nullptr);
-   EXPECT_EQ(Take(Unicode_AllocInternal("\0\xD8", 2, STRING_ENCODING_UTF16_LE, false)),
-             "\xEF\xBF\xBD");
+   EXPECT_EQ(Unicode_AllocInternal("\0\xDC", 2, STRING_ENCODING_UTF16_LE, false), nullptr);
    /* Without ICU only the built-in encodings convert. */
    EXPECT_PANIC(Unicode_AllocWithLength("a\x80", 2, STRING_ENCODING_ISO_8859_2),
                 "Unicode_AllocWithLength: Couldn't convert invalid buffer [a\\80] from "
