@@ -2,7 +2,7 @@
  * Feeds arbitrary path bytes to the path routines and checks their invariants: the split
  * parts join back into the path, stripping only removes trailing slashes, a join has exactly
  * one separator, extensions come and go at the end, and a full path is absolute without
- * doubled slashes.
+ * doubled slashes (for UTF-8 input).
  *
  * The input is cut at its first NUL into two texts: a path and a second name.
  */
@@ -13,6 +13,7 @@
 #include <string>
 
 #include "file.h"
+#include "unicodeBase.h"
 
 namespace {
 
@@ -73,7 +74,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    std::string removed = Take(File_RemoveExtension(path.c_str()));
    Check(path.compare(0, removed.size(), removed) == 0);
 
-   if (path.size() < 4096) {
+   // A full path is handed out as UTF-8, and a path that is not valid UTF-8 and does not
+   // resolve is a conversion failure that panics by design: such input is not fed to it.
+   if (path.size() < 4096 && Unicode_IsBufferValid(path.data(), (ssize_t)path.size(),
+                                                   STRING_ENCODING_UTF8)) {
       char *full = File_FullPath(path.c_str());
       if (full != nullptr) {
          std::string f = Take(full);
