@@ -288,6 +288,22 @@ auto PreferenceLookup(const char *name, Get get, Early early) -> decltype(early(
    return result;
 }
 
+/* The typed get of one kind of value, through the member of Value that carries it. */
+template <typename T>
+T PreferenceGetTyped(const char *name, int type, T defaultValue, T tesmar::dict::Value::*field)
+{
+   return PreferenceLookup(
+       name,
+       [&](Entry *e, MsgList **msgs) {
+          tesmar::dict::Value def;
+          def.*field = defaultValue;
+          tesmar::dict::Value result;
+          GetTypedEntry(e, type, def, &result, msgs);
+          return result.*field;
+       },
+       [&] { return defaultValue; });
+}
+
 char *ExpandHome(char *path)
 {
    if (path == nullptr || path[0] != '~') {
@@ -336,72 +352,27 @@ char *Preference_GetPathName(const char *defaultValue, const char *name)
 
 bool Preference_GetBool(bool defaultValue, const char *name)
 {
-   return PreferenceLookup(
-       name,
-       [&](Entry *e, MsgList **msgs) {
-          tesmar::dict::Value def;
-          def.b = defaultValue;
-          tesmar::dict::Value result;
-          GetTypedEntry(e, DICT_BOOL, def, &result, msgs);
-          return result.b;
-       },
-       [&] { return defaultValue; });
+   return PreferenceGetTyped(name, DICT_BOOL, defaultValue, &tesmar::dict::Value::b);
 }
 
 int32_t Preference_GetTriState(int32_t defaultValue, const char *name)
 {
-   return PreferenceLookup(
-       name,
-       [&](Entry *e, MsgList **msgs) {
-          tesmar::dict::Value def;
-          def.l = defaultValue;
-          tesmar::dict::Value result;
-          GetTypedEntry(e, DICT_TRISTATE, def, &result, msgs);
-          return result.l;
-       },
-       [&] { return defaultValue; });
+   return PreferenceGetTyped(name, DICT_TRISTATE, defaultValue, &tesmar::dict::Value::l);
 }
 
 int32_t Preference_GetLong(int32_t defaultValue, const char *name)
 {
-   return PreferenceLookup(
-       name,
-       [&](Entry *e, MsgList **msgs) {
-          tesmar::dict::Value def;
-          def.l = defaultValue;
-          tesmar::dict::Value result;
-          GetTypedEntry(e, DICT_LONG, def, &result, msgs);
-          return result.l;
-       },
-       [&] { return defaultValue; });
+   return PreferenceGetTyped(name, DICT_LONG, defaultValue, &tesmar::dict::Value::l);
 }
 
 int64_t Preference_GetInt64(int64_t defaultValue, const char *name)
 {
-   return PreferenceLookup(
-       name,
-       [&](Entry *e, MsgList **msgs) {
-          tesmar::dict::Value def;
-          def.i = defaultValue;
-          tesmar::dict::Value result;
-          GetTypedEntry(e, DICT_INT64, def, &result, msgs);
-          return result.i;
-       },
-       [&] { return defaultValue; });
+   return PreferenceGetTyped(name, DICT_INT64, defaultValue, &tesmar::dict::Value::i);
 }
 
 double Preference_GetDouble(double defaultValue, const char *name)
 {
-   return PreferenceLookup(
-       name,
-       [&](Entry *e, MsgList **msgs) {
-          tesmar::dict::Value def;
-          def.d = defaultValue;
-          tesmar::dict::Value result;
-          GetTypedEntry(e, DICT_DOUBLE, def, &result, msgs);
-          return result.d;
-       },
-       [&] { return defaultValue; });
+   return PreferenceGetTyped(name, DICT_DOUBLE, defaultValue, &tesmar::dict::Value::d);
 }
 
 bool Preference_NotSet(const char *name)

@@ -21,6 +21,7 @@
 #include "escape.h"
 #include "fileInt.h"
 #include "hashTable.h"
+#include "internal/errnoKeeper.h"
 #include "internal/retry.h"
 #include "log.h"
 #include "msg.h"
@@ -34,17 +35,7 @@ constexpr size_t kCopyBufferSize = 8192;
 constexpr uint32_t kWalkBuckets = 2048;
 const char kReplacementName[] = "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD";
 
-/* Keeps errno across frees and other clean-up. */
-class ErrnoKeeper {
-  public:
-   ErrnoKeeper() : saved_(errno) {}
-   ~ErrnoKeeper() { errno = saved_; }
-   ErrnoKeeper(const ErrnoKeeper &) = delete;
-   ErrnoKeeper &operator=(const ErrnoKeeper &) = delete;
-
-  private:
-   int saved_;
-};
+using tesmar::ErrnoKeeper;
 
 char *Dup(std::string_view s)
 {

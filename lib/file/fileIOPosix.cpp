@@ -536,52 +536,47 @@ FileIOResult FileIO_Readv(FileIODescriptor *fd, const struct iovec *v, int count
    return ret;
 }
 
-FileIOResult FileIO_Pwritev(FileIODescriptor *fd, const struct iovec *v, int count, uint64_t offset,
-                            size_t totalSize, size_t *actual)
+namespace {
+
+/* Positioned vectored transfer, entry by entry (or through the coalescing buffer). */
+FileIOResult PositionedVector(FileIODescriptor *fd, const struct iovec *v, int count,
+                              uint64_t offset, size_t totalSize, size_t *actual, bool isWrite)
 {
    VERIFY(totalSize < 0x80000000u);
-   Coalesced c = CoalesceBegin(fd, v, count, totalSize, true, false);
+   Coalesced c = CoalesceBegin(fd, v, count, totalSize, isWrite, false);
    const struct iovec *vec = c.active ? &c.single : v;
    int num = c.active ? 1 : count;
    size_t done = 0;
    FileIOResult ret = FILEIO_SUCCESS;
-   auto call = [fd](char *buf, size_t len, uint64_t off) {
-      return pwrite(fd->posix, buf, len, static_cast<off_t>(off));
+   auto call = [fd, isWrite](char *buf, size_t len, uint64_t off) {
+      return isWrite ? pwrite(fd->posix, buf, len, static_cast<off_t>(off))
+                     : pread(fd->posix, buf, len, static_cast<off_t>(off));
    };
    for (int i = 0; i < num && ret == FILEIO_SUCCESS && done < totalSize; i++) {
       size_t len = std::min(vec[i].iov_len, totalSize - done);
       ret = PositionedLoop(call, static_cast<char *>(vec[i].iov_base), len, offset + done,
-                           FILEIO_WRITE_ERROR_NOSPC, &done, true);
+                           isWrite ? FILEIO_WRITE_ERROR_NOSPC : FILEIO_READ_ERROR_EOF, &done,
+                           isWrite);
    }
-   CoalesceEnd(c, v, count, done, false);
+   CoalesceEnd(c, v, count, done, !isWrite);
    if (actual != nullptr) {
       *actual = done;
    }
    return ret;
 }
 
+}  // namespace
+
+FileIOResult FileIO_Pwritev(FileIODescriptor *fd, const struct iovec *v, int count, uint64_t offset,
+                            size_t totalSize, size_t *actual)
+{
+   return PositionedVector(fd, v, count, offset, totalSize, actual, true);
+}
+
 FileIOResult FileIO_Preadv(FileIODescriptor *fd, const struct iovec *v, int count, uint64_t offset,
                            size_t totalSize, size_t *actual)
 {
-   VERIFY(totalSize < 0x80000000u);
-   Coalesced c = CoalesceBegin(fd, v, count, totalSize, false, false);
-   const struct iovec *vec = c.active ? &c.single : v;
-   int num = c.active ? 1 : count;
-   size_t done = 0;
-   FileIOResult ret = FILEIO_SUCCESS;
-   auto call = [fd](char *buf, size_t len, uint64_t off) {
-      return pread(fd->posix, buf, len, static_cast<off_t>(off));
-   };
-   for (int i = 0; i < num && ret == FILEIO_SUCCESS && done < totalSize; i++) {
-      size_t len = std::min(vec[i].iov_len, totalSize - done);
-      ret = PositionedLoop(call, static_cast<char *>(vec[i].iov_base), len, offset + done,
-                           FILEIO_READ_ERROR_EOF, &done, false);
-   }
-   CoalesceEnd(c, v, count, done, true);
-   if (actual != nullptr) {
-      *actual = done;
-   }
-   return ret;
+   return PositionedVector(fd, v, count, offset, totalSize, actual, false);
 }
 
 FileIOResult FileIO_Pread(FileIODescriptor *fd, void *buf, size_t length, uint64_t offset)

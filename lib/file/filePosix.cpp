@@ -20,6 +20,7 @@
 #include "err.h"
 #include "file.h"
 #include "fileInt.h"
+#include "internal/errnoKeeper.h"
 #include "log.h"
 #include "msg.h"
 #include "msgList.h"
@@ -32,16 +33,7 @@ namespace {
 constexpr int64_t kWinEpochOffset = 116444736000000000LL;
 constexpr uint64_t kMaxSupportedFileSize = 0x400000000000ULL;
 
-class ErrnoKeeper {
-  public:
-   ErrnoKeeper() : saved_(errno) {}
-   ~ErrnoKeeper() { errno = saved_; }
-   ErrnoKeeper(const ErrnoKeeper &) = delete;
-   ErrnoKeeper &operator=(const ErrnoKeeper &) = delete;
-
-  private:
-   int saved_;
-};
+using tesmar::ErrnoKeeper;
 
 FileType TypeOf(mode_t mode)
 {

@@ -506,6 +506,18 @@ char *GetStringEntry(Entry *e, const char *defaultValue)
    return Util_SafeStrdup(e->text.c_str());
 }
 
+/* The typed get of one kind of value, through the member of Value that carries it. */
+template <typename T>
+T GetTypedField(Dictionary *dict, const char *name, int type, T defaultValue, T Value::*field,
+                MsgList **msgs)
+{
+   Value def;
+   def.*field = defaultValue;
+   Value result;
+   GetTyped(dict, name, type, def, &result, msgs);
+   return result.*field;
+}
+
 }  // namespace tesmar::dict
 
 using namespace tesmar::dict;
@@ -570,49 +582,27 @@ char *Dictionary_GetString(Dictionary *dict, const char *defaultValue, const cha
 
 bool Dictionary_GetBool(Dictionary *dict, bool defaultValue, const char *name, MsgList **msgs)
 {
-   Value def;
-   def.b = defaultValue;
-   Value result;
-   GetTyped(dict, name, DICT_BOOL, def, &result, msgs);
-   return result.b;
+   return GetTypedField(dict, name, DICT_BOOL, defaultValue, &Value::b, msgs);
 }
 
 int32_t Dictionary_GetLong(Dictionary *dict, int32_t defaultValue, const char *name, MsgList **msgs)
 {
-   Value def;
-   def.l = defaultValue;
-   Value result;
-   GetTyped(dict, name, DICT_LONG, def, &result, msgs);
-   return result.l;
+   return GetTypedField(dict, name, DICT_LONG, defaultValue, &Value::l, msgs);
 }
 
 double Dictionary_GetDouble(Dictionary *dict, double defaultValue, const char *name, MsgList **msgs)
 {
-   Value def;
-   def.d = defaultValue;
-   Value result;
-   GetTyped(dict, name, DICT_DOUBLE, def, &result, msgs);
-   return result.d;
+   return GetTypedField(dict, name, DICT_DOUBLE, defaultValue, &Value::d, msgs);
 }
 
-int32_t Dictionary_GetTriState(Dictionary *dict, int32_t defaultValue, const char *name,
-                               MsgList **msgs)
+int32_t Dictionary_GetTriState(Dictionary *dict, int32_t defaultValue, const char *name, MsgList **msgs)
 {
-   Value def;
-   def.l = defaultValue;
-   Value result;
-   GetTyped(dict, name, DICT_TRISTATE, def, &result, msgs);
-   return result.l;
+   return GetTypedField(dict, name, DICT_TRISTATE, defaultValue, &Value::l, msgs);
 }
 
-int64_t Dictionary_GetInt64(Dictionary *dict, int64_t defaultValue, const char *name,
-                            MsgList **msgs)
+int64_t Dictionary_GetInt64(Dictionary *dict, int64_t defaultValue, const char *name, MsgList **msgs)
 {
-   Value def;
-   def.i = defaultValue;
-   Value result;
-   GetTyped(dict, name, DICT_INT64, def, &result, msgs);
-   return result.i;
+   return GetTypedField(dict, name, DICT_INT64, defaultValue, &Value::i, msgs);
 }
 
 char *Dictionary_GetTypedText(Dictionary *dict, const char *name, int type, MsgList **msgs)
