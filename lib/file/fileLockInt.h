@@ -13,8 +13,27 @@
 #include "fileLock.h"
 
 #ifdef __cplusplus
+#include <sys/stat.h>
+
 #include <string>
 #include <vector>
+
+/*
+ * Which file a name meant when it was looked at. Files of others are removed by name only
+ * while the name still means the same file, so that a newcomer who drew the same number is
+ * never removed in its place.
+ */
+struct FileLockFileId {
+   bool known = false;
+   dev_t dev = 0;
+   ino_t ino = 0;
+   struct timespec ctime = {};
+};
+
+FileLockFileId FileLockFileIdOf(const struct stat &st);
+bool FileLockSameFile(const FileLockFileId &a, const FileLockFileId &b);
+/* Removes lockDir/fileName unless it now names a file other than id; 0 or the error. */
+int FileLockRemoveIfSame(const char *lockDir, const char *fileName, const FileLockFileId &id);
 
 /* Size of every member file. */
 constexpr size_t kFileLockMemberSize = 512;
@@ -26,6 +45,7 @@ struct FileLockActiveLock {
    std::string dirName;
    uint32_t age;
    bool marked;
+   FileLockFileId id;
 };
 
 /* The locker's own description while it locks. */
@@ -50,6 +70,7 @@ struct FileLockMemberValues {
    std::string locationChecksum;
    std::string memberName;
    uint32_t lamportNumber = 0;
+   FileLockFileId id; /* the member file that was read */
 };
 
 /*

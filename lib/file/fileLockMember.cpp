@@ -147,6 +147,37 @@ int FileLockRemoveLockingFile(const char *lockDir, const char *fileName)
    return err;
 }
 
+FileLockFileId FileLockFileIdOf(const struct stat &st)
+{
+   FileLockFileId id;
+   id.known = true;
+   id.dev = st.st_dev;
+   id.ino = st.st_ino;
+   id.ctime = st.st_ctim;
+   return id;
+}
+
+bool FileLockSameFile(const FileLockFileId &a, const FileLockFileId &b)
+{
+   return a.known && b.known && a.dev == b.dev && a.ino == b.ino &&
+          a.ctime.tv_sec == b.ctime.tv_sec && a.ctime.tv_nsec == b.ctime.tv_nsec;
+}
+
+int FileLockRemoveIfSame(const char *lockDir, const char *fileName, const FileLockFileId &id)
+{
+   if (id.known) {
+      std::string path = std::string(lockDir) + "/" + fileName;
+      struct stat st;
+      if (lstat(path.c_str(), &st) == -1) {
+         return errno == ENOENT ? 0 : errno;
+      }
+      if (!FileLockSameFile(id, FileLockFileIdOf(st))) {
+         return 0;  // somebody else's new file under the same name
+      }
+   }
+   return FileLockRemoveLockingFile(lockDir, fileName);
+}
+
 int FileLockMemberValuesRead(const char *dirName, const char *fileName,
                              FileLockMemberValues *values)
 {
@@ -175,6 +206,7 @@ int FileLockMemberValuesRead(const char *dirName, const char *fileName,
       free(path);
       return err;
    }
+   values->id = FileLockFileIdOf(st);
    if (static_cast<uint64_t>(st.st_size) != kFileLockMemberSize) {
       Warning("FILE: %s file '%s': size %llu, required size %zd\n", kFunc, path,
               static_cast<unsigned long long>(st.st_size),
@@ -206,7 +238,7 @@ int FileLockMemberValuesRead(const char *dirName, const char *fileName,
                 argv[i].c_str());
          }
       }
-      err = FileLockRemoveLockingFile(dirName, fileName);
+      err = FileLockRemoveIfSame(dirName, fileName, values->id);
       free(path);
       return err == 0 ? ENOENT : err;
    }

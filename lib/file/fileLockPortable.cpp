@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "err.h"
 #include "file.h"
@@ -47,9 +48,13 @@ uint64_t NowMs(void)
    return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
 }
 
+/* Serialises this module's umask changes, so that threads never restore each other's 0. */
+std::mutex gUmaskLock;
+
 /* mkdir with mode 0777 under a umask of 0, so that every user can take part. */
 int MakeDirectoryOpen(const char *path)
 {
+   std::lock_guard<std::mutex> guard(gUmaskLock);
    mode_t old = umask(0);
    int rc = mkdir(path, 0777);
    int err = rc == -1 ? errno : 0;
@@ -231,16 +236,29 @@ int FileLockScanDirectory(const char *lockDir, Visitor visitor, FileLockValues *
       }
       skip[i] = true;
       if (cleanUp) {
+         // Watched by name and by identity: a new chooser that drew the same number starts
+         // its own age.
+         FileLockFileId id;
+         struct stat st;
+         std::string dirPath = std::string(lockDir) + "/" + names[i];
+         if (lstat(dirPath.c_str(), &st) == -1) {
+            continue;  // it went away
+         }
+         id = FileLockFileIdOf(st);
          bool found = false;
          for (FileLockActiveLock &active : my->lockList) {
             if (active.dirName == names[i]) {
+               if (!FileLockSameFile(active.id, id)) {
+                  active.age = 0;
+                  active.id = id;
+               }
                active.marked = true;
                found = true;
                break;
             }
          }
          if (!found) {
-            my->lockList.push_back({names[i], 0, true});
+            my->lockList.push_back({names[i], 0, true, id});
          }
       }
    }
@@ -285,7 +303,7 @@ int FileLockScanDirectory(const char *lockDir, Visitor visitor, FileLockValues *
             if (!reason.empty()) {
                Log("FILE: %s discarding %s from %s': %s\n", kFunc, name, lockDir,
                    reason.c_str());
-               err = FileLockRemoveLockingFile(lockDir, name);
+               err = FileLockRemoveIfSame(lockDir, name, member.id);
                continue;
             }
          }
@@ -318,14 +336,25 @@ int FileLockScanner(const char *lockDir, Visitor visitor, FileLockValues *my, bo
             kept.push_back(active);
             continue;
          }
+         std::string dir = std::string(lockDir) + "/" + active.dirName;
+         struct stat st;
+         if (lstat(dir.c_str(), &st) == -1 || !FileLockSameFile(active.id, FileLockFileIdOf(st))) {
+            continue;  // gone, or a new chooser's since this pass
+         }
          Log("FILE: %s discarding %s data from '%s'.\n", "FileLockScanner",
              active.dirName.c_str(), lockDir);
          std::string name = active.dirName;
          name[0] = 'M';
-         FileLockRemoveLockingFile(lockDir, name.c_str());
+         // A chooser killed right after its mkdir may have drawn the number of a live holder
+         // on this machine; that member stays.
+         FileLockMemberValues member;
+         if (FileLockMemberValuesRead(lockDir, name.c_str(), &member) != 0 ||
+             !FileLockMachineIDMatch(my->machineID, member.machineID.c_str()) ||
+             !FileLockValidExecutionID(member.executionID.c_str())) {
+            FileLockRemoveLockingFile(lockDir, name.c_str());
+         }
          name[0] = 'E';
          FileLockRemoveLockingFile(lockDir, name.c_str());
-         std::string dir = std::string(lockDir) + "/" + active.dirName;
          RemoveDirQuietly(dir.c_str());
       }
       my->lockList.swap(kept);
@@ -372,9 +401,13 @@ int FileLockWaitForPossession(const char *lockDir, const char *fileName,
          err = errno == ENOENT ? 0 : errno;
          break;
       }
+      if (member->id.known && !FileLockSameFile(member->id, FileLockFileIdOf(st))) {
+         err = 0;  // the member left; a newcomer drew its number
+         break;
+      }
       if (thisMachine && !FileLockValidExecutionID(member->executionID.c_str())) {
          Warning("FILE: %s discarding file '%s'; invalid executionID.\n", kFunc, path);
-         err = FileLockRemoveLockingFile(lockDir, fileName);
+         err = FileLockRemoveIfSame(lockDir, fileName, member->id);
          break;
       }
    }

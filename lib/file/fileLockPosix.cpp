@@ -25,6 +25,12 @@ namespace {
 std::atomic<char *> gMachineID{nullptr};
 std::atomic<char *> gOldMachineID{nullptr};
 
+struct ExecutionIDCache {
+   pid_t pid;
+   char text[48];
+};
+std::atomic<ExecutionIDCache *> gExecutionID{nullptr};
+
 enum class ProcessStatus { kAlive, kGone, kUnknown };
 
 ProcessStatus GetProcessStatus(pid_t pid)
@@ -141,7 +147,13 @@ const char *FileLockGetMachineID(void)
 
 char *FileLockGetExecutionID(void)
 {
+   // A process's start time never changes: it is read once per process id (a forked child
+   // has its own), which spares two /proc reads on every scan.
    pid_t pid = getpid();
+   ExecutionIDCache *known = gExecutionID.load(std::memory_order_acquire);
+   if (known != nullptr && known->pid == pid) {
+      return Util_SafeStrdup(known->text);
+   }
    if (GetProcessStatus(pid) == ProcessStatus::kGone) {
       return nullptr;
    }
@@ -149,8 +161,17 @@ char *FileLockGetExecutionID(void)
    if (!Hostinfo_GetProcessStartTime(pid, &startTime)) {
       return nullptr;
    }
-   return Str_SafeAsprintf(nullptr, "%d-%llu", static_cast<int>(pid),
-                           static_cast<unsigned long long>(startTime));
+   ExecutionIDCache *mine = static_cast<ExecutionIDCache *>(Util_SafeMalloc(sizeof *mine));
+   mine->pid = pid;
+   Str_Sprintf(mine->text, sizeof mine->text, "%d-%llu", static_cast<int>(pid),
+               static_cast<unsigned long long>(startTime));
+   // A losing thread frees its copy; a cache inherited through fork is left as it is.
+   if (!gExecutionID.compare_exchange_strong(known, mine, std::memory_order_acq_rel)) {
+      char *text = Util_SafeStrdup(mine->text);
+      free(mine);
+      return text;
+   }
+   return Util_SafeStrdup(mine->text);
 }
 
 bool FileLockValidExecutionID(const char *executionID)

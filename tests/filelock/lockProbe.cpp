@@ -206,7 +206,14 @@ int Fan(int procs, Body body)
 
 int main(int argc, char **argv)
 {
-   Log_SetOutputFd(argc > 1 && strcmp(argv[1], "try") == 0 ? 1 : -1);
+   // LOCKPROBE_LOG=DIR keeps each probe's log in DIR/PID.log, for looking into a failed run.
+   const char *logDir = getenv("LOCKPROBE_LOG");
+   if (logDir != nullptr) {
+      std::string logPath = std::string(logDir) + "/" + std::to_string(getpid()) + ".log";
+      Log_SetOutputFd(open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+   } else {
+      Log_SetOutputFd(argc > 1 && strcmp(argv[1], "try") == 0 ? 1 : -1);
+   }
    srand(static_cast<unsigned>(getpid()));
    std::string mode = argc > 1 ? argv[1] : "";
    if (mode == "id") {
