@@ -139,7 +139,11 @@ void BM_FileLockContended8(benchmark::State &state)
        benchmark::Counter(static_cast<double>(total), benchmark::Counter::kIsRate);
    state.counters["longest_wait_ms"] = static_cast<double>(longest) / 1e6;
 }
-BENCHMARK(BM_FileLockContended8)->Arg(10)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FileLockContended8)
+    ->Arg(10)
+    ->Iterations(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 /* A holder killed with SIGKILL while a waiter waits: the time until the waiter holds. */
 void BM_FileLockRecovery(benchmark::State &state)

@@ -36,19 +36,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
       Check(argv.size() <= kFileLockMaxFields + 1);
       return 0;
    }
-   if (values.executionID.find_first_of("-()") == std::string::npos &&
-       values.hasLocationChecksum) {
+   if (values.executionID.find_first_of("-()") == std::string::npos && values.hasLocationChecksum) {
       return 0;  // formats into the older form's shape, which is read back converted
    }
    unsigned long long startTime = 0;
    int pid = 0;
    sscanf(values.executionID.c_str(), "%d-%llu", &pid, &startTime);
    char text[kFileLockMemberSize];
-   if (!FileLockFormatMemberText(values.machineID.c_str(), values.executionID.c_str(),
-                                 values.lamportNumber, values.lockType.c_str(), startTime,
-                                 values.hasLocationChecksum ? values.locationChecksum.c_str()
-                                                            : nullptr,
-                                 text)) {
+   if (!FileLockFormatMemberText(
+           values.machineID.c_str(), values.executionID.c_str(), values.lamportNumber,
+           values.lockType.c_str(), startTime,
+           values.hasLocationChecksum ? values.locationChecksum.c_str() : nullptr, text)) {
       return 0;  // the older form's conversion can outgrow 512 bytes
    }
    FileLockMemberValues again;

@@ -85,9 +85,8 @@ bool FileLockParseMemberText(const char *buffer, size_t size, FileLockMemberValu
  * NULL (no "lc=" field). False when it does not fit.
  */
 bool FileLockFormatMemberText(const char *machineID, const char *executionID,
-                              uint32_t lamportNumber, const char *lockType,
-                              uint64_t startTime, const char *locationChecksum,
-                              char out[kFileLockMemberSize]);
+                              uint32_t lamportNumber, const char *lockType, uint64_t startTime,
+                              const char *locationChecksum, char out[kFileLockMemberSize]);
 
 /*
  * Reads the member file dirName/fileName. 0 with the values; ENOENT when it is gone or was

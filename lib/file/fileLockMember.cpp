@@ -213,8 +213,7 @@ int FileLockMemberValuesRead(const char *dirName, const char *fileName,
               static_cast<ssize_t>(kFileLockMemberSize));
       problematic = true;
    } else {
-      ssize_t got =
-          tesmar::RetryEintr([&] { return read(fd.get(), buffer, kFileLockMemberSize); });
+      ssize_t got = tesmar::RetryEintr([&] { return read(fd.get(), buffer, kFileLockMemberSize); });
       if (got == -1) {
          err = errno;
          Warning("FILE: %s read failure on '%s': %s\n", kFunc, path, Err_Errno2String(err));

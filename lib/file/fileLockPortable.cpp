@@ -130,8 +130,7 @@ int FileLockCreateEntryDirectory(const char *lockDir, char **entryDirectory, cha
             Warning("FILE: %s unable to remove '%s': %s\n", kFunc, entryDir, Err_Errno2String(err));
          }
       } else if (err != EEXIST && err != ENOENT) {
-         Warning("FILE: %s creation failure on '%s': %s\n", kFunc, entryDir,
-                 Err_Errno2String(err));
+         Warning("FILE: %s creation failure on '%s': %s\n", kFunc, entryDir, Err_Errno2String(err));
       } else {
          err = 0;
       }
@@ -301,8 +300,7 @@ int FileLockScanDirectory(const char *lockDir, Visitor visitor, FileLockValues *
                reason = "lock file has been moved.";
             }
             if (!reason.empty()) {
-               Log("FILE: %s discarding %s from %s': %s\n", kFunc, name, lockDir,
-                   reason.c_str());
+               Log("FILE: %s discarding %s from %s': %s\n", kFunc, name, lockDir, reason.c_str());
                err = FileLockRemoveIfSame(lockDir, name, member.id);
                continue;
             }
@@ -341,8 +339,8 @@ int FileLockScanner(const char *lockDir, Visitor visitor, FileLockValues *my, bo
          if (lstat(dir.c_str(), &st) == -1 || !FileLockSameFile(active.id, FileLockFileIdOf(st))) {
             continue;  // gone, or a new chooser's since this pass
          }
-         Log("FILE: %s discarding %s data from '%s'.\n", "FileLockScanner",
-             active.dirName.c_str(), lockDir);
+         Log("FILE: %s discarding %s data from '%s'.\n", "FileLockScanner", active.dirName.c_str(),
+             lockDir);
          std::string name = active.dirName;
          name[0] = 'M';
          // A chooser killed right after its mkdir may have drawn the number of a live holder
@@ -392,7 +390,7 @@ int FileLockWaitForPossession(const char *lockDir, const char *fileName,
       if (my->msecMaxWaitTime != FILELOCK_INFINITE_WAIT && elapsed >= my->msecMaxWaitTime) {
          break;
       }
-      uint32_t sleep = elapsed <= 2000    ? 100
+      uint32_t sleep = elapsed <= 2000   ? 100
                        : elapsed < 20000 ? static_cast<uint32_t>(elapsed / 10)
                                          : 2000;
       FileSleeper(sleep / 2, sleep);
@@ -528,8 +526,8 @@ char *NormalizePath(const char *path)
    char *result = nullptr;
    if (full != nullptr) {
       size_t len = strlen(full);
-      result = Str_SafeAsprintf(nullptr, "%s%s%s", full,
-                                len > 0 && full[len - 1] == '/' ? "" : "/", base);
+      result = Str_SafeAsprintf(nullptr, "%s%s%s", full, len > 0 && full[len - 1] == '/' ? "" : "/",
+                                base);
    }
    free(full);
    free(dir);

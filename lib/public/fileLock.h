@@ -16,7 +16,7 @@ extern "C" {
 #endif
 
 #define FILELOCK_SUFFIX ".lck"
-#define FILELOCK_TRY_LOCK 0u                /* maximum wait: do not wait */
+#define FILELOCK_TRY_LOCK 0u               /* maximum wait: do not wait */
 #define FILELOCK_INFINITE_WAIT 0xFFFFFFFFu /* maximum wait: wait for ever */
 
 typedef struct FileLockToken FileLockToken;

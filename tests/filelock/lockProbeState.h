@@ -9,8 +9,8 @@
 #include <cstdint>
 
 struct ProbeState {
-   std::atomic<int32_t> holder;   /* pid of the exclusive holder, 0 when none */
-   std::atomic<int32_t> readers;  /* shared holders right now */
+   std::atomic<int32_t> holder;  /* pid of the exclusive holder, 0 when none */
+   std::atomic<int32_t> readers; /* shared holders right now */
    std::atomic<int32_t> maxReaders;
    std::atomic<int32_t> overlaps;
    std::atomic<int64_t> acquisitions;
