@@ -160,6 +160,7 @@ const std::string &BigFile()
 
 void BM_CopyFile(benchmark::State &state)
 {
+   BigFile();
    std::string dst = Scratch("bigcopy");
    for (auto _ : state) {
       if (!File_Copy(BigFile().c_str(), dst.c_str(), true)) {
@@ -174,6 +175,7 @@ void BM_CopyFile(benchmark::State &state)
 
 void BM_CopyFilePeerCp(benchmark::State &state)
 {
+   BigFile();
    std::string dst = Scratch("bigcopy");
    for (auto _ : state) {
       Run("cp --reflink=never '" + BigFile() + "' '" + dst + "'");
@@ -310,7 +312,7 @@ int main(int argc, char **argv)
    benchmark::RunSpecifiedBenchmarks();
    benchmark::Shutdown();
    Msg_Reset(false);
-   Run("rm -rf '" + BaseDir() + "/bench_file_src." + std::to_string(getpid()) + "' '" +
-       BaseDir() + "/bench_file_big." + std::to_string(getpid()) + "'");
+   Run("rm -rf '" + BaseDir() + "/bench_file_src." + std::to_string(getpid()) + "' '" + BaseDir() +
+       "/bench_file_big." + std::to_string(getpid()) + "'");
    return 0;
 }

@@ -6,11 +6,15 @@
 
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <deque>
 
 #include "dictionary.h"
+#include "hashTable.h"
+#include "user/dictionaryInt.h"
 #include "location.h"
 #include "log.h"
 #include "msg.h"
@@ -41,11 +45,112 @@ const char *const kLayerTitles[PREF_NUM_LAYERS] = {
     "DICT --- HOST DEFAULTS %s\n",    "DICT --- SITE DEFAULTS %s\n",
 };
 
+using tesmar::dict::Entry;
+
+/* Where a name is answered: the entry of the first layer that defines it. */
+struct PreferenceSlot {
+   Entry *entry;
+   PreferenceLayer layer;
+   PreferenceSlot *sameHash;  // the next slot whose name has the same hash
+};
+
+constexpr uint32_t kMinIndexBuckets = 64;
+
 struct PreferenceStore {
    Dictionary *layers[PREF_NUM_LAYERS] = {};
    char *paths[PREF_NUM_LAYERS] = {};
    MXUserRecLock *lock = nullptr;
+   /*
+    * The layers merged: each name once, with the layer that answers it. Entries never move or
+    * go away while the store lives, so the slots can point at them.
+    */
+   HashTable *index = nullptr;
+   uint32_t buckets = 0;
+   std::deque<PreferenceSlot> slots;
 };
+
+void *PreferenceIndexKey(uint64_t hash)
+{
+   return reinterpret_cast<void *>(static_cast<uintptr_t>(hash));
+}
+
+PreferenceSlot *PreferenceFindSlot(const PreferenceStore *store, std::string_view name,
+                                   uint64_t hash)
+{
+   void *value = nullptr;
+   if (!HashTable_Lookup(store->index, PreferenceIndexKey(hash), &value)) {
+      return nullptr;
+   }
+   auto *slot = static_cast<PreferenceSlot *>(value);
+   while (slot != nullptr && !tesmar::dict::NameEquals(slot->entry->NameView(), name)) {
+      slot = slot->sameHash;
+   }
+   return slot;
+}
+
+void PreferenceLinkSlot(PreferenceStore *store, PreferenceSlot *slot)
+{
+   // The table gives back the value it holds, which is slot itself when slot was inserted.
+   void *head = HashTable_LookupOrInsert(store->index, PreferenceIndexKey(slot->entry->hash), slot);
+   slot->sameHash = nullptr;
+   if (head != slot) {
+      slot->sameHash = static_cast<PreferenceSlot *>(head)->sameHash;
+      static_cast<PreferenceSlot *>(head)->sameHash = slot;
+   }
+}
+
+/* Records that layer answers for entry's name unless a layer before it already does. */
+void PreferenceIndexEntry(PreferenceStore *store, Entry *entry, PreferenceLayer layer)
+{
+   PreferenceSlot *slot = PreferenceFindSlot(store, entry->NameView(), entry->hash);
+   if (slot != nullptr) {
+      if (layer < slot->layer) {
+         slot->entry = entry;
+         slot->layer = layer;
+      }
+      return;
+   }
+   if (store->slots.size() >= (size_t)store->buckets * 2) {
+      // Grow: a table twice as large, every slot linked again.
+      HashTable_Free(store->index);
+      store->buckets *= 2;
+      store->index = HashTable_Alloc(store->buckets, HASH_INT_KEY, nullptr);
+      for (auto &s : store->slots) {
+         PreferenceLinkSlot(store, &s);
+      }
+   }
+   store->slots.push_back(PreferenceSlot{entry, layer, nullptr});
+   PreferenceLinkSlot(store, &store->slots.back());
+}
+
+void PreferenceBuildIndex(PreferenceStore *store)
+{
+   size_t total = 0;
+   for (Dictionary *layer : store->layers) {
+      total += layer->entries.size();
+   }
+   store->buckets = kMinIndexBuckets;
+   while (store->buckets < total && store->buckets < (1u << 24)) {
+      store->buckets <<= 1;
+   }
+   store->index = HashTable_Alloc(store->buckets, HASH_INT_KEY, nullptr);
+   for (int i = 0; i < PREF_NUM_LAYERS; i++) {
+      for (Entry *entry : store->layers[i]->entries) {
+         PreferenceIndexEntry(store, entry, (PreferenceLayer)i);
+      }
+   }
+}
+
+/* The entry that answers for name, nullptr when no layer defines it. */
+Entry *PreferenceFind(const PreferenceStore *store, const char *name, PreferenceLayer *layer)
+{
+   std::string_view view(name);
+   PreferenceSlot *slot = PreferenceFindSlot(store, view, tesmar::dict::NameHash(view));
+   if (layer != nullptr) {
+      *layer = slot != nullptr ? slot->layer : PREF_NO_LAYER;
+   }
+   return slot != nullptr ? slot->entry : nullptr;
+}
 
 std::atomic<PreferenceStore *> gStore{nullptr};
 
@@ -56,6 +161,9 @@ void PreferenceFree(PreferenceStore *store)
       free(store->paths[i]);
    }
    MXUser_DestroyRecLock(store->lock);
+   if (store->index != nullptr) {
+      HashTable_Free(store->index);
+   }
    delete store;
 }
 
@@ -109,6 +217,7 @@ PreferenceStore *PreferenceCreate(bool allowUserFiles)
    PreferenceRead(store, PREF_SITE_DEFAULTS);
    PreferenceRead(store, PREF_USER_DEFAULTS);
    PreferenceRead(store, PREF_USER_PREFERENCES);
+   PreferenceBuildIndex(store);
    return store;
 }
 
@@ -148,17 +257,6 @@ class StoreGuard {
    PreferenceStore *store_;
 };
 
-/* The first layer defining name; USER PREFERENCES (for its default) when none does. */
-Dictionary *PreferenceLayerFor(PreferenceStore *store, const char *name)
-{
-   for (Dictionary *layer : store->layers) {
-      if (Dictionary_IsDefined(layer, name)) {
-         return layer;
-      }
-   }
-   return store->layers[PREF_USER_PREFERENCES];
-}
-
 /* Hands a lookup's messages about malformed values to the user messages. */
 void PreferenceReport(MsgList *msgs)
 {
@@ -169,9 +267,9 @@ void PreferenceReport(MsgList *msgs)
 }
 
 /*
- * The lookup shared by every typed getter: get(dictionary, messages) runs under the lock on the
- * layer that answers; before the store exists the early-access line is logged and early()
- * answers.
+ * The lookup shared by every typed getter: get(entry, messages) runs under the lock on the
+ * entry of the first layer that defines the name (nullptr when none does, for the default);
+ * before the store exists the early-access line is logged and early() answers.
  */
 template <class Get, class Early>
 auto PreferenceLookup(const char *name, Get get, Early early) -> decltype(early())
@@ -184,7 +282,7 @@ auto PreferenceLookup(const char *name, Get get, Early early) -> decltype(early(
          Log("PREF early PreferenceGet(%s), using default\n", name);
          return early();
       }
-      result = get(PreferenceLayerFor(guard.Get(), name), &msgs);
+      result = get(PreferenceFind(guard.Get(), name, nullptr), &msgs);
    }
    PreferenceReport(msgs);
    return result;
@@ -226,9 +324,7 @@ char *Preference_GetString(const char *defaultValue, const char *name)
 {
    return PreferenceLookup(
        name,
-       [&](Dictionary *d, MsgList **msgs) {
-          return Dictionary_GetString(d, defaultValue, name, msgs);
-       },
+       [&](Entry *e, MsgList **) { return GetStringEntry(e, defaultValue); },
        [&]() -> char * { return defaultValue != nullptr ? Util_SafeStrdup(defaultValue) : nullptr; });
 }
 
@@ -241,8 +337,12 @@ bool Preference_GetBool(bool defaultValue, const char *name)
 {
    return PreferenceLookup(
        name,
-       [&](Dictionary *d, MsgList **msgs) {
-          return Dictionary_GetBool(d, defaultValue, name, msgs);
+       [&](Entry *e, MsgList **msgs) {
+          tesmar::dict::Value def;
+          def.b = defaultValue;
+          tesmar::dict::Value result;
+          GetTypedEntry(e, DICT_BOOL, def, &result, msgs);
+          return result.b;
        },
        [&] { return defaultValue; });
 }
@@ -251,8 +351,12 @@ int32_t Preference_GetTriState(int32_t defaultValue, const char *name)
 {
    return PreferenceLookup(
        name,
-       [&](Dictionary *d, MsgList **msgs) {
-          return Dictionary_GetTriState(d, defaultValue, name, msgs);
+       [&](Entry *e, MsgList **msgs) {
+          tesmar::dict::Value def;
+          def.l = defaultValue;
+          tesmar::dict::Value result;
+          GetTypedEntry(e, DICT_TRISTATE, def, &result, msgs);
+          return result.l;
        },
        [&] { return defaultValue; });
 }
@@ -261,8 +365,12 @@ int32_t Preference_GetLong(int32_t defaultValue, const char *name)
 {
    return PreferenceLookup(
        name,
-       [&](Dictionary *d, MsgList **msgs) {
-          return Dictionary_GetLong(d, defaultValue, name, msgs);
+       [&](Entry *e, MsgList **msgs) {
+          tesmar::dict::Value def;
+          def.l = defaultValue;
+          tesmar::dict::Value result;
+          GetTypedEntry(e, DICT_LONG, def, &result, msgs);
+          return result.l;
        },
        [&] { return defaultValue; });
 }
@@ -271,8 +379,12 @@ int64_t Preference_GetInt64(int64_t defaultValue, const char *name)
 {
    return PreferenceLookup(
        name,
-       [&](Dictionary *d, MsgList **msgs) {
-          return Dictionary_GetInt64(d, defaultValue, name, msgs);
+       [&](Entry *e, MsgList **msgs) {
+          tesmar::dict::Value def;
+          def.i = defaultValue;
+          tesmar::dict::Value result;
+          GetTypedEntry(e, DICT_INT64, def, &result, msgs);
+          return result.i;
        },
        [&] { return defaultValue; });
 }
@@ -281,8 +393,12 @@ double Preference_GetDouble(double defaultValue, const char *name)
 {
    return PreferenceLookup(
        name,
-       [&](Dictionary *d, MsgList **msgs) {
-          return Dictionary_GetDouble(d, defaultValue, name, msgs);
+       [&](Entry *e, MsgList **msgs) {
+          tesmar::dict::Value def;
+          def.d = defaultValue;
+          tesmar::dict::Value result;
+          GetTypedEntry(e, DICT_DOUBLE, def, &result, msgs);
+          return result.d;
        },
        [&] { return defaultValue; });
 }
@@ -295,15 +411,11 @@ bool Preference_NotSet(const char *name)
 PreferenceLayer Preference_Find(const char *name)
 {
    StoreGuard guard;
-   if (guard.Get() == nullptr) {
-      return PREF_NO_LAYER;
+   PreferenceLayer layer = PREF_NO_LAYER;
+   if (guard.Get() != nullptr) {
+      PreferenceFind(guard.Get(), name, &layer);
    }
-   for (int i = 0; i < PREF_NUM_LAYERS; i++) {
-      if (Dictionary_IsDefined(guard.Get()->layers[i], name)) {
-         return (PreferenceLayer)i;
-      }
-   }
-   return PREF_NO_LAYER;
+   return layer;
 }
 
 const char *Preference_LayerName(PreferenceLayer layer)
@@ -330,8 +442,15 @@ bool Preference_SetFromString(const char *text, bool overwrite)
       if (guard.Get() == nullptr) {
          return false;
       }
-      ok = Dictionary_SetFromString(guard.Get()->layers[PREF_NON_PERSISTENT], text, overwrite,
-                                    &msgs);
+      Dictionary *layer = guard.Get()->layers[PREF_NON_PERSISTENT];
+      ok = Dictionary_SetFromString(layer, text, overwrite, &msgs);
+      const char *equals = strchr(text, '=');
+      std::string_view name = equals != nullptr ? std::string_view(text, (size_t)(equals - text))
+                                                : std::string_view(text);
+      Entry *entry = tesmar::dict::Find(layer, name);
+      if (entry != nullptr) {
+         PreferenceIndexEntry(guard.Get(), entry, PREF_NON_PERSISTENT);
+      }
    }
    PreferenceReport(msgs);
    return ok;

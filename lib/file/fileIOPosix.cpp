@@ -162,12 +162,12 @@ void CoalesceEnd(Coalesced &c, const struct iovec *v, int count, size_t actual, 
 
 int OpenAsRoot(const char *path, int flags, int mode)
 {
+   if (geteuid() == 0) {
+      return open(path, flags, mode);
+   }
    FileIOPrivilegedOpener *opener = gPrivilegedOpener.load();
    if (opener != nullptr) {
       return opener(path, flags);
-   }
-   if (geteuid() == 0) {
-      return open(path, flags, mode);
    }
    uid_t uid = Id_BeginSuperUser();
    int fd = open(path, flags, mode);

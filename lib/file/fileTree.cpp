@@ -36,8 +36,13 @@ namespace {
 
 constexpr int kDirFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
-/* The names in an open directory, "." and ".." left out; false with errno on failure. */
-bool ReadNames(int dirFd, std::vector<std::string> &names)
+struct DirEntry {
+   std::string name;
+   unsigned char type;  // DT_* from the directory, DT_UNKNOWN when it does not say
+};
+
+/* The entries of an open directory, "." and ".." left out; false with errno on failure. */
+bool ReadEntries(int dirFd, std::vector<DirEntry> &entries)
 {
    int fd = openat(dirFd, ".", kDirFlags);
    if (fd == -1) {
@@ -57,7 +62,7 @@ bool ReadNames(int dirFd, std::vector<std::string> &names)
          break;
       }
       if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
-         names.emplace_back(entry->d_name);
+         entries.push_back({entry->d_name, entry->d_type});
       }
    }
    int err = errno;
@@ -66,55 +71,83 @@ bool ReadNames(int dirFd, std::vector<std::string> &names)
    return err == 0;
 }
 
+bool ReadNames(int dirFd, std::vector<std::string> &names)
+{
+   std::vector<DirEntry> entries;
+   if (!ReadEntries(dirFd, entries)) {
+      return false;
+   }
+   for (DirEntry &e : entries) {
+      names.push_back(std::move(e.name));
+   }
+   return true;
+}
+
 std::string Join(const std::string &dir, const std::string &name)
 {
    return dir.empty() || dir.back() == '/' ? dir + name : dir + "/" + name;
 }
 
-/* Removes everything inside dirFd; returns the last error met (0 when none). */
+/*
+ * Removes everything inside dirFd; returns the last error met (0 when none). The type the
+ * directory reports only picks the first attempt: unlinkat never follows a link, a directory
+ * is entered only through O_NOFOLLOW, and an entry that changed type in between is retried
+ * the other way.
+ */
 int DeleteContents(int dirFd, const std::string &path)
 {
-   std::vector<std::string> names;
-   if (!ReadNames(dirFd, names)) {
+   std::vector<DirEntry> entries;
+   if (!ReadEntries(dirFd, entries)) {
       return errno;
    }
    int lastError = 0;
-   for (const std::string &name : names) {
-      const char *n = name.c_str();
-      struct stat st;
-      if (fstatat(dirFd, n, &st, AT_SYMLINK_NOFOLLOW) == -1) {
-         if (errno != ENOENT) {
-            lastError = errno;
-            Log("FILE: %s: Lstat of '%s' failed, errno = %d\n", "FileDeleteDirectoryTree",
-                Join(path, name).c_str(), errno);
-         }
-         continue;
-      }
-      if (S_ISDIR(st.st_mode)) {
-         UniqueFd child(openat(dirFd, n, kDirFlags | O_NOFOLLOW));
-         if (!child) {
-            if (errno == ENOENT) {
-               continue;
-            }
-            if (errno != ELOOP && errno != ENOTDIR) {
+   for (const DirEntry &entry : entries) {
+      const char *n = entry.name.c_str();
+      bool isDir = entry.type == DT_DIR;
+      if (entry.type == DT_UNKNOWN) {
+         struct stat st;
+         if (fstatat(dirFd, n, &st, AT_SYMLINK_NOFOLLOW) == -1) {
+            if (errno != ENOENT) {
                lastError = errno;
-               continue;
-            }
-            // Swapped for a link or a file since the stat: it is removed as one.
-         } else {
-            int err = DeleteContents(child.get(), Join(path, name));
-            child.reset();
-            if (err == 0 && unlinkat(dirFd, n, AT_REMOVEDIR) == -1 && errno != ENOENT) {
-               err = errno;
-            }
-            if (err != 0) {
-               lastError = err;
+               Log("FILE: %s: Lstat of '%s' failed, errno = %d\n", "FileDeleteDirectoryTree",
+                   Join(path, entry.name).c_str(), errno);
             }
             continue;
          }
+         isDir = S_ISDIR(st.st_mode);
       }
-      if (unlinkat(dirFd, n, 0) == -1 && errno != ENOENT) {
-         lastError = errno;
+      if (!isDir) {
+         if (unlinkat(dirFd, n, 0) == 0 || errno == ENOENT) {
+            continue;
+         }
+         if (errno != EISDIR && errno != EPERM) {
+            lastError = errno;
+            continue;
+         }
+         // It is a directory after all (EPERM is how some systems refuse to unlink one).
+      }
+      UniqueFd child(openat(dirFd, n, kDirFlags | O_NOFOLLOW));
+      if (!child) {
+         if (errno == ENOENT) {
+            continue;
+         }
+         if (errno != ELOOP && errno != ENOTDIR) {
+            lastError = errno;
+            continue;
+         }
+         // Swapped for a link or a file since it was listed: it is removed as one.
+         if (unlinkat(dirFd, n, 0) == -1 && errno != ENOENT) {
+            lastError = errno;
+         }
+         continue;
+      }
+      int err = DeleteContents(child.get(), Join(path, entry.name));
+      child.reset();
+      if (err == 0 && unlinkat(dirFd, n, AT_REMOVEDIR) == -1 && errno != ENOENT) {
+         err = errno;
+      }
+      if (err != 0) {
+         lastError = err;
       }
    }
    return lastError;

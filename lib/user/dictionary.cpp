@@ -149,10 +149,16 @@ bool SetEncoding(Dictionary *dict, const char *name, int line, MsgList **msgs)
                       EncodingName(dict->encoding));
       return false;
    }
-   std::vector<SecureString> decoded(dict->entries.size());
+   // UTF-8 needs no conversion, only the check.
+   bool convert = encoding != STRING_ENCODING_UTF8;
+   std::vector<SecureString> decoded(convert ? dict->entries.size() : 0);
    for (size_t i = 0; i < dict->entries.size(); i++) {
       const Entry &e = *dict->entries[i];
-      if (IsStringType(e.type) && !DecodeValue(e.text.View(), encoding, &decoded[i])) {
+      bool valid = !IsStringType(e.type) ||
+                   (convert ? DecodeValue(e.text.View(), encoding, &decoded[i])
+                            : Unicode_IsBufferValid(e.text.data(), (ssize_t)e.text.size(),
+                                                    encoding));
+      if (!valid) {
          AppendWithPlace(msgs, dict, e.lineNumber,
                          "@&!*@*@(msg.dictionary.badEncodedInput)File \"%s\" line %d: Value "
                          "\"%s\" for variable \"%s\" is not valid in encoding \"%s\".\n",
@@ -160,11 +166,11 @@ bool SetEncoding(Dictionary *dict, const char *name, int line, MsgList **msgs)
                          "for variable \"%s\" is not valid in encoding \"%s\".\n",
                          "@&!*@*@(msg.dictionary.badEncodedInputNoFile)Value \"%s\" for variable "
                          "\"%s\" is not valid in encoding \"%s\".\n",
-                         e.text.c_str(), e.name.c_str(), EncodingName(encoding));
+                         e.text.c_str(), e.name, EncodingName(encoding));
          return false;
       }
    }
-   for (size_t i = 0; i < dict->entries.size(); i++) {
+   for (size_t i = 0; convert && i < dict->entries.size(); i++) {
       Entry &e = *dict->entries[i];
       if (IsStringType(e.type)) {
          e.text = std::move(decoded[i]);
@@ -178,7 +184,7 @@ bool SetEncoding(Dictionary *dict, const char *name, int line, MsgList **msgs)
 bool ParseReadLine(Dictionary *dict, const ParsedLine &parsed, int *duplicates, MsgList **msgs)
 {
    Line line;
-   line.text.assign(parsed.line.data(), parsed.line.size());
+   line.view = parsed.line;
    if (parsed.isEntry) {
       std::string_view name = parsed.name;
       if (IsEncodingName(name)) {
@@ -190,7 +196,7 @@ bool ParseReadLine(Dictionary *dict, const ParsedLine &parsed, int *duplicates, 
          Log("%s: \"%s\" line %d: unrecognized metavariable \"%.*s\"\n",
              "DictionaryParseReadLine", FileLabel(dict) != nullptr ? FileLabel(dict) : "",
              dict->lineNumber, (int)name.size(), name.data());
-      } else if (Find(dict, name) != nullptr) {
+      } else if (uint64_t hash = NameHash(name); Find(dict, name, hash) != nullptr) {
          SecureString copy(name);
          AppendWithPlace(msgs, dict, dict->lineNumber,
                          "@&!*@*@(msg.dictionary.alreadyDefined)File \"%s\" line %d: Variable "
@@ -216,7 +222,7 @@ bool ParseReadLine(Dictionary *dict, const ParsedLine &parsed, int *duplicates, 
                         copy.c_str());
          return false;
       } else {
-         Entry *e = Add(dict, name);
+         Entry *e = Add(dict, name, hash);
          e->lineNumber = dict->lineNumber;
          if (dict->encoding == kEncodingUnknown) {
             e->text = parsed.value;
@@ -228,7 +234,7 @@ bool ParseReadLine(Dictionary *dict, const ParsedLine &parsed, int *duplicates, 
                             "\"%s\" for variable \"%s\" is not valid in encoding \"%s\".\n",
                             "@&!*@*@(msg.dictionary.badEncodedInputNoFile)Value \"%s\" for "
                             "variable \"%s\" is not valid in encoding \"%s\".\n",
-                            parsed.value.c_str(), e->name.c_str(), EncodingName(dict->encoding));
+                            parsed.value.c_str(), e->name, EncodingName(dict->encoding));
             dict->lines.push_back(std::move(line));
             return false;
          }
@@ -242,7 +248,8 @@ bool ParseReadLine(Dictionary *dict, const ParsedLine &parsed, int *duplicates, 
       dict->lines.push_back(std::move(line));
       return true;
    }
-   Log("%s: syntax error with line, \"%s\".\n", "DictionaryParseReadLine", line.text.c_str());
+   Log("%s: syntax error with line, \"%.*s\".\n", "DictionaryParseReadLine",
+       (int)parsed.line.size(), parsed.line.data());
    AppendWithPlace(msgs, dict, dict->lineNumber,
                    "@&!*@*@(msg.dictionary.read.syntaxError)File \"%s\" line %d: Syntax error.\n",
                    "@&!*@*@(msg.dictionary.read.syntaxErrorNoLine)File \"%s\": Syntax error.\n",
@@ -274,9 +281,21 @@ bool DecodeWithDefault(Dictionary *dict, bool hadBom, StringEncoding defaultEnco
 }
 
 /* Reads every line of text (the whole file) into the dictionary. */
-bool ReadLines(Dictionary *dict, std::string_view text, bool skipBom,
+bool ReadLines(Dictionary *dict, SecureString &&source, bool skipBom,
                StringEncoding defaultEncoding, MsgList **msgs)
 {
+   // The lines view the text, which the dictionary keeps for as long as it has them.
+   dict->sources.push_back(std::make_unique<SecureString>(std::move(source)));
+   std::string_view text = dict->sources.back()->View();
+   // Room for every name with its NUL, so the arena never moves while names point into it.
+   auto arena = std::make_unique<SecureString>();
+   arena->reserve(text.size() + 1);
+   dict->nameArena = arena.get();
+   dict->sources.push_back(std::move(arena));
+   struct ArenaDone {
+      Dictionary *dict;
+      ~ArenaDone() { dict->nameArena = nullptr; }
+   } arenaDone{dict};
    bool hadBom = false;
    if (skipBom && text.substr(0, 3) == kUtf8Bom) {
       text.remove_prefix(3);
@@ -333,21 +352,21 @@ bool WritePass(Dictionary *dict, SecureString *out, MsgList **msgs)
          MsgList_Append(msgs,
                         "@&!*@*@(msg.dictionary.badEncodedOutput)Value \"%s\" for variable \"%s\" "
                         "is not valid in the \"%s\" encoding.\n",
-                        value.c_str(), e.name.c_str(), EncodingName(encoding));
+                        value.c_str(), e.name, EncodingName(encoding));
          return false;
       }
-      MarshalEntry(out, e.name.View(), IsStringType(e.type) ? bytes.View() : value.View());
+      MarshalEntry(out, e.NameView(), IsStringType(e.type) ? bytes.View() : value.View());
       return true;
    };
 
    size_t i = 0;
    for (; i < dict->lines.size(); i++) {
       const Line &line = dict->lines[i];
-      if (line.entry != nullptr || line.encodingLine || line.text.empty() ||
-          line.text[0] != '#') {
+      if (line.entry != nullptr || line.encodingLine || line.Text().empty() ||
+          line.Text()[0] != '#') {
          break;
       }
-      out->append(line.text);
+      out->append(line.Text());
       out->push_back('\n');
    }
    MarshalEntry(out, ".encoding", EncodingName(encoding));
@@ -358,7 +377,7 @@ bool WritePass(Dictionary *dict, SecureString *out, MsgList **msgs)
       }
       Entry *e = line.entry;
       if (e == nullptr) {
-         out->append(line.text);
+         out->append(line.Text());
          out->push_back('\n');
       } else if (!e->written && !e->encrypted) {
          if (e->modified) {
@@ -367,7 +386,7 @@ bool WritePass(Dictionary *dict, SecureString *out, MsgList **msgs)
             }
          } else {
             e->written = true;
-            out->append(line.text);
+            out->append(line.Text());
             out->push_back('\n');
          }
       }
@@ -388,7 +407,8 @@ bool Dictionary_LoadFromBuffer(Dictionary *dict, const char *name, const char *t
                                size_t length, StringEncoding defaultEncoding, MsgList **msgs)
 {
    SetFileName(dict, name);
-   return ReadLines(dict, std::string_view(text, length), true, defaultEncoding, msgs);
+   return ReadLines(dict, SecureString(std::string_view(text, length)), true, defaultEncoding,
+                    msgs);
 }
 
 bool DictionaryLoad(Dictionary *dict, const char *path, bool clear,
@@ -434,7 +454,7 @@ bool DictionaryLoad(Dictionary *dict, const char *path, bool clear,
       errno = error;
       return false;
    }
-   return ReadLines(dict, text.View(), !isStdin, defaultEncoding, msgs);
+   return ReadLines(dict, std::move(text), !isStdin, defaultEncoding, msgs);
 }
 
 char *Dictionary_WriteToBuffer(Dictionary *dict, bool withEncryptedPart, size_t *length,
@@ -494,12 +514,13 @@ bool Dictionary_WriteFile(Dictionary *dict, const char *path, MsgList **msgs)
 void Dictionary_SetInterpreter(Dictionary *dict, const char *interpreter)
 {
    if (!dict->lines.empty() && dict->lines[0].entry == nullptr &&
-       dict->lines[0].text.View().substr(0, 2) == "#!") {
+       dict->lines[0].Text().substr(0, 2) == "#!") {
       return;
    }
    Line line;
-   line.text.assign("#!");
-   line.text.append(interpreter);
+   line.isOwned = true;
+   line.owned.assign("#!");
+   line.owned.append(interpreter);
    dict->lines.insert(dict->lines.begin(), std::move(line));
 }
 

@@ -6,6 +6,8 @@
 #define TESMAR_DICTIONARY_INT_H
 
 #include <stdint.h>
+#include <string.h>
+#include <strings.h>
 
 #include <memory>
 #include <string_view>
@@ -18,7 +20,10 @@
 namespace tesmar::dict {
 
 struct Entry {
-   SecureString name;
+   /* The name, NUL-terminated: in the dictionary's name arena, or in ownedName. */
+   const char *name = "";
+   size_t nameLength = 0;
+   SecureString ownedName;
    int type = DICT_ANY;
    /* The text of an untyped or string entry; for a typed entry, its text as read or set. */
    SecureString text;
@@ -31,19 +36,33 @@ struct Entry {
    bool isDefault = false; // never dumped
    bool encrypted = false; // belongs to the encrypted part of the file
    int lineNumber = 0;     // where it was read, 0 for an entry set at run time
+   uint64_t hash = 0;      // the index key
+   Entry *sameHash = nullptr;  // the next entry whose name has the same hash
+   std::string_view NameView() const { return std::string_view(name, nameLength); }
 };
 
+/* A line as read (a view into the text it came from) or made at run time (owned). */
 struct Line {
-   SecureString text;  // without its line feed
+   std::string_view view;  // without its line feed
+   SecureString owned;
+   bool isOwned = false;
    Entry *entry = nullptr;
    bool encodingLine = false;  // the encoding metavariable, rewritten at the top on write
+   std::string_view Text() const { return isOwned ? owned.View() : view; }
 };
+
+/* Entries live in chunks, so that reading a file does not allocate them one by one. */
+constexpr size_t kEntryChunk = 256;
 
 }  // namespace tesmar::dict
 
 struct Dictionary {
-   std::vector<std::unique_ptr<tesmar::dict::Entry>> entries;
+   std::vector<tesmar::dict::Entry *> entries;  // in entry order
+   std::vector<std::unique_ptr<tesmar::dict::Entry[]>> entryChunks;
+   size_t chunkUsed = tesmar::dict::kEntryChunk;
    std::vector<tesmar::dict::Line> lines;
+   std::vector<std::unique_ptr<tesmar::dict::SecureString>> sources;  // texts the lines view
+   tesmar::dict::SecureString *nameArena = nullptr;  // where names read from a file go
    HashTable *index = nullptr;  // name (without regard to case) -> Entry
    uint32_t buckets = 0;
    tesmar::dict::SecureString fileName;
@@ -59,8 +78,39 @@ namespace tesmar::dict {
 
 constexpr StringEncoding kEncodingUnknown = -2;
 
+/* A typed value, for defaults and results. */
+struct Value {
+   bool b = false;
+   int32_t l = 0;
+   double d = 0;
+   int64_t i = 0;
+};
+
+/*
+ * The typed get on an entry (nullptr when the name is not defined): false, with the default in
+ * *result, when there is no entry or its value does not parse (then with a message).
+ */
+bool GetTypedEntry(Entry *e, int type, const Value &def, Value *result, MsgList **msgs);
+/* An owned copy of a string entry's text, or of the default when there is no entry. */
+char *GetStringEntry(Entry *e, const char *defaultValue);
+
+uint64_t NameHash(std::string_view name);
+
+/* Names are equal without regard to case; the same spelling is the common case. */
+inline bool NameEquals(std::string_view a, std::string_view b)
+{
+   return a.size() == b.size() &&
+          (memcmp(a.data(), b.data(), a.size()) == 0 ||
+           strncasecmp(a.data(), b.data(), a.size()) == 0);
+}
+Entry *Find(const Dictionary *dict, std::string_view name, uint64_t hash);
 Entry *Find(const Dictionary *dict, std::string_view name);
-/* Adds a new entry at the end; the name must not be defined. */
+Entry *Find(const Dictionary *dict, const char *name);
+/*
+ * Adds a new entry at the end; the name must not be defined. While a file is read its names
+ * go to the name arena (reserved to hold them all), otherwise into the entry itself.
+ */
+Entry *Add(Dictionary *dict, std::string_view name, uint64_t hash);
 Entry *Add(Dictionary *dict, std::string_view name);
 /* Makes the index large enough for count more entries. */
 void Reserve(Dictionary *dict, size_t count);

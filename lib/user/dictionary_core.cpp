@@ -21,32 +21,22 @@ namespace {
 
 constexpr uint32_t kMinBuckets = 64;
 constexpr uint32_t kMaxBuckets = 1u << 24;
-constexpr size_t kNameBufferSize = 256;
 
-/* A NUL-terminated copy of a name for the index, on the stack when it is short. */
-class NameKey {
-  public:
-   explicit NameKey(std::string_view name)
-   {
-      if (name.size() < sizeof small_) {
-         memcpy(small_, name.data(), name.size());
-         small_[name.size()] = '\0';
-         key_ = small_;
-      } else {
-         large_.assign(name.data(), name.size());
-         key_ = large_.c_str();
-      }
+void *IndexKey(uint64_t hash)
+{
+   return reinterpret_cast<void *>(static_cast<uintptr_t>(hash));
+}
+
+void Link(Dictionary *dict, Entry *e)
+{
+   // The table gives back the value it holds, which is e itself when e was inserted.
+   void *head = HashTable_LookupOrInsert(dict->index, IndexKey(e->hash), e);
+   e->sameHash = nullptr;
+   if (head != e) {
+      e->sameHash = static_cast<Entry *>(head)->sameHash;
+      static_cast<Entry *>(head)->sameHash = e;
    }
-   ~NameKey() { explicit_bzero(small_, sizeof small_); }
-   NameKey(const NameKey &) = delete;
-   NameKey &operator=(const NameKey &) = delete;
-   const char *Get() const { return key_; }
-
-  private:
-   char small_[kNameBufferSize];
-   SecureString large_;
-   const char *key_;
-};
+}
 
 void Rebuild(Dictionary *dict, uint32_t buckets)
 {
@@ -54,19 +44,12 @@ void Rebuild(Dictionary *dict, uint32_t buckets)
       HashTable_Free(dict->index);
    }
    dict->buckets = buckets;
-   dict->index = HashTable_Alloc(buckets, HASH_ISTRING_KEY, nullptr);
-   for (const auto &entry : dict->entries) {
-      HashTable_Insert(dict->index, entry->name.c_str(), entry.get());
+   dict->index = HashTable_Alloc(buckets, HASH_INT_KEY, nullptr);
+   for (Entry *entry : dict->entries) {
+      entry->hash = NameHash(entry->NameView());
+      Link(dict, entry);
    }
 }
-
-/* A typed value, for defaults and results. */
-struct Value {
-   bool b = false;
-   int32_t l = 0;
-   double d = 0;
-   int64_t i = 0;
-};
 
 enum class Parse { kOk, kInvalid, kOutOfRange };
 
@@ -201,7 +184,7 @@ Parse ParseAs(const Entry &e, int type, Value *result)
 void ReportBadValue(const Entry &e, int type, Parse failure, const Value &def, MsgList **msgs)
 {
    const char *text = e.text.c_str();
-   const char *name = e.name.c_str();
+   const char *name = e.name;
    bool range = failure == Parse::kOutOfRange;
    switch (type) {
    case DICT_BOOL:
@@ -280,27 +263,54 @@ SecureString FormatTyped(int type, const Value &v)
    }
 }
 
-bool IsSecretName(const char *name)
+}  // namespace
+
+/* The index key: a 64-bit hash of the name with each byte's 0x20 bit set, so that case does
+ * not matter; names that share a hash are chained through Entry::sameHash. Never 0. */
+uint64_t NameHash(std::string_view name)
 {
-   size_t length = strlen(name);
-   return strcasecmp(name, "dataFileKey") == 0 || strcasecmp(name, "ancestorDataFileKeys") == 0 ||
-          strcasecmp(name, "annotation") == 0 || strncasecmp(name, "guestinfo.", 10) == 0 ||
-          (length >= 5 && strcasecmp(name + length - 4, ".key") == 0);
+   constexpr uint64_t kFold = 0x2020202020202020ull;
+   constexpr uint64_t kMul = 0xbf58476d1ce4e5b9ull;
+   const char *p = name.data();
+   size_t n = name.size();
+   uint64_t h = 0x9e3779b97f4a7c15ull ^ n;
+   for (; n >= 8; p += 8, n -= 8) {
+      uint64_t w;
+      memcpy(&w, p, 8);
+      h = (h ^ (w | kFold)) * kMul;
+      h ^= h >> 29;
+   }
+   if (n > 0) {
+      uint64_t w = 0;
+      memcpy(&w, p, n);
+      h = (h ^ (w | (kFold >> (8 * (8 - n))))) * kMul;
+   }
+   h ^= h >> 32;
+   return h | 1;
 }
 
-}  // namespace
+/*
+ * Lookups by name, without regard to case: the hash picks the chain and the name the entry.
+ */
+Entry *Find(const Dictionary *dict, std::string_view name, uint64_t hash)
+{
+   void *value = nullptr;
+   if (dict->index == nullptr || !HashTable_Lookup(dict->index, IndexKey(hash), &value)) {
+      return nullptr;
+   }
+   Entry *e = static_cast<Entry *>(value);
+   while (e != nullptr && !NameEquals(e->NameView(), name)) {
+      e = e->sameHash;
+   }
+   return e;
+}
 
 Entry *Find(const Dictionary *dict, std::string_view name)
 {
-   if (dict->index == nullptr) {
-      return nullptr;
-   }
-   NameKey key(name);
-   void *value = nullptr;
-   return HashTable_Lookup(dict->index, key.Get(), &value) ? static_cast<Entry *>(value)
-                                                           : nullptr;
+   return Find(dict, name, NameHash(name));
 }
 
+/* Grows the index so that it keeps at most about two entries per bucket. */
 void Reserve(Dictionary *dict, size_t count)
 {
    size_t wanted = dict->entries.size() + count;
@@ -316,23 +326,13 @@ void Reserve(Dictionary *dict, size_t count)
    }
 }
 
-Entry *Add(Dictionary *dict, std::string_view name)
-{
-   Reserve(dict, 1);
-   auto entry = std::make_unique<Entry>();
-   entry->name.assign(name.data(), name.size());
-   Entry *e = entry.get();
-   dict->entries.push_back(std::move(entry));
-   HashTable_Insert(dict->index, e->name.c_str(), e);
-   return e;
-}
-
-namespace {
-
-/* The typed get: the value as type, or def when the name is undefined or the value does not
- * parse (then with a message); an untyped entry that parses takes the type. */
-bool GetTyped(Dictionary *dict, const char *name, int type, const Value &def, Value *result,
-              MsgList **msgs)
+/*
+ * The typed get: the value as type, or def when the entry is missing or its value does not
+ * parse (then with a message). An untyped entry that parses takes the type, so the next get of
+ * that type reads the stored value without parsing; an entry set as a string keeps its type.
+ * Any code other than the six value types is a programming error.
+ */
+bool GetTypedEntry(Entry *e, int type, const Value &def, Value *result, MsgList **msgs)
 {
    switch (type) {
    case DICT_STRING:
@@ -345,7 +345,6 @@ bool GetTyped(Dictionary *dict, const char *name, int type, const Value &def, Va
    default:
       NOT_REACHED();
    }
-   Entry *e = Find(dict, name);
    *result = def;
    if (e == nullptr) {
       return false;
@@ -373,6 +372,57 @@ bool GetTyped(Dictionary *dict, const char *name, int type, const Value &def, Va
       e->int64Value = parsed.i;
    }
    return true;
+}
+
+Entry *Find(const Dictionary *dict, const char *name)
+{
+   return Find(dict, std::string_view(name));
+}
+
+Entry *Add(Dictionary *dict, std::string_view name, uint64_t hash)
+{
+   Reserve(dict, 1);
+   if (dict->chunkUsed == kEntryChunk) {
+      dict->entryChunks.push_back(std::make_unique<Entry[]>(kEntryChunk));
+      dict->chunkUsed = 0;
+   }
+   Entry *e = &dict->entryChunks.back()[dict->chunkUsed++];
+   SecureString *arena = dict->nameArena;
+   if (arena != nullptr && arena->capacity() - arena->size() > name.size()) {
+      size_t offset = arena->size();
+      arena->append(name.data(), name.size());
+      arena->push_back('\0');
+      e->name = arena->data() + offset;
+   } else {
+      e->ownedName.assign(name.data(), name.size());
+      e->name = e->ownedName.c_str();
+   }
+   e->nameLength = name.size();
+   e->hash = hash;
+   dict->entries.push_back(e);
+   Link(dict, e);
+   return e;
+}
+
+Entry *Add(Dictionary *dict, std::string_view name)
+{
+   return Add(dict, name, NameHash(name));
+}
+
+namespace {
+
+bool GetTyped(Dictionary *dict, const char *name, int type, const Value &def, Value *result,
+              MsgList **msgs)
+{
+   return GetTypedEntry(Find(dict, name), type, def, result, msgs);
+}
+
+bool IsSecretName(const char *name)
+{
+   size_t length = strlen(name);
+   return strcasecmp(name, "dataFileKey") == 0 || strcasecmp(name, "ancestorDataFileKeys") == 0 ||
+          strcasecmp(name, "annotation") == 0 || strncasecmp(name, "guestinfo.", 10) == 0 ||
+          (length >= 5 && strcasecmp(name + length - 4, ".key") == 0);
 }
 
 /* Sets an entry to a typed value; unchanged text leaves it unmodified so its line stays. */
@@ -409,6 +459,9 @@ void ClearAll(Dictionary *dict)
    }
    dict->lines.clear();
    dict->entries.clear();
+   dict->entryChunks.clear();
+   dict->chunkUsed = kEntryChunk;
+   dict->sources.clear();
    dict->encoding = kEncodingUnknown;
    dict->upgradedToUtf8 = false;
    dict->lineNumber = 0;
@@ -440,6 +493,17 @@ void AppendMsg(MsgList **msgs, const char *idFmt, ...)
 const char *FileLabel(const Dictionary *dict)
 {
    return dict->hasFileName ? dict->fileName.c_str() : nullptr;
+}
+
+char *GetStringEntry(Entry *e, const char *defaultValue)
+{
+   if (e == nullptr) {
+      return defaultValue != nullptr ? Util_SafeStrdup(defaultValue) : nullptr;
+   }
+   if (e->type == DICT_ANY) {
+      e->type = DICT_STRING;
+   }
+   return Util_SafeStrdup(e->text.c_str());
 }
 
 }  // namespace tesmar::dict
@@ -495,20 +559,13 @@ size_t Dictionary_NumEntries(const Dictionary *dict)
 
 const char *Dictionary_NameAt(const Dictionary *dict, size_t index)
 {
-   return index < dict->entries.size() ? dict->entries[index]->name.c_str() : nullptr;
+   return index < dict->entries.size() ? dict->entries[index]->name : nullptr;
 }
 
 char *Dictionary_GetString(Dictionary *dict, const char *defaultValue, const char *name,
                            MsgList **msgs)
 {
-   Entry *e = Find(dict, name);
-   if (e == nullptr) {
-      return defaultValue != nullptr ? Util_SafeStrdup(defaultValue) : nullptr;
-   }
-   if (e->type == DICT_ANY) {
-      e->type = DICT_STRING;
-   }
-   return Util_SafeStrdup(e->text.c_str());
+   return GetStringEntry(Find(dict, name), defaultValue);
 }
 
 bool Dictionary_GetBool(Dictionary *dict, bool defaultValue, const char *name, MsgList **msgs)
@@ -665,9 +722,26 @@ bool Dictionary_Unset(Dictionary *dict, const char *name)
    if (e == nullptr) {
       return false;
    }
-   HashTable_Delete(dict->index, e->name.c_str());
+   void *head = nullptr;
+   HashTable_Lookup(dict->index, IndexKey(e->hash), &head);
+   if (head == e) {
+      if (e->sameHash != nullptr) {
+         HashTable_ReplaceOrInsert(dict->index, IndexKey(e->hash), e->sameHash);
+      } else {
+         HashTable_Delete(dict->index, IndexKey(e->hash));
+      }
+   } else {
+      Entry *prev = static_cast<Entry *>(head);
+      while (prev->sameHash != e) {
+         prev = prev->sameHash;
+      }
+      prev->sameHash = e->sameHash;
+   }
    std::erase_if(dict->lines, [e](const Line &line) { return line.entry == e; });
-   std::erase_if(dict->entries, [e](const std::unique_ptr<Entry> &p) { return p.get() == e; });
+   std::erase(dict->entries, e);
+   explicit_bzero(const_cast<char *>(e->name), e->nameLength);
+   e->ownedName.Wipe();
+   e->text.Wipe();
    return true;
 }
 
@@ -678,9 +752,9 @@ void Dictionary_Dump(const Dictionary *dict, DictionaryDumpFn emit, void *contex
       emit(context, text);
       Util_ZeroFreeString(text);
    };
-   for (const auto &p : dict->entries) {
+   for (const Entry *p : dict->entries) {
       const Entry &e = *p;
-      const char *name = e.name.c_str();
+      const char *name = e.name;
       if (e.isDefault) {
          continue;
       }

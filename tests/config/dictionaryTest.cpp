@@ -382,6 +382,34 @@ TEST(Dictionary, TypedSetsAreWrittenInTheirForms)
    Dictionary_Free(d);
 }
 
+TEST(Dictionary, NamesThatShareAnIndexSlot)
+{
+   // Names that differ only in a non-letter's 0x20 bit ("@" and "`", "[" and "{") are distinct
+   // names on one index chain; letters differing in case are one name.
+   Dictionary *d = Dictionary_Create();
+   const char *names[] = {"x@1", "x`1", "a[b", "a{b", "A[B"};
+   for (int i = 0; i < 5; i++) {
+      Dictionary_SetLong(d, names[i], i);
+   }
+   EXPECT_EQ(Dictionary_NumEntries(d), 4u);
+   EXPECT_EQ(Dictionary_GetLong(d, -1, "X@1", nullptr), 0);
+   EXPECT_EQ(Dictionary_GetLong(d, -1, "x`1", nullptr), 1);
+   EXPECT_EQ(Dictionary_GetLong(d, -1, "a[b", nullptr), 4);
+   EXPECT_TRUE(Dictionary_Unset(d, "x@1"));
+   EXPECT_FALSE(Dictionary_IsDefined(d, "x@1"));
+   EXPECT_EQ(Dictionary_GetLong(d, -1, "x`1", nullptr), 1);
+   EXPECT_TRUE(Dictionary_Unset(d, "A{B"));
+   EXPECT_EQ(Dictionary_GetLong(d, -1, "a[B", nullptr), 4);
+   EXPECT_FALSE(Dictionary_IsDefined(d, "a{b"));
+   // Growing the index keeps every chain.
+   for (int i = 0; i < 1000; i++) {
+      Dictionary_SetLong(d, ("n" + std::to_string(i)).c_str(), i);
+   }
+   EXPECT_EQ(Dictionary_GetLong(d, -1, "x`1", nullptr), 1);
+   EXPECT_EQ(Dictionary_GetLong(d, -1, "N999", nullptr), 999);
+   Dictionary_Free(d);
+}
+
 TEST(DictionaryDeathTest, UnknownTypeIsNotReached)
 {
    Dictionary *d = Dictionary_Create();

@@ -8,7 +8,10 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <sys/syscall.h>
+
 #include <csignal>
+#include <thread>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -18,6 +21,7 @@
 #include "fileIO.h"
 #include "fileInt.h"
 #include "fileTestUtil.h"
+#include "id.h"
 #include "testSupport.h"
 
 using filetest::ReadFile;
@@ -180,6 +184,46 @@ TEST(FileIOOpen, FullFileSystemsAndSizeLimits)
    EXPECT_TRUE(FileIO_SupportsFileSize(&fd, 1ull << 40));
    FileIO_Close(&fd);
    umount2(small.c_str(), MNT_DETACH);
+}
+
+int gHookCalls = 0;
+
+int CountingOpener(const char *path, int flags)
+{
+   gHookCalls++;
+   return open(path, flags);
+}
+
+TEST(FileIOOpen, PrivilegedOpenRaisesOnlyAroundTheOpen)
+{
+   if (!filetest::IsRoot()) {
+      GTEST_SKIP() << "needs root to lower and raise a thread's identity";
+   }
+   ScratchDir dir;
+   std::string secret = dir / "secret";
+   WriteFile(secret, "root only");
+   chmod(secret.c_str(), 0600);
+   chmod(dir.Path().c_str(), 0755);
+   std::thread worker([&] {
+      // This thread alone becomes an ordinary user; the saved root id allows raising.
+      ASSERT_EQ(Id_SetRESUid(static_cast<uid_t>(-1), 65534, static_cast<uid_t>(-1)), 0);
+      FileIODescriptor fd;
+      EXPECT_EQ(FileIO_Open(&fd, secret.c_str(), FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN),
+                FILEIO_NO_PERMISSION);
+      ASSERT_EQ(FileIO_Open(&fd, secret.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_PRIVILEGED,
+                            FILEIO_OPEN),
+                FILEIO_SUCCESS);
+      EXPECT_EQ(static_cast<uid_t>(syscall(SYS_geteuid)), 65534u);
+      FileIO_Close(&fd);
+      FileIO_SetPrivilegedOpener(CountingOpener);
+      EXPECT_EQ(FileIO_Open(&fd, secret.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_PRIVILEGED,
+                            FILEIO_OPEN),
+                FILEIO_NO_PERMISSION);  // the hook opens as this thread's own user
+      EXPECT_EQ(gHookCalls, 1);
+      FileIO_SetPrivilegedOpener(nullptr);
+      Id_SetRESUid(static_cast<uid_t>(-1), 0, static_cast<uid_t>(-1));
+   });
+   worker.join();
 }
 
 TEST(FileIOVectored, GatheringThresholds)

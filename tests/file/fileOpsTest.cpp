@@ -485,6 +485,11 @@ TEST(FileUnlink, LinksAndMissingFiles)
    EXPECT_EQ(errno, ENOENT);
    EXPECT_EQ(File_UnlinkIfExists((dir / "link").c_str()), 0);
    EXPECT_EQ(File_Unlink(nullptr), EFAULT);
+
+   // A link back to the top: the tree size is measured without walking the cycle.
+   WriteFile(dir / "data", "12345");
+   ASSERT_EQ(symlink(".", (dir / "loop").c_str()), 0);
+   EXPECT_GE(File_GetSizeEx(dir.Path().c_str()), 5);
 }
 
 }  // namespace
