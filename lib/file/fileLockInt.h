@@ -95,6 +95,14 @@ bool FileLockFormatMemberText(const char *machineID, const char *executionID,
 int FileLockMemberValuesRead(const char *dirName, const char *fileName,
                              FileLockMemberValues *values);
 
+/*
+ * The wait visitor: 0 at once when the member comes after me (by number, then by member file
+ * name) or neither lock is exclusive; otherwise waits for the member to leave, up to my
+ * maximum wait (EAGAIN then).
+ */
+int FileLockWaitForPossession(const char *lockDir, const char *fileName,
+                              const FileLockMemberValues *member, FileLockValues *my);
+
 /* Unlinks lockDir/fileName without following links; ENOENT counts as success. */
 int FileLockRemoveLockingFile(const char *lockDir, const char *fileName);
 

@@ -369,6 +369,8 @@ int FileLockNumberScan(const char *, const char *, const FileLockMemberValues *m
    return 0;
 }
 
+}  // namespace
+
 int FileLockWaitForPossession(const char *lockDir, const char *fileName,
                               const FileLockMemberValues *member, FileLockValues *my)
 {
@@ -421,6 +423,8 @@ int FileLockWaitForPossession(const char *lockDir, const char *fileName,
    free(path);
    return err;
 }
+
+namespace {
 
 FileLockToken *MakeToken(const char *pathName, char *lockFilePath)
 {

@@ -206,6 +206,43 @@ TEST(FileLock, LockUnlockAndIsLocked)
    ASSERT_EQ(chdir("/"), 0);
 }
 
+/* Who goes first: the smaller number, then the smaller member file name; shared with shared. */
+TEST(FileLock, OrderByNumberThenName)
+{
+   struct Case {
+      uint32_t theirNumber;
+      const char *theirName;
+      const char *theirType;
+      const char *myType;
+      bool waits;
+   };
+   const Case cases[] = {
+       {4, "M00009.lck", "X", "X", true},  {6, "M00001.lck", "X", "X", false},
+       {5, "M00001.lck", "X", "X", true},  {5, "M00003.lck", "X", "X", false},
+       {5, "M00002.lck", "X", "X", false}, {4, "M00009.lck", "S", "S", false},
+       {4, "M00009.lck", "S", "X", true},  {4, "M00009.lck", "X", "S", true},
+       {5, "M00001.lck", "S", "S", false},
+   };
+   char myName[] = "M00002.lck";
+   for (const Case &c : cases) {
+      FileLockMemberValues member;
+      member.machineID = kOtherMachine;
+      member.executionID = "999-1";
+      member.lockType = c.theirType;
+      member.memberName = c.theirName;
+      member.lamportNumber = c.theirNumber;
+      FileLockValues my{};
+      my.machineID = const_cast<char *>(FileLockGetMachineID());
+      my.lockType = c.myType;
+      my.memberName = myName;
+      my.lamportNumber = 5;
+      my.msecMaxWaitTime = FILELOCK_TRY_LOCK;  // a wait shows as EAGAIN at once
+      EXPECT_EQ(FileLockWaitForPossession("/nonexistent.lck", c.theirName, &member, &my),
+                c.waits ? EAGAIN : 0)
+          << c.theirNumber << " " << c.theirName << " " << c.theirType << " " << c.myType;
+   }
+}
+
 /* Members written by hand: who goes first, and which kinds coexist. */
 TEST(FileLock, OrderAndConflicts)
 {
