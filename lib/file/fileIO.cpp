@@ -11,6 +11,7 @@
 
 #include "err.h"
 #include "file.h"
+#include "fileLockInt.h"
 #include "log.h"
 #include "msgList.h"
 #include "str.h"
@@ -36,23 +37,15 @@ const char kMsgUnknown[] = MSG_MAGIC "(msg.fileio.unknown)Unknown error";
 /* Waits at most this long for an advisory lock taken by an open. */
 constexpr uint32_t kLockMaxWaitMs = 3500;
 
-/*
- * Takes the lock-file lock on path. The lock-file protocol plugs in here; until it does every
- * request fails with ENOSYS, so that an open asking for a lock fails cleanly.
- */
+/* Takes the lock-file lock on path; NULL with *err (EAGAIN on a timeout) on failure. */
 FileLockToken *FileIOLockAcquire(const char *path, bool readOnly, uint32_t maxWaitMs, int *err)
 {
-   (void)path;
-   (void)readOnly;
-   (void)maxWaitMs;
-   *err = ENOSYS;
-   return nullptr;
+   return FileLock_Lock(path, readOnly, maxWaitMs, err, nullptr);
 }
 
 int FileIOLockRelease(FileLockToken *token)
 {
-   (void)token;
-   return ENOSYS;
+   return FileLockReleaseToken(token);
 }
 
 }  // namespace

@@ -25,7 +25,16 @@ uint32_t FileSimpleRandom(void)
    while (gRandomBusy.exchange(true, std::memory_order_acquire)) {
    }
    if (gRandomState == nullptr) {
-      gRandomState = Random_FastSeed(static_cast<uint32_t>(getpid()));
+      // The process id alone gives neighbouring processes the same first numbers, and lock
+      // entry names drawn from them would collide; the clock's nanoseconds set them apart.
+      struct timespec ts;
+      clock_gettime(CLOCK_MONOTONIC, &ts);
+      uint64_t mix = (static_cast<uint64_t>(getpid()) << 32) ^
+                     static_cast<uint64_t>(ts.tv_sec) * 1000000000u ^
+                     static_cast<uint64_t>(ts.tv_nsec);
+      mix = (mix ^ (mix >> 30)) * 0xBF58476D1CE4E5B9ull;
+      mix = (mix ^ (mix >> 27)) * 0x94D049BB133111EBull;
+      gRandomState = Random_FastSeed(static_cast<uint32_t>(mix ^ (mix >> 31)));
    }
    uint32_t value = Random_FastNext(gRandomState);
    gRandomBusy.store(false, std::memory_order_release);

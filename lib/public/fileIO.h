@@ -116,7 +116,7 @@ char *FileIO_AtomicTempPath(const char *path);
 FileIOResult FileIO_AtomicTempFile(FileIODescriptor *fileFD, FileIODescriptor *tempFD);
 bool FileIO_AtomicUpdateEx(FileIODescriptor *newFD, FileIODescriptor *currFD);
 
-/* The lock-file seam of the open: both fail with FILEIO_LOCK_FAILED until locking exists. */
+/* The advisory lock of an open (FileLock, at most 3500 ms) and its release on close. */
 FileIOResult FileIO_Lock(FileIODescriptor *fd, uint32_t access);
 FileIOResult FileIO_Unlock(FileIODescriptor *fd);
 

@@ -135,12 +135,14 @@ TEST(FileIOOpen, ActionsReadsAndWrites)
    EXPECT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_EXCLUSIVE_LOCK,
                          FILEIO_OPEN_CREATE),
              FILEIO_LOCK_FAILED);
-   EXPECT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_LOCKED,
+   // An advisory lock that cannot be taken (no directory for it) fails the open.
+   std::string lost = dir / "missing/f";
+   EXPECT_EQ(FileIO_Open(&fd, lost.c_str(), FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_LOCKED,
                          FILEIO_OPEN_CREATE),
-             FILEIO_ERROR);
+             FILEIO_FILE_NOT_FOUND);
    EXPECT_FALSE(FileIO_IsValid(&fd));
    EXPECT_FALSE(filetest::Exists(path));
-   EXPECT_NE(log.Text().find("Warning: FILE: FileIO_Lock on '" + path + "' failed: "),
+   EXPECT_NE(log.Text().find("Warning: FILE: FileIO_Lock on '" + lost + "' failed: "),
              std::string::npos);
    EXPECT_EQ(FileIO_Open(&fd, nullptr, FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN), FILEIO_ERROR);
    EXPECT_EQ(errno, EFAULT);

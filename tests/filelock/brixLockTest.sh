@@ -1,0 +1,90 @@
+#!/bin/sh
+# Drives brix-lock from the shell: usage, running a command under the lock, its exit status,
+# timeouts (75), shared holders together, --status, and a holder killed with -9.
+set -u
+tool="$1"
+work=$(mktemp -d)
+pids=""
+cleanup() {
+   for p in $pids; do kill -9 "$p" 2>/dev/null; done
+   rm -rf "$work"
+}
+trap cleanup EXIT
+failures=0
+
+fail() {
+   echo "FAIL: $*" >&2
+   failures=$((failures + 1))
+}
+
+# expect STATUS EXPECTED-STDOUT ARGS...: runs the tool, compares status and standard output.
+expect() {
+   want_status="$1"
+   want_out="$2"
+   shift 2
+   out=$("$tool" "$@" 2>"$work/err")
+   status=$?
+   [ "$status" -eq "$want_status" ] || fail "$*: status $status, wanted $want_status ($(cat "$work/err"))"
+   [ "$out" = "$want_out" ] || fail "$*: printed '$out', wanted '$want_out'"
+}
+
+expect_err() {
+   grep -Eq "$1" "$work/err" || fail "stderr '$(cat "$work/err")' lacks '$1'"
+}
+
+# wait_for FILE: waits (at most 10 s) until FILE exists.
+wait_for() {
+   n=0
+   while [ ! -e "$1" ] && [ $n -lt 200 ]; do sleep 0.05; n=$((n + 1)); done
+   [ -e "$1" ] || fail "$1 never appeared"
+}
+
+f="$work/data"
+"$tool" --help | grep -q '^Usage: brix-lock' || fail "--help prints no usage"
+expect 2 ""; expect_err '^brix-lock: missing PATH'
+expect 2 "" --frob "$f" -- true; expect_err "unknown option '--frob'"
+expect 2 "" --wait soon "$f" -- true; expect_err 'milliseconds'
+expect 2 "" "$f" true; expect_err "missing '--'"
+expect 2 "" "$f" --; expect_err "missing '--'"
+
+# The command runs under the lock and its status comes back; the lock is gone afterwards.
+expect 0 "locked" "$f" -- sh -c "[ -d '$f.lck' ] && ls '$f.lck' | grep -q '^M' && echo locked"
+[ -e "$f.lck" ] && fail "the lock directory stays after the command"
+expect 7 "" "$f" -- sh -c 'exit 7'
+expect 127 "" "$f" -- /nonexistent/command; expect_err "cannot run '/nonexistent/command'"
+expect 1 "" --status "$f"
+
+# Held by another: --no-wait and --wait give 75 with the message on stderr.
+"$tool" "$f" -- sh -c "echo \$\$ >'$work/held.pid'; touch '$work/held'; exec sleep 30" \
+   >/dev/null 2>&1 &
+holder=$!
+pids="$pids $holder"
+wait_for "$work/held"
+expect 75 "" --no-wait "$f" -- true; expect_err 'A file locking error \([0-9]+\) has occurred'
+start=$(date +%s%N)
+expect 75 "" --wait 400 "$f" -- true
+elapsed=$((($(date +%s%N) - start) / 1000000))
+[ "$elapsed" -ge 400 ] || fail "--wait 400 gave up after $elapsed ms"
+expect 75 "" --shared --no-wait "$f" -- true
+out=$("$tool" --status "$f") || fail "--status of a held lock failed"
+echo "$out" | grep -Eq "^M[0-9]{5}\.lck machine=uuid=[^ ]+ execution=$holder-[0-9]+ kind=exclusive number=1$" ||
+   fail "--status printed '$out'"
+
+# A holder killed with -9 is cleared at once by the next locker on this machine.
+kill -9 "$holder"; wait "$holder" 2>/dev/null
+kill -9 "$(cat "$work/held.pid")"
+expect 0 "next" --wait 2000 "$f" -- echo next
+
+# Shared holders run together.
+"$tool" --shared "$f" -- sh -c "echo \$\$ >'$work/s1.pid'; touch '$work/s1'; exec sleep 30" \
+   >/dev/null 2>&1 &
+s1=$!
+pids="$pids $s1"
+wait_for "$work/s1"
+expect 0 "together" --shared --no-wait "$f" -- echo together
+expect 75 "" --no-wait "$f" -- true
+kill -9 "$s1"; wait "$s1" 2>/dev/null
+kill -9 "$(cat "$work/s1.pid")"
+
+[ "$failures" -eq 0 ] || { echo "$failures failure(s)" >&2; exit 1; }
+echo "brix-lock: all checks passed"

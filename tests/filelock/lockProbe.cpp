@@ -1,0 +1,255 @@
+/*
+ * A process that takes part in lock-file tests: counts under an exclusive lock, mixes shared
+ * and exclusive holders, holds a lock until killed, or tries once. Holders record themselves
+ * in a shared state file (mapped) so that any overlap is seen by whoever meets it.
+ *
+ *   lockProbe count LOCK STATE ROUNDS [PROCS]   exclusive read-increment-write of STATE.counter
+ *   lockProbe mixed LOCK STATE ROUNDS [PROCS]   every third holder exclusive, the rest shared
+ *   lockProbe crash LOCK STATE                  counts until STATE says stop (killed at random)
+ *   lockProbe hold LOCK X|S                     locks, prints "held", sleeps until killed
+ *   lockProbe try LOCK X|S WAITMS               exit 0 locked, 75 timed out, 1 other failure
+ *   lockProbe id                                prints the machine id
+ * Exit 3 means an overlap was seen.
+ */
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "fileLock.h"
+#include "fileLockInt.h"
+#include "log.h"
+
+#include "lockProbeState.h"
+
+namespace {
+
+constexpr int kOverlap = 3;
+
+ProbeState *MapState(const char *path)
+{
+   int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+   if (fd == -1 || ftruncate(fd, sizeof(ProbeState)) == -1) {
+      perror(path);
+      exit(1);
+   }
+   void *p = mmap(nullptr, sizeof(ProbeState), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+   close(fd);
+   if (p == MAP_FAILED) {
+      perror("mmap");
+      exit(1);
+   }
+   return static_cast<ProbeState *>(p);
+}
+
+FileLockToken *Lock(const char *path, bool shared)
+{
+   int err = 0;
+   FileLockToken *token = FileLock_Lock(path, shared, FILELOCK_INFINITE_WAIT, &err, nullptr);
+   if (token == nullptr) {
+      fprintf(stderr, "lockProbe %d: lock failed: %d\n", getpid(), err);
+      exit(1);
+   }
+   return token;
+}
+
+void Unlock(FileLockToken *token)
+{
+   int err = 0;
+   if (!FileLock_Unlock(token, &err, nullptr)) {
+      fprintf(stderr, "lockProbe %d: unlock failed: %d\n", getpid(), err);
+      exit(1);
+   }
+}
+
+/* Claims the exclusive slot; a previous holder that is dead (killed) may be replaced. */
+bool EnterExclusive(ProbeState *s)
+{
+   int32_t expected = 0;
+   int32_t me = getpid();
+   while (!s->holder.compare_exchange_strong(expected, me)) {
+      if (kill(expected, 0) == 0 || errno != ESRCH) {
+         fprintf(stderr, "lockProbe %d: %d holds the lock too\n", me, expected);
+         return false;
+      }
+   }
+   return s->readers.load() == 0;
+}
+
+void LeaveExclusive(ProbeState *s)
+{
+   s->holder.store(0);
+}
+
+/* The counter file: read, increment, write, with an "in use" marker around it. */
+bool CountOnce(const std::string &lockPath, ProbeState *s)
+{
+   std::string marker = lockPath + ".inuse";
+   int m = open(marker.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0644);
+   if (m == -1) {
+      fprintf(stderr, "lockProbe %d: the in-use marker exists\n", getpid());
+      return false;
+   }
+   close(m);
+   std::string counter = lockPath + ".counter";
+   long value = 0;
+   if (FILE *f = fopen(counter.c_str(), "r")) {
+      if (fscanf(f, "%ld", &value) != 1) {
+         value = 0;
+      }
+      fclose(f);
+   }
+   FILE *f = fopen(counter.c_str(), "w");
+   fprintf(f, "%ld\n", value + 1);
+   fclose(f);
+   unlink(marker.c_str());
+   return true;
+}
+
+int Count(const char *lock, ProbeState *s, long rounds)
+{
+   for (long i = 0; i < rounds; i++) {
+      FileLockToken *t = Lock(lock, false);
+      bool ok = EnterExclusive(s) && CountOnce(lock, s);
+      s->acquisitions.fetch_add(1);
+      LeaveExclusive(s);
+      Unlock(t);
+      if (!ok) {
+         s->overlaps.fetch_add(1);
+         return kOverlap;
+      }
+   }
+   return 0;
+}
+
+int Mixed(const char *lock, ProbeState *s, long rounds)
+{
+   for (long i = 0; i < rounds; i++) {
+      bool exclusive = (i + getpid()) % 3 == 0;
+      FileLockToken *t = Lock(lock, !exclusive);
+      bool ok = true;
+      if (exclusive) {
+         ok = EnterExclusive(s);
+         usleep(2000);
+         ok = ok && s->readers.load() == 0;
+         LeaveExclusive(s);
+      } else {
+         int32_t now = s->readers.fetch_add(1) + 1;
+         int32_t seen = s->maxReaders.load();
+         while (now > seen && !s->maxReaders.compare_exchange_weak(seen, now)) {
+         }
+         ok = s->holder.load() == 0;
+         usleep(20000);
+         ok = ok && s->holder.load() == 0;
+         s->readers.fetch_sub(1);
+      }
+      s->acquisitions.fetch_add(1);
+      Unlock(t);
+      if (!ok) {
+         s->overlaps.fetch_add(1);
+         return kOverlap;
+      }
+   }
+   return 0;
+}
+
+int Crash(const char *lock, ProbeState *s)
+{
+   while (!s->stop.load()) {
+      FileLockToken *t = Lock(lock, false);
+      bool ok = EnterExclusive(s);
+      s->acquisitions.fetch_add(1);
+      usleep(static_cast<useconds_t>(rand() % 3000));
+      LeaveExclusive(s);
+      Unlock(t);
+      if (!ok) {
+         s->overlaps.fetch_add(1);
+         return kOverlap;
+      }
+   }
+   return 0;
+}
+
+/* Runs body in procs children and returns the worst exit status. */
+template <typename Body>
+int Fan(int procs, Body body)
+{
+   if (procs <= 1) {
+      return body();
+   }
+   for (int i = 0; i < procs; i++) {
+      if (fork() == 0) {
+         _exit(body());
+      }
+   }
+   int worst = 0;
+   int status;
+   while (wait(&status) > 0) {
+      int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      if (code > worst) {
+         worst = code;
+      }
+   }
+   return worst;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+   // LOCKPROBE_LOG=DIR keeps each probe's log in DIR/PID.log, for looking into a failed run.
+   const char *logDir = getenv("LOCKPROBE_LOG");
+   if (logDir != nullptr) {
+      std::string logPath = std::string(logDir) + "/" + std::to_string(getpid()) + ".log";
+      Log_SetOutputFd(open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+   } else {
+      Log_SetOutputFd(argc > 1 && strcmp(argv[1], "try") == 0 ? 1 : -1);
+   }
+   srand(static_cast<unsigned>(getpid()));
+   std::string mode = argc > 1 ? argv[1] : "";
+   if (mode == "id") {
+      printf("%s\n", FileLockGetMachineID());
+      return 0;
+   }
+   if ((mode == "count" || mode == "mixed") && argc >= 5) {
+      ProbeState *s = MapState(argv[3]);
+      long rounds = atol(argv[4]);
+      int procs = argc > 5 ? atoi(argv[5]) : 1;
+      if (mode == "count") {
+         return Fan(procs, [&] { return Count(argv[2], s, rounds); });
+      }
+      return Fan(procs, [&] { return Mixed(argv[2], s, rounds); });
+   }
+   if (mode == "crash" && argc == 4) {
+      return Crash(argv[2], MapState(argv[3]));
+   }
+   if (mode == "hold" && argc == 4) {
+      Lock(argv[2], strcmp(argv[3], "S") == 0);
+      printf("held\n");
+      fflush(stdout);
+      while (true) {
+         pause();
+      }
+   }
+   if (mode == "try" && argc == 5) {
+      int err = 0;
+      FileLockToken *t = FileLock_Lock(argv[2], strcmp(argv[3], "S") == 0,
+                                       static_cast<uint32_t>(atol(argv[4])), &err, nullptr);
+      if (t == nullptr) {
+         return err == EAGAIN ? 75 : 1;
+      }
+      Unlock(t);
+      return 0;
+   }
+   fprintf(stderr, "lockProbe: bad arguments\n");
+   return 2;
+}
