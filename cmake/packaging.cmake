@@ -38,9 +38,11 @@ it on its own copy.")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtesmar-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(dev_depends "libc6-dev | libc-dev")
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  string(REGEX MATCH "^[0-9]+" gcc_major "${CMAKE_CXX_COMPILER_VERSION}")
-  string(APPEND dev_depends ", libstdc++-${gcc_major}-dev | libstdc++-dev")
+# The C++ runtime the archive was built against: GCC's, whichever compiler built it, found by
+# the version in its library folder (/usr/lib/gcc/<triplet>/<major>).
+string(REGEX MATCH "/gcc/[^/;]+/([0-9]+)" gcc_dir "${CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES}")
+if(gcc_dir)
+  string(APPEND dev_depends ", libstdc++-${CMAKE_MATCH_1}-dev | libstdc++-dev")
 else()
   string(APPEND dev_depends ", libstdc++-dev")
 endif()
@@ -60,8 +62,7 @@ This package holds the static library, its C headers under
 /usr/include/tesmar, a pkg-config file (tesmar.pc), a CMake package
 (find_package(tesmar), target tesmar::tesmar) and manual pages.")
 
-# Each package carries its copyright file, its changelog and, for the programs that are
-# linked statically on purpose, a lintian override saying so.
+# Each package carries its copyright file and its changelog.
 foreach(component tools dev)
   string(TOUPPER ${component} upper)
   set(pkg ${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
@@ -77,8 +78,24 @@ foreach(component tools dev)
     install(FILES ${changelog} DESTINATION ${docdir} COMPONENT ${component})
   endif()
 endforeach()
-install(FILES ${TESMAR_DEBIAN_DIR}/tesmar.lintian-overrides
-        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides RENAME tesmar
-        COMPONENT tools)
+# The opener and the daemon run as root and are linked statically on purpose (they load nothing
+# at start and depend on no dynamic loader behaviour); the override names those that are.
+set(overrides "")
+foreach(program IN LISTS TESMAR_LIBEXEC_PROGRAMS)
+  if(TARGET ${program})
+    get_target_property(options ${program} LINK_OPTIONS)
+    if("-static" IN_LIST options)
+      string(APPEND overrides "tesmar: statically-linked-binary "
+                              "[usr/${TESMAR_INSTALL_LIBEXECDIR}/${program}]\n")
+    endif()
+  endif()
+endforeach()
+if(overrides)
+  file(WRITE ${CMAKE_BINARY_DIR}/install/tesmar.lintian-overrides
+       "# Programs that run as root, linked statically on purpose.\n${overrides}")
+  install(FILES ${CMAKE_BINARY_DIR}/install/tesmar.lintian-overrides
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides RENAME tesmar
+          COMPONENT tools)
+endif()
 
 include(CPack)
