@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libicu-dev libssl-dev libplist-dev libdbus-1-dev
   dbus python3 python3-dbusmock
-  hyperfine
+  hyperfine lintian groff-base man-db
   libglib2.0-dev libinih-dev gettext liblockfile-dev
 )
 
