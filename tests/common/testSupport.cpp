@@ -3,9 +3,12 @@
 #include <ftw.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <regex>
+#include <sstream>
 
 namespace testsupport {
 
@@ -72,6 +75,37 @@ ScratchDir::~ScratchDir()
        path_.c_str(),
        [](const char *path, const struct stat *, int, struct FTW *) { return remove(path); }, 16,
        FTW_DEPTH | FTW_PHYS);
+}
+
+bool InChild(const std::function<bool()> &body)
+{
+   pid_t child = fork();
+   if (child == 0) {
+      _exit(body() ? 0 : 1);
+   }
+   int status = 0;
+   waitpid(child, &status, 0);
+   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+std::string Take(char *s)
+{
+   std::string copy = s != nullptr ? s : "(null)";
+   free(s);
+   return copy;
+}
+
+std::string ReadFile(const std::string &path)
+{
+   std::ifstream in(path, std::ios::binary);
+   std::stringstream s;
+   s << in.rdbuf();
+   return s.str();
+}
+
+void WriteFile(const std::string &path, const std::string &data)
+{
+   std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
 }
 
 std::string RegexQuote(const std::string &text)

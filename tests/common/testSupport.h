@@ -6,7 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <barrier>
+#include <functional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "log.h"
 
@@ -47,6 +51,33 @@ class ScratchDir {
   private:
    std::string path_;
 };
+
+/* Runs body(i) for i in [0, n) on n threads that start together, to widen race windows. */
+template <typename Body>
+void RunThreads(int n, Body body)
+{
+   std::barrier start(n);
+   std::vector<std::thread> threads;
+   for (int i = 0; i < n; i++) {
+      threads.emplace_back([&, i] {
+         start.arrive_and_wait();
+         body(i);
+      });
+   }
+   for (auto &t : threads) {
+      t.join();
+   }
+}
+
+/* Runs body in a forked child (fresh caches, its own ids); true when it exited returning true. */
+bool InChild(const std::function<bool()> &body);
+
+/* The text of a malloc'ed string, which is freed; "(null)" for NULL. */
+std::string Take(char *s);
+
+/* Whole-file contents in binary mode ("" when unreadable), and a truncating write. */
+std::string ReadFile(const std::string &path);
+void WriteFile(const std::string &path, const std::string &data);
 
 /* Escapes regular-expression metacharacters so that text matches itself in a death test. */
 std::string RegexQuote(const std::string &text);

@@ -22,21 +22,11 @@
 
 namespace {
 
+using testsupport::ReadFile;
+using testsupport::WriteFile;
+
 using testsupport::LogCapture;
 using testsupport::ScratchDir;
-
-std::string ReadFile(const std::string &path)
-{
-   std::ifstream in(path, std::ios::binary);
-   std::stringstream s;
-   s << in.rdbuf();
-   return s.str();
-}
-
-void WriteFile(const std::string &path, const std::string &text)
-{
-   std::ofstream(path, std::ios::binary) << text;
-}
 
 /* The messages of a list, oldest first, joined. */
 std::string Messages(MsgList *msgs)

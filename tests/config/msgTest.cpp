@@ -18,15 +18,10 @@
 
 namespace {
 
+using testsupport::Take;
+
 using testsupport::LogCapture;
 using testsupport::ScratchDir;
-
-std::string Take(char *text)
-{
-   std::string s = text != nullptr ? text : "(null)";
-   free(text);
-   return s;
-}
 
 class MsgTest : public ::testing::Test {
   protected:

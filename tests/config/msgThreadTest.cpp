@@ -31,27 +31,22 @@ TEST(MsgThread, AppendsLookupsAndCatalogueSwitches)
    constexpr int kThreads = 4;
    constexpr int kRounds = 500;
    std::atomic<bool> bad{false};
-   std::vector<std::thread> threads;
-   for (int t = 0; t < kThreads; t++) {
-      threads.emplace_back([&bad, t] {
-         for (int i = 0; i < kRounds; i++) {
-            Msg_Append("@&!*@*@(msg.n)Thread %d round %d\n", t, i);
-            char *text = Msg_GetString("@&!*@*@(msg.t)en");
-            if (strcmp(text, "fr") != 0 && strcmp(text, "de") != 0 && strcmp(text, "en") != 0) {
-               bad = true;
-            }
-            free(text);
+   testsupport::RunThreads(kThreads + 1, [&](int t) {
+      if (t == kThreads) {  // one thread switches the locale under the others
+         for (int i = 0; i < 50; i++) {
+            Msg_SetLocaleEx(i % 2 == 0 ? "fr" : "de", "app", dir.Path().c_str());
          }
-      });
-   }
-   threads.emplace_back([&dir] {
-      for (int i = 0; i < 50; i++) {
-         Msg_SetLocaleEx(i % 2 == 0 ? "fr" : "de", "app", dir.Path().c_str());
+         return;
+      }
+      for (int i = 0; i < kRounds; i++) {
+         Msg_Append("@&!*@*@(msg.n)Thread %d round %d\n", t, i);
+         char *text = Msg_GetString("@&!*@*@(msg.t)en");
+         if (strcmp(text, "fr") != 0 && strcmp(text, "de") != 0 && strcmp(text, "en") != 0) {
+            bad = true;
+         }
+         free(text);
       }
    });
-   for (auto &th : threads) {
-      th.join();
-   }
    EXPECT_FALSE(bad);
    int count = 0;
    MsgList *messages = Msg_TakeList();

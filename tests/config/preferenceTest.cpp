@@ -23,6 +23,8 @@
 
 namespace {
 
+using testsupport::ReadFile;
+
 using testsupport::LogCapture;
 using testsupport::ScratchDir;
 
@@ -35,14 +37,6 @@ void WriteFile(const std::string &path, const std::string &text)
    std::string command = "mkdir -p '" + dir + "'";
    ASSERT_EQ(system(command.c_str()), 0);
    std::ofstream(path) << text;
-}
-
-std::string ReadFile(const std::string &path)
-{
-   std::ifstream in(path);
-   std::stringstream s;
-   s << in.rdbuf();
-   return s.str();
 }
 
 std::string Messages()
@@ -261,17 +255,11 @@ TEST_F(PreferenceTest, SetUserIdIgnoresTheUsersFiles)
 TEST_F(PreferenceTest, ConcurrentCreationPublishesOneStore)
 {
    WriteLayers();
-   std::vector<std::thread> threads;
    std::vector<int> seen(8);
-   for (int i = 0; i < 8; i++) {
-      threads.emplace_back([i, &seen] {
-         Preference_Init();
-         seen[i] = Config_GetLong(0, "num");
-      });
-   }
-   for (auto &t : threads) {
-      t.join();
-   }
+   testsupport::RunThreads(8, [&](int i) {
+      Preference_Init();
+      seen[i] = Config_GetLong(0, "num");
+   });
    for (int v : seen) {
       EXPECT_EQ(v, 32);
    }

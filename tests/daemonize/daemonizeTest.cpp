@@ -17,13 +17,7 @@ using testsupport::ScratchDir;
 
 namespace {
 
-std::string ReadFile(const std::string &path)
-{
-   std::ifstream in(path);
-   std::stringstream text;
-   text << in.rdbuf();
-   return text.str();
-}
+using testsupport::ReadFile;
 
 // Starts the probe detached; it writes its report to reportPath, then sleeps for seconds.
 bool Start(const std::string &reportPath, const char *seconds, unsigned flags,

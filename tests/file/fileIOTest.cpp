@@ -155,19 +155,15 @@ TEST(FileIOOpen, FullFileSystemsAndSizeLimits)
    std::vector<char> block(1024 * 1024, 'x');
    FileIODescriptor fd;
    // A size limit of the process: the write stops with "file too large".
-   pid_t child = fork();
-   if (child == 0) {
+   EXPECT_TRUE(testsupport::InChild([&] {
       signal(SIGXFSZ, SIG_IGN);
       struct rlimit limit = {100000, 100000};
       setrlimit(RLIMIT_FSIZE, &limit);
       FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE, FILEIO_OPEN_CREATE_EMPTY);
       size_t written = 0;
       FileIOResult r = FileIO_Write(&fd, block.data(), block.size(), &written);
-      _exit(r == FILEIO_WRITE_ERROR_FBIG && written == 100000 ? 0 : 1);
-   }
-   int status = 0;
-   waitpid(child, &status, 0);
-   EXPECT_EQ(status, 0);
+      return r == FILEIO_WRITE_ERROR_FBIG && written == 100000;
+   }));
 
    if (!filetest::PrivateMounts()) {
       GTEST_SKIP() << "needs root to mount a small file system";

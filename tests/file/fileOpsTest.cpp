@@ -28,26 +28,12 @@ using testsupport::ScratchDir;
 
 namespace {
 
-std::string Take(char *s)
-{
-   std::string copy = s != nullptr ? s : "(null)";
-   free(s);
-   return copy;
-}
+using testsupport::Take;
 
 /* Runs body in a child process as the unprivileged user 65534; true when it returned true. */
 bool AsNobody(const std::function<bool()> &body)
 {
-   pid_t child = fork();
-   if (child == 0) {
-      if (setgid(65534) != 0 || setuid(65534) != 0) {
-         _exit(2);
-      }
-      _exit(body() ? 0 : 1);
-   }
-   int status = 0;
-   waitpid(child, &status, 0);
-   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+   return testsupport::InChild([&] { return setgid(65534) == 0 && setuid(65534) == 0 && body(); });
 }
 
 TEST(FilePaths, Arithmetic)
@@ -133,17 +119,12 @@ TEST(FilePaths, FullPathCwdAndSearch)
    EXPECT_FALSE(File_FindFileInSearchPath("sub/none", "sub", base.c_str(), nullptr));
 
    // A deleted working directory: null and the user message.
-   pid_t child = fork();
-   if (child == 0) {
+   EXPECT_TRUE(testsupport::InChild([&] {
       mkdir((dir / "gone").c_str(), 0755);
-      bool ok = chdir((dir / "gone").c_str()) == 0 && rmdir((dir / "gone").c_str()) == 0 &&
-                File_Cwd(nullptr) == nullptr &&
-                TakeMessageIds() == std::vector<std::string>{"msg.filePosix.getcwd"};
-      _exit(ok ? 0 : 1);
-   }
-   int status = 0;
-   waitpid(child, &status, 0);
-   EXPECT_EQ(status, 0);
+      return chdir((dir / "gone").c_str()) == 0 && rmdir((dir / "gone").c_str()) == 0 &&
+             File_Cwd(nullptr) == nullptr &&
+             TakeMessageIds() == std::vector<std::string>{"msg.filePosix.getcwd"};
+   }));
    ASSERT_EQ(chdir(cwd), 0);
    free(cwd);
 }

@@ -21,24 +21,9 @@ using testsupport::ScratchDir;
 
 namespace {
 
-/* Runs body in a child (fresh caches); true when it returned true. */
-bool InChild(const std::function<bool()> &body)
-{
-   pid_t child = fork();
-   if (child == 0) {
-      _exit(body() ? 0 : 1);
-   }
-   int status = 0;
-   waitpid(child, &status, 0);
-   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
+using testsupport::Take;
 
-std::string Take(char *s)
-{
-   std::string copy = s != nullptr ? s : "(null)";
-   free(s);
-   return copy;
-}
+using testsupport::InChild;
 
 std::string UserName()
 {

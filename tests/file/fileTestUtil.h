@@ -18,22 +18,12 @@
 
 #include "msg.h"
 #include "msgList.h"
+#include "testSupport.h"
 
 namespace filetest {
 
-inline void WriteFile(const std::string &path, const std::string &data)
-{
-   std::ofstream out(path, std::ios::binary | std::ios::trunc);
-   out << data;
-}
-
-inline std::string ReadFile(const std::string &path)
-{
-   std::ifstream in(path, std::ios::binary);
-   std::stringstream s;
-   s << in.rdbuf();
-   return s.str();
-}
+using testsupport::ReadFile;
+using testsupport::WriteFile;
 
 inline bool Exists(const std::string &path)
 {

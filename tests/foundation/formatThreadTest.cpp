@@ -13,22 +13,16 @@
 
 TEST(FormatThread, FloatConversionsDoNotMixDigits)
 {
-   std::vector<std::thread> threads;
-   for (int t = 0; t < 6; t++) {
-      threads.emplace_back([t] {
-         double value = 1000.0 * (t + 1) + 0.25;
-         char expected[64];
-         char buf[64];
-         snprintf(expected, sizeof expected, "%.2f %e %g", value, value, value);
-         int failures = 0;
-         for (int i = 0; i < 2000; i++) {
-            Str_Snprintf(buf, sizeof buf, "%.2f %e %g", value, value, value);
-            failures += std::string(buf) != expected;
-         }
-         EXPECT_EQ(failures, 0) << "thread " << t;
-      });
-   }
-   for (std::thread &thread : threads) {
-      thread.join();
-   }
+   testsupport::RunThreads(6, [](int t) {
+      double value = 1000.0 * (t + 1) + 0.25;
+      char expected[64];
+      char buf[64];
+      snprintf(expected, sizeof expected, "%.2f %e %g", value, value, value);
+      int failures = 0;
+      for (int i = 0; i < 2000; i++) {
+         Str_Snprintf(buf, sizeof buf, "%.2f %e %g", value, value, value);
+         failures += std::string(buf) != expected;
+      }
+      EXPECT_EQ(failures, 0) << "thread " << t;
+   });
 }

@@ -19,21 +19,10 @@ void *V(uintptr_t n)
    return reinterpret_cast<void *>(n);
 }
 
-/* Runs body(thread number) on kThreads threads that start together. */
 template <typename Body>
 void RunThreads(Body body)
 {
-   std::barrier start(kThreads);
-   std::vector<std::thread> threads;
-   for (int t = 0; t < kThreads; t++) {
-      threads.emplace_back([&, t] {
-         start.arrive_and_wait();
-         body(t);
-      });
-   }
-   for (auto &thread : threads) {
-      thread.join();
-   }
+   testsupport::RunThreads(kThreads, body);
 }
 
 }  // namespace

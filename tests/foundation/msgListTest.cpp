@@ -10,12 +10,7 @@ using testsupport::LogCapture;
 
 namespace {
 
-std::string Take(char *s)
-{
-   std::string copy = s != nullptr ? s : "(null)";
-   free(s);
-   return copy;
-}
+using testsupport::Take;
 
 /* Formats the compiler cannot check: literal texts with percent signs, deliberate faults. */
 MsgList *CreateUnchecked(const char *idFmt, ...)

@@ -22,19 +22,9 @@ TEST(HostinfoMachineIDThreads, ConcurrentFirstCallersAgree)
 
    testsupport::LogCapture log;
    constexpr int kThreads = 16;
-   std::latch start(kThreads);
    std::vector<uint32_t> hosts(kThreads);
    std::vector<uint64_t> hardware(kThreads);
-   std::vector<std::thread> threads;
-   for (int i = 0; i < kThreads; i++) {
-      threads.emplace_back([&, i] {
-         start.arrive_and_wait();
-         Hostinfo_MachineID(&hosts[i], &hardware[i]);
-      });
-   }
-   for (std::thread &thread : threads) {
-      thread.join();
-   }
+   testsupport::RunThreads(kThreads, [&](int i) { Hostinfo_MachineID(&hosts[i], &hardware[i]); });
    for (int i = 0; i < kThreads; i++) {
       EXPECT_EQ(hosts[i], HostinfoHostNameHash(name));
       EXPECT_EQ(hardware[i], expectedHardware);

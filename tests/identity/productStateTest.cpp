@@ -10,12 +10,7 @@
 
 namespace {
 
-std::string Take(char *s)
-{
-   std::string copy = s;
-   free(s);
-   return copy;
-}
+using testsupport::Take;
 
 std::string Dotted(ProductVersionNumber n)
 {
@@ -121,13 +116,7 @@ TEST(ProductState, ConcurrentFirstUseAgreesOnOneValue)
    ProductStateData state;
    state.SetBuildNumber(77);
    const char *seen[6];
-   std::vector<std::thread> threads;
-   for (const char *&s : seen) {
-      threads.emplace_back([&] { s = state.FullVersion(); });
-   }
-   for (auto &t : threads) {
-      t.join();
-   }
+   testsupport::RunThreads(6, [&](int i) { seen[i] = state.FullVersion(); });
    for (const char *s : seen) {
       EXPECT_EQ(s, seen[0]);
    }

@@ -77,7 +77,6 @@ TEST(UUID, HostIdentifierHashesTheMachineIdentity)
                                           : std::string(reinterpret_cast<char *>(&hostId), 4);
    std::string host = Take(UUID_GetHostUUID());
    EXPECT_EQ(host, Sha1Spaced(identity, "R"));
-   EXPECT_EQ(host.substr(0, 3), "52 ");
    EXPECT_EQ(Take(UUID_GetHostUUID()), host);
 }
 
@@ -94,7 +93,6 @@ TEST(UUID, LocationIdentifierFollowsCanonicalPathAndHost)
    std::string host = Take(UUID_GetHostUUID());
    std::string id = Take(UUID_CreateLocation(file.c_str(), 0));
    EXPECT_EQ(id, Sha1Spaced(host + canonical, "KD"));
-   EXPECT_EQ(id.substr(0, 6), "4b 44 ");
    EXPECT_EQ(Take(UUID_CreateLocation((dir / "link").c_str(), 1)), id);
    EXPECT_EQ(Take(UUID_CreateLocation((dir / "./f").c_str(), 2)), id);
    EXPECT_NE(Take(UUID_CreateLocation(dir.Path().c_str(), 0)), id);

@@ -10,22 +10,7 @@
 
 namespace {
 
-/* Runs body(i) on n threads that start together, to widen the race windows. */
-template <typename Body>
-void RunThreads(int n, Body body)
-{
-   std::barrier start(n);
-   std::vector<std::thread> threads;
-   for (int i = 0; i < n; i++) {
-      threads.emplace_back([&, i] {
-         start.arrive_and_wait();
-         body(i);
-      });
-   }
-   for (auto &t : threads) {
-      t.join();
-   }
-}
+using testsupport::RunThreads;
 
 }  // namespace
 

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "testSupport.h"
 #include "unicodeTypes.h"
 
 namespace {
@@ -19,23 +20,13 @@ TEST(EncodingLookupThread, RacingLookupsAgree)
        {"ibm-5348", 35}, {"UTF16_BigEndian", 2}};
    for (int round = 0; round < 20; round++) {
       Unicode_Shutdown();
-      std::atomic<bool> go{false};
       std::atomic<int> wrong{0};
-      std::vector<std::thread> threads;
-      for (int t = 0; t < 8; t++) {
-         threads.emplace_back([&, t] {
-            while (!go.load()) {
-            }
-            for (int i = 0; i < 50; i++) {
-               auto [name, expected] = lookups[(t + i) % 10];
-               wrong += UnicodeIANALookup(name) != expected;
-            }
-         });
-      }
-      go = true;
-      for (std::thread &t : threads) {
-         t.join();
-      }
+      testsupport::RunThreads(8, [&](int t) {
+         for (int i = 0; i < 50; i++) {
+            auto [name, expected] = lookups[(t + i) % 10];
+            wrong += UnicodeIANALookup(name) != expected;
+         }
+      });
       ASSERT_EQ(wrong.load(), 0);
    }
    Unicode_Shutdown();
@@ -43,13 +34,7 @@ TEST(EncodingLookupThread, RacingLookupsAgree)
 
 TEST(EncodingLookupThread, InitRunsOnce)
 {
-   std::vector<std::thread> threads;
-   for (int t = 0; t < 4; t++) {
-      threads.emplace_back([] { Unicode_Init(nullptr); });
-   }
-   for (std::thread &t : threads) {
-      t.join();
-   }
+   testsupport::RunThreads(4, [](int) { Unicode_Init(nullptr); });
    EXPECT_EQ(Unicode_ResolveEncoding(-1), 0);
 }
 

@@ -18,14 +18,9 @@
 
 namespace {
 
-using Bytes = std::string;
+using testsupport::Take;
 
-std::string Take(char *s)
-{
-   std::string out = s == nullptr ? "(null)" : s;
-   free(s);
-   return out;
-}
+using Bytes = std::string;
 
 TEST(UnicodeAlloc, FromEncodings)
 {
