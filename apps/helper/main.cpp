@@ -1,7 +1,7 @@
 /*
  * brix-helper: an example privileged helper.
  *
- *    brix-helper [--run-dir DIR] [--info-plist FILE] [--mode OCTAL] SERVICE
+ *    brix-helper [--run-dir DIR] [--info-plist FILE] [--mode OCTAL] [--reply-timeout MS] SERVICE
  *
  * Serves SERVICE to the clients its Info.plist allows. Every dictionary it receives comes back
  * as the reply with "pid" (the client's process id) and "descriptors" (how many came with it)
@@ -22,7 +22,8 @@ namespace {
 void Usage(void)
 {
    fprintf(stderr,
-           "usage: brix-helper [--run-dir DIR] [--info-plist FILE] [--mode OCTAL] SERVICE\n");
+           "usage: brix-helper [--run-dir DIR] [--info-plist FILE] [--mode OCTAL] "
+           "[--reply-timeout MS] SERVICE\n");
    exit(2);
 }
 
@@ -65,6 +66,8 @@ int main(int argc, char **argv)
          options.runDirectory = argv[i + 1];
       } else if (strcmp(argv[i], "--info-plist") == 0) {
          options.infoPlistPath = argv[i + 1];
+      } else if (strcmp(argv[i], "--reply-timeout") == 0) {
+         options.replyTimeoutMs = atoi(argv[i + 1]);
       } else if (strcmp(argv[i], "--mode") == 0) {
          options.socketMode = (unsigned)strtoul(argv[i + 1], nullptr, 8) & 0777;
       } else {

@@ -69,6 +69,7 @@ struct Settings {
    std::vector<std::string> requirements;  // empty strings stand for non-string elements
    PrivilegedHelperMessageHandler handler = nullptr;
    void *context = nullptr;
+   int replyTimeoutMs = kReplyTimeoutMs;
    int epollFd = -1;
 };
 
@@ -648,6 +649,9 @@ void PrivilegedHelper_StartWithOptions(const char *serviceName,
    signal(SIGPIPE, SIG_IGN);
    gSettings.handler = handler;
    gSettings.context = context;
+   if (options->replyTimeoutMs > 0) {
+      gSettings.replyTimeoutMs = options->replyTimeoutMs;
+   }
    LoadRequirements(options->infoPlistPath);
 
    CheckRunDirectory(dir);
@@ -708,7 +712,7 @@ bool PrivilegedHelperConnection_Reply(PrivilegedHelperConnection *connection, pl
       return false;
    }
    if (PrivilegedHelperSendMessage(connection->sock.get(), message, fds, fdCount,
-                                   kReplyTimeoutMs)) {
+                                   gSettings.replyTimeoutMs)) {
       return true;
    }
    int savedErrno = errno;

@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <new>
 #include <vector>
 
 #include "internal/retry.h"
@@ -67,6 +68,17 @@ PrivilegedHelperClient *PrivilegedHelperClient_ConnectPath(const char *socketPat
       return nullptr;
    }
    client->sock = std::move(sock);
+   return client;
+}
+
+PrivilegedHelperClient *PrivilegedHelperClient_FromFd(int sock)
+{
+   auto *client = new (std::nothrow) PrivilegedHelperClient;
+   if (client == nullptr) {
+      errno = ENOMEM;
+      return nullptr;
+   }
+   client->sock.reset(sock);
    return client;
 }
 

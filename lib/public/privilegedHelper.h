@@ -42,6 +42,7 @@ typedef struct PrivilegedHelperOptions {
    unsigned socketMode;         /* permission bits of the socket file; 0 means 0600 */
    const char *runDirectory;    /* NULL: the machine's run directory */
    const char *infoPlistPath;   /* NULL: the Info.plist of the program's own bundle */
+   int replyTimeoutMs;          /* how long a reply waits for room; 0 means 5000 */
 } PrivilegedHelperOptions;
 
 /* Serves serviceName with the default options. Never returns. */
@@ -65,8 +66,8 @@ size_t PrivilegedHelperConnection_FdCount(const PrivilegedHelperConnection *conn
 int PrivilegedHelperConnection_TakeFd(PrivilegedHelperConnection *connection, size_t index);
 
 /*
- * Sends a dictionary (and descriptors, which stay the caller's) to the client. Waits at most a
- * few seconds for room; a client that reads nothing for that long is disconnected. false with
+ * Sends a dictionary (and descriptors, which stay the caller's) to the client. Waits at most the
+ * reply timeout for room; a client that reads nothing for that long is disconnected. false with
  * errno on failure.
  */
 bool PrivilegedHelperConnection_Reply(PrivilegedHelperConnection *connection, plist_t message,
@@ -82,6 +83,8 @@ typedef struct PrivilegedHelperClient PrivilegedHelperClient;
 PrivilegedHelperClient *PrivilegedHelperClient_Connect(const char *serviceName);
 /* Connects to a socket path. NULL with errno on failure. */
 PrivilegedHelperClient *PrivilegedHelperClient_ConnectPath(const char *socketPath);
+/* A client over a connected socket it takes over (for instance one inherited). */
+PrivilegedHelperClient *PrivilegedHelperClient_FromFd(int sock);
 void PrivilegedHelperClient_Close(PrivilegedHelperClient *client);
 
 /* Sends one dictionary with descriptors (which stay the caller's). false with errno. */
