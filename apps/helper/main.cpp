@@ -5,9 +5,11 @@
  *
  * Serves SERVICE to the clients its Info.plist allows. Every dictionary it receives comes back
  * as the reply with "pid" (the client's process id) and "descriptors" (how many came with it)
- * added, and the descriptors are passed back too. A dictionary whose "command" is "sleep" waits
+ * added, and the descriptors are passed back too (a reply that would be over the size limit is
+ * replaced by "tooLarge"). A dictionary whose "command" is "sleep" waits
  * "ms" milliseconds first.
  */
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -48,7 +50,14 @@ void Handle(PrivilegedHelperConnection *connection, plist_t message, void *conte
    plist_t reply = plist_copy(message);
    plist_dict_set_item(reply, "pid", plist_new_uint((uint64_t)PrivilegedHelperConnection_Pid(connection)));
    plist_dict_set_item(reply, "descriptors", plist_new_uint(fds.size()));
-   PrivilegedHelperConnection_Reply(connection, reply, fds.data(), fds.size());
+   if (!PrivilegedHelperConnection_Reply(connection, reply, fds.data(), fds.size()) &&
+       errno == EMSGSIZE) {
+      // The echo of a message near the size limit does not fit: say so instead.
+      plist_free(reply);
+      reply = plist_new_dict();
+      plist_dict_set_item(reply, "tooLarge", plist_new_bool(1));
+      PrivilegedHelperConnection_Reply(connection, reply, nullptr, 0);
+   }
    plist_free(reply);
    for (int fd : fds) {
       close(fd);

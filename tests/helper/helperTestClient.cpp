@@ -182,7 +182,7 @@ int main(int argc, char **argv)
          bool sent = PrivilegedHelperClient_Send(client, request, nullptr, 0);
          plist_free(request);
          if (!sent) {
-            return 3;
+            break;  // the helper gave up on this client
          }
       }
       usleep((useconds_t)atol(argv[4]) * 1000);
