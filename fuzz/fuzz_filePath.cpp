@@ -1,0 +1,85 @@
+/*
+ * Feeds arbitrary path bytes to the path routines and checks their invariants: the split
+ * parts join back into the path, stripping only removes trailing slashes, a join has exactly
+ * one separator, extensions come and go at the end, and a full path is absolute without
+ * doubled slashes.
+ *
+ * The input is cut at its first NUL into two texts: a path and a second name.
+ */
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+
+#include "file.h"
+
+namespace {
+
+void Check(bool condition)
+{
+   if (!condition) {
+      abort();
+   }
+}
+
+std::string Take(char *s)
+{
+   Check(s != nullptr);
+   std::string copy = s;
+   free(s);
+   return copy;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+   std::string input(reinterpret_cast<const char *>(data), size);
+   size_t nul = input.find('\0');
+   std::string path = input.substr(0, nul);
+   std::string name = nul == std::string::npos ? "" : input.substr(nul + 1);
+   name = name.substr(0, name.find('\0'));
+   if (path.size() > 8192) {
+      return 0;
+   }
+
+   char *dir = nullptr;
+   char *base = nullptr;
+   File_GetPathName(path.c_str(), &dir, &base);
+   std::string d = Take(dir);
+   std::string b = Take(base);
+   Check(path.find('/') == std::string::npos ? d.empty() && b == path : d + "/" + b == path);
+   Check(b.find('/') == std::string::npos);
+
+   char *vol = nullptr;
+   File_SplitName(path.c_str(), &vol, &dir, &base);
+   Check(Take(vol).empty());
+   Check(Take(dir) + Take(base) == path);
+
+   std::string stripped = Take(File_StripSlashes(path.c_str()));
+   Check(path.compare(0, stripped.size(), stripped) == 0);
+   Check(stripped.empty() || stripped.back() != '/');
+   Check(path.find_first_not_of('/', stripped.size()) == std::string::npos);
+   Check(!path.empty() && path.back() == '/' ? true : stripped == path);
+
+   std::string joined = Take(File_PathJoin(path.c_str(), name.c_str()));
+   std::string bare = name.substr(std::min(name.find_first_not_of('/'), name.size()));
+   Check(joined == stripped + "/" + bare);
+
+   std::string replaced = Take(File_ReplaceExtension(path.c_str(), ".ext", 0));
+   Check(replaced.size() >= 4 && replaced.compare(replaced.size() - 4, 4, ".ext") == 0);
+   Check(Take(File_RemoveExtension(replaced.c_str())) + ".ext" == replaced);
+   std::string removed = Take(File_RemoveExtension(path.c_str()));
+   Check(path.compare(0, removed.size(), removed) == 0);
+
+   if (path.size() < 4096) {
+      char *full = File_FullPath(path.c_str());
+      if (full != nullptr) {
+         std::string f = Take(full);
+         Check(!f.empty() && f[0] == '/');
+         Check(f.find("//") == std::string::npos);
+      }
+   }
+   return 0;
+}
