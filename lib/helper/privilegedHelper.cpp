@@ -52,7 +52,7 @@
 
 namespace {
 
-const char kRunDir[] = BRIX_ROOT_PREFIX "/var/run";
+const char kRunDir[] = BRIX_ROOT_PREFIX "/var/run";  // also in the client side
 const char kFn[] = "PrivilegedHelper_Start";
 
 // A handler's reply waits this long for room before the client counts as not reading.
@@ -612,17 +612,6 @@ void AcceptOne(int listener)
 }
 
 }  // namespace
-
-char *PrivilegedHelper_SocketPath(const char *runDirectory, const char *serviceName)
-{
-   if (serviceName == nullptr || serviceName[0] == '\0' || serviceName[0] == '.' ||
-       strchr(serviceName, '/') != nullptr) {
-      errno = EINVAL;
-      return nullptr;
-   }
-   return Str_Asprintf(nullptr, "%s/%s", runDirectory != nullptr ? runDirectory : kRunDir,
-                       serviceName);
-}
 
 void PrivilegedHelper_Start(const char *serviceName, PrivilegedHelperMessageHandler handler,
                             void *context)

@@ -16,13 +16,20 @@
 #include "internal/retry.h"
 #include "internal/uniqueFd.h"
 #include "privilegedHelperInt.h"
+#include "str.h"
 
 struct PrivilegedHelperClient {
    tesmar::UniqueFd sock;
    std::vector<uint8_t> buffer;
 };
 
+#ifndef BRIX_ROOT_PREFIX
+#define BRIX_ROOT_PREFIX ""
+#endif
+
 namespace {
+
+const char kRunDir[] = BRIX_ROOT_PREFIX "/var/run";
 
 // A reply never waits for room longer than this; the helper reads as fast as it handles.
 constexpr int kSendTimeoutMs = 10000;
@@ -46,6 +53,18 @@ void CloseAll(const int *fds, size_t count)
 }
 
 }  // namespace
+
+// Kept apart from the listener so that clients link none of it.
+char *PrivilegedHelper_SocketPath(const char *runDirectory, const char *serviceName)
+{
+   if (serviceName == nullptr || serviceName[0] == '\0' || serviceName[0] == '.' ||
+       strchr(serviceName, '/') != nullptr) {
+      errno = EINVAL;
+      return nullptr;
+   }
+   return Str_Asprintf(nullptr, "%s/%s", runDirectory != nullptr ? runDirectory : kRunDir,
+                       serviceName);
+}
 
 PrivilegedHelperClient *PrivilegedHelperClient_ConnectPath(const char *socketPath)
 {

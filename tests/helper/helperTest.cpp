@@ -9,7 +9,6 @@
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -20,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "codeSign.h"
 #include "privilegedHelperInt.h"
 #include "testSupport.h"
 
@@ -63,15 +63,33 @@ std::string ReadFile(const std::string &path)
    return text.str();
 }
 
-// A copy of the test client, marked as signed with identifier (none: unsigned).
+enum class Signer { kNone, kMaker, kUntrusted, kForeign, kAltered };
+
+// A copy of the test client, signed as identifier by signer.
 std::string ClientCopy(const testsupport::ScratchDir &dir, const std::string &name,
-                       const std::string &identifier)
+                       const std::string &identifier, Signer signer = Signer::kMaker)
 {
    std::string path = dir / name;
    std::filesystem::copy_file(CLIENT_PROGRAM, path);
-   if (!identifier.empty()) {
-      EXPECT_EQ(0, setxattr(path.c_str(), "user.brix.test.identifier", identifier.data(),
-                            identifier.size(), 0));
+   if (signer == Signer::kNone) {
+      return path;
+   }
+   const char *leaf = signer == Signer::kUntrusted ? "untrusted"
+                      : signer == Signer::kForeign ? "foreign"
+                                                   : "leaf";
+   std::string cert = std::string(PKI_DIR) + "/" + leaf + ".pem";
+   std::string key = std::string(PKI_DIR) + "/" + leaf + ".key";
+   char error[256] = "";
+   EXPECT_TRUE(CodeSign_Sign(path.c_str(), identifier.c_str(), cert.c_str(), key.c_str(),
+                             nullptr, error, sizeof error))
+       << error;
+   if (signer == Signer::kAltered) {
+      // One letter of a message text changed: the program still runs, its signature fails.
+      std::string bytes = ReadFile(path);
+      size_t at = bytes.rfind(std::string("connect\0", 8));  // the perror text, not the symbol
+      EXPECT_NE(std::string::npos, at);
+      bytes[at] = 'C';
+      WriteFile(path, bytes);
    }
    return path;
 }
@@ -138,6 +156,8 @@ class Helper {
    const std::string &Socket() const { return socket_; }
    pid_t Pid() const { return pid_; }
    std::string Log() const { return testsupport::StripStamps(ReadFile(log_)); }
+   // The log once it holds count lines with text (it may lag the clients' exits a little).
+   std::string LogWith(const std::string &text, size_t count = 1) const;
 
    // Runs a client to its end (bounded) and returns its exit status.
    int Run(const std::vector<std::string> &args, int boundMs = 20000) const
@@ -159,6 +179,16 @@ size_t Count(const std::string &text, const std::string &what)
       count++;
    }
    return count;
+}
+
+std::string Helper::LogWith(const std::string &text, size_t count) const
+{
+   std::string log = Log();
+   for (int i = 0; i < 2000 && Count(log, text) < count; i++) {
+      usleep(1000);
+      log = Log();
+   }
+   return log;
 }
 
 long RssKiB(pid_t pid)
@@ -246,38 +276,43 @@ TEST(HelperIdentity, PidfdRefusesAnotherOrAnEndedProcess)
 struct AdmissionRow {
    const char *name;
    std::string infoPlist;
-   const char *clientId;  // "" for an unsigned client
+   const char *clientId;
+   Signer signer;
    int clientStatus;
-   size_t failedValidations;
+   std::string failures;  // the "Failed validation" lines' status codes, in order
    std::vector<std::string> logLines;
 };
 
 TEST(HelperAdmission, AcceptsOnlyAllowedClients)
 {
    const std::string refused = "Warning: Validation failed. Canceling connection.\n";
+   const std::string two = AllowedClients({Requirement("other"), Requirement(kClientId)});
    AdmissionRow rows[] = {
-       {"second requirement", AllowedClients({Requirement("other"), Requirement(kClientId)}),
-        kClientId, 0, 1, {}},
-       {"unsigned", AllowedClients({Requirement(kClientId)}), "", 3, 1, {refused}},
-       {"wrong identifier", AllowedClients({Requirement(kClientId), Requirement("x")}), "other",
-        3, 2, {refused}},
-       {"empty array", AllowedClients({}), kClientId, 3, 0, {refused}},
+       {"second requirement", two, kClientId, Signer::kMaker, 0, "5", {}},
+       {"unsigned", two, kClientId, Signer::kNone, 3, "11", {refused}},
+       {"wrong identifier", two, "com.tesmar.test.other", Signer::kMaker, 3, "55", {refused}},
+       {"untrusted signer", two, kClientId, Signer::kUntrusted, 3, "56", {refused}},
+       {"foreign signer", two, kClientId, Signer::kForeign, 3, "57", {refused}},
+       {"altered", two, kClientId, Signer::kAltered, 3, "44", {refused}},
+       {"unparsable requirement", AllowedClients({"identifier", Requirement(kClientId)}),
+        kClientId, Signer::kMaker, 0, "-", {}},
+       {"empty array", AllowedClients({}), kClientId, Signer::kMaker, 3, "", {refused}},
        {"no XPCService", InfoPlist("<key>CFBundleIdentifier</key><string>x</string>"),
-        kClientId, 3, 0, {": Unable to find XPCService dictionary.\n", refused}},
-       {"no _AllowedClients", InfoPlist("<key>XPCService</key><dict/>"), kClientId, 3, 0,
-        {": Unable to find _AllowedClients array.\n", refused}},
+        kClientId, Signer::kMaker, 3, "", {": Unable to find XPCService dictionary.\n", refused}},
+       {"no _AllowedClients", InfoPlist("<key>XPCService</key><dict/>"), kClientId,
+        Signer::kMaker, 3, "", {": Unable to find _AllowedClients array.\n", refused}},
        {"not an array",
         InfoPlist("<key>XPCService</key><dict><key>_AllowedClients</key><string>" +
                   Requirement(kClientId) + "</string></dict>"),
-        kClientId, 3, 0, {": Unexpected _AllowedClients type.\n", refused}},
-       {"unreadable Info.plist", "not a property list", kClientId, 3, 0,
+        kClientId, Signer::kMaker, 3, "", {": Unexpected _AllowedClients type.\n", refused}},
+       {"unreadable Info.plist", "not a property list", kClientId, Signer::kMaker, 3, "",
         {": Unable to find XPCService dictionary.\n", refused}},
    };
    for (const AdmissionRow &row : rows) {
       SCOPED_TRACE(row.name);
       testsupport::ScratchDir dir;
       Helper helper(dir, row.infoPlist);
-      std::string client = ClientCopy(dir, "client", row.clientId);
+      std::string client = ClientCopy(dir, "client", row.clientId, row.signer);
       EXPECT_EQ(row.clientStatus, helper.Run({client, "echo", helper.Socket(), "3"}));
       std::string log = helper.Log();
       EXPECT_EQ(0u, log.find(std::string("Starting service: ") + kService + "\n")) << log;
@@ -286,8 +321,13 @@ TEST(HelperAdmission, AcceptsOnlyAllowedClients)
       for (const std::string &line : row.logLines) {
          EXPECT_NE(std::string::npos, log.find(line)) << log;
       }
-      // One line per failed requirement.
-      EXPECT_EQ(row.failedValidations, Count(log, ": Failed validation. (7)\n")) << log;
+      // One line per failed requirement, in array order, with its status.
+      std::string failures;
+      const std::string failed = ": Failed validation. (";
+      for (size_t at = log.find(failed); at != std::string::npos; at = log.find(failed, at + 1)) {
+         failures += log[at + failed.size()];
+      }
+      EXPECT_EQ(row.failures, failures) << log;
    }
 }
 
@@ -299,7 +339,7 @@ TEST(HelperAdmission, PidColumnIsFiveWide)
    EXPECT_EQ(0, WaitBounded(client, 10000));
    char line[64];
    snprintf(line, sizeof line, "%5d: Connection closed by client.\n", (int)client);
-   EXPECT_NE(std::string::npos, helper.Log().find(line)) << helper.Log();
+   EXPECT_NE(std::string::npos, helper.LogWith(line).find(line)) << helper.Log();
 }
 
 // A client that becomes another program, or lends its connection to another process, loses it.
@@ -308,7 +348,7 @@ TEST(HelperIdentity, ConnectionDoesNotOutliveTheCheckedProgram)
    testsupport::ScratchDir dir;
    Helper helper(dir, AllowedClients({Requirement(kClientId)}));
    std::string signedClient = ClientCopy(dir, "client", kClientId);
-   std::string unsignedClient = ClientCopy(dir, "other", "");
+   std::string unsignedClient = ClientCopy(dir, "other", kClientId, Signer::kNone);
    EXPECT_EQ(3, helper.Run({signedClient, "exec", helper.Socket(), unsignedClient, "2"}));
    EXPECT_EQ(3, helper.Run({signedClient, "fork", helper.Socket(), "2"}));
    std::string log = helper.Log();
@@ -456,11 +496,9 @@ TEST(HelperLoad, SixtyFourClientsOfAThousandMessages)
    for (pid_t pid : clients) {
       EXPECT_EQ(0, WaitBounded(pid, 120000));
    }
-   // The helper logs each end once (it may lag the clients' exits a little).
-   for (int i = 0; i < 2000 && Count(helper.Log(), "Connection closed by client.\n") < 64; i++) {
-      usleep(1000);
-   }
-   EXPECT_EQ(64u, Count(helper.Log(), "Connection closed by client.\n"));
+   // The helper logs each end once.
+   EXPECT_EQ(64u, Count(helper.LogWith("Connection closed by client.\n", 64),
+                        "Connection closed by client.\n"));
 }
 
 }  // namespace
