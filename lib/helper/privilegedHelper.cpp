@@ -1,8 +1,9 @@
 /*
  * The privileged-helper listener: a SOCK_SEQPACKET service socket served by one event loop in
- * the main thread, which accepts and checks clients and reads their datagrams, and one worker
- * thread per accepted connection, which hands that connection's messages to the handler in
- * order.
+ * the main thread, which accepts and checks clients, and one worker thread per accepted
+ * connection, which reads that connection's datagrams and hands them to the handler in order.
+ * A worker reads only as fast as its handler takes messages, so a client that sends faster
+ * fills its own socket buffer and waits: memory per connection is one datagram buffer.
  *
  * A client is identified by its peer credentials, held as a pidfd from the moment of accept:
  * its executable is opened through /proc/<pid>/exe and checked through that descriptor, and the
@@ -28,13 +29,9 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
 #include "internal/retry.h"
@@ -57,9 +54,6 @@ const char kFn[] = "PrivilegedHelper_Start";
 
 // A handler's reply waits this long for room before the client counts as not reading.
 constexpr int kReplyTimeoutMs = 5000;
-// Reading from a connection pauses while this much waits for its worker.
-constexpr size_t kQueueBytesHigh = 256 * 1024;
-constexpr size_t kQueueCountHigh = 256;
 constexpr size_t kInfoPlistMax = 1 << 20;
 
 enum class BundleState { kNoBundle, kNoXPCService, kNoAllowedClients, kNotArray, kReady };
@@ -75,15 +69,6 @@ struct Settings {
 
 Settings gSettings;                       // written before the loop starts, then read-only
 std::atomic<int> gLiveConnections{0};
-
-enum class Kind { kMessage, kTooLarge, kClosed };
-
-struct Datagram {
-   Kind kind = Kind::kMessage;
-   pid_t sender = 0;  // 0: no credentials came with it
-   std::vector<uint8_t> bytes;
-   std::vector<int> fds;
-};
 
 void CloseFds(std::vector<int> &fds)
 {
@@ -104,33 +89,17 @@ struct PrivilegedHelperConnection {
    dev_t exeDev = 0;
    ino_t exeIno = 0;
 
-   std::mutex mutex;
-   std::condition_variable ready;
-   std::deque<Datagram> queue;
-   size_t queuedBytes = 0;
-   bool paused = false;      // taken out of the event loop until the worker catches up
-   bool readerDone = false;  // the event loop has reported the end; nothing more is read
    std::atomic<bool> cancelled{false};
 
    std::vector<int> currentFds;  // the descriptors of the message being handled
 
    PrivilegedHelperConnection() { gLiveConnections.fetch_add(1); }
-   ~PrivilegedHelperConnection()
-   {
-      std::lock_guard<std::mutex> lock(mutex);
-      for (Datagram &datagram : queue) {
-         CloseFds(datagram.fds);
-      }
-      gLiveConnections.fetch_sub(1);
-   }
+   ~PrivilegedHelperConnection() { gLiveConnections.fetch_sub(1); }
 };
 
 namespace {
 
-using ConnectionPtr = std::shared_ptr<PrivilegedHelperConnection>;
-
-// The connections the event loop reads from, by their epoll tag (main thread only).
-std::unordered_map<PrivilegedHelperConnection *, ConnectionPtr> gConnections;
+using ConnectionPtr = std::unique_ptr<PrivilegedHelperConnection>;
 
 bool ReadWholeFile(const char *path, std::string *out)
 {
@@ -407,28 +376,17 @@ void ConnectionError(PrivilegedHelperConnection *conn, const char *what)
    PrivilegedHelperConnection_Cancel(conn);
 }
 
-void Resume(PrivilegedHelperConnection *conn)
+void Deliver(PrivilegedHelperConnection *conn, const uint8_t *bytes, size_t size, pid_t sender,
+             std::vector<int> &fds)
 {
-   struct epoll_event event = {};
-   event.events = EPOLLIN | EPOLLRDHUP;
-   event.data.ptr = conn;
-   epoll_ctl(gSettings.epollFd, EPOLL_CTL_ADD, conn->sock.get(), &event);
-}
-
-void Deliver(PrivilegedHelperConnection *conn, Datagram &datagram)
-{
-   if (datagram.kind == Kind::kTooLarge) {
-      ConnectionError(conn, "Message too large");
-      return;
-   }
-   if (!SenderIsClient(*conn, datagram.sender)) {
+   if (!SenderIsClient(*conn, sender)) {
       ConnectionError(conn, "Message from a process other than the validated client");
       return;
    }
    plist_t dict = nullptr;
-   switch (PrivilegedHelperDecode(datagram.bytes.data(), datagram.bytes.size(), &dict)) {
+   switch (PrivilegedHelperDecode(bytes, size, &dict)) {
    case PRIVILEGED_HELPER_DECODED:
-      conn->currentFds = std::move(datagram.fds);
+      conn->currentFds = std::move(fds);
       gSettings.handler(conn, dict, gSettings.context);
       plist_free(dict);
       CloseFds(conn->currentFds);
@@ -445,88 +403,27 @@ void Deliver(PrivilegedHelperConnection *conn, Datagram &datagram)
    }
 }
 
-// The connection's worker: its messages, in order, until the event loop reports its end.
+// The connection's worker: its datagrams, in order, until the connection ends.
 void Work(ConnectionPtr conn)
 {
-   for (;;) {
-      Datagram datagram;
-      {
-         std::unique_lock<std::mutex> lock(conn->mutex);
-         conn->ready.wait(lock, [&] { return !conn->queue.empty(); });
-         datagram = std::move(conn->queue.front());
-         conn->queue.pop_front();
-         conn->queuedBytes -= datagram.bytes.size();
-         if (conn->paused && !conn->readerDone && (conn->cancelled.load() || (conn->queuedBytes < kQueueBytesHigh / 2 &&
-                                                         conn->queue.size() < kQueueCountHigh / 2))) {
-            conn->paused = false;
-            Resume(conn.get());
-         }
-      }
-      if (datagram.kind == Kind::kClosed) {
-         Log("%5d: Connection closed by client.\n", conn->pid);
-         return;
-      }
-      if (conn->cancelled.load()) {
-         CloseFds(datagram.fds);
-         continue;
-      }
-      Deliver(conn.get(), datagram);
-      CloseFds(datagram.fds);
-   }
-}
-
-/*
- * Queues a datagram for the worker. Returns false when reading must pause: the connection is
- * then out of the event loop until its worker catches up.
- */
-bool Enqueue(PrivilegedHelperConnection *conn, Datagram &&datagram)
-{
-   std::lock_guard<std::mutex> lock(conn->mutex);
-   bool last = datagram.kind == Kind::kClosed;
-   conn->readerDone = last;
-   conn->queuedBytes += datagram.bytes.size();
-   conn->queue.push_back(std::move(datagram));
-   conn->ready.notify_one();
-   if (!last && (conn->queuedBytes >= kQueueBytesHigh || conn->queue.size() >= kQueueCountHigh)) {
-      conn->paused = true;
-      epoll_ctl(gSettings.epollFd, EPOLL_CTL_DEL, conn->sock.get(), nullptr);
-      return false;
-   }
-   return true;
-}
-
-void EndReading(PrivilegedHelperConnection *conn)
-{
-   epoll_ctl(gSettings.epollFd, EPOLL_CTL_DEL, conn->sock.get(), nullptr);
-   Datagram closed;
-   closed.kind = Kind::kClosed;
-   Enqueue(conn, std::move(closed));
-   gConnections.erase(conn);
-}
-
-std::vector<uint8_t> gReadBuffer(PRIVILEGED_HELPER_MAX_MESSAGE + 1);
-
-// Reads every datagram waiting on the connection (event loop).
-void ReadConnection(PrivilegedHelperConnection *conn)
-{
+   // Not zero-filled: pages of the buffer become resident only as large datagrams arrive.
+   std::unique_ptr<uint8_t[]> buffer(new uint8_t[PRIVILEGED_HELPER_MAX_MESSAGE + 1]);
    alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(struct ucred)) +
                                         CMSG_SPACE(sizeof(int) * PRIVILEGED_HELPER_MAX_FDS)];
+   std::vector<int> fds;
    for (;;) {
-      struct iovec iov = {gReadBuffer.data(), gReadBuffer.size()};
+      struct iovec iov = {buffer.get(), PRIVILEGED_HELPER_MAX_MESSAGE + 1};
       struct msghdr msg = {};
       msg.msg_iov = &iov;
       msg.msg_iovlen = 1;
       msg.msg_control = control;
       msg.msg_controllen = sizeof control;
-      ssize_t got = recvmsg(conn->sock.get(), &msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+      ssize_t got = recvmsg(conn->sock.get(), &msg, MSG_CMSG_CLOEXEC);
       if (got == -1 && errno == EINTR) {
          continue;
       }
-      if (got == -1 && errno == EAGAIN) {
-         return;
-      }
-      Datagram datagram;
-      for (struct cmsghdr *cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr;
+      pid_t sender = 0;  // no credentials: not the client
+      for (struct cmsghdr *cmsg = CMSG_FIRSTHDR(&msg); got >= 0 && cmsg != nullptr;
            cmsg = CMSG_NXTHDR(&msg, cmsg)) {
          if (cmsg->cmsg_level != SOL_SOCKET) {
             continue;
@@ -537,39 +434,35 @@ void ReadConnection(PrivilegedHelperConnection *conn)
             for (size_t i = 0; i < count; i++) {
                int fd;
                memcpy(&fd, data + i * sizeof(int), sizeof fd);
-               datagram.fds.push_back(fd);
+               fds.push_back(fd);
             }
          } else if (cmsg->cmsg_type == SCM_CREDENTIALS) {
             struct ucred cred;
             memcpy(&cred, CMSG_DATA(cmsg), sizeof cred);
-            datagram.sender = cred.pid;
+            sender = cred.pid;
          }
       }
       if (got <= 0) {
-         CloseFds(datagram.fds);
-         EndReading(conn);
+         CloseFds(fds);
+         Log("%5d: Connection closed by client.\n", conn->pid);
          return;
       }
-      if ((msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 ||
-          (size_t)got > PRIVILEGED_HELPER_MAX_MESSAGE) {
-         // Over the limit: the worker reports it and the connection ends; nothing more is read.
-         CloseFds(datagram.fds);
-         datagram.kind = Kind::kTooLarge;
-         shutdown(conn->sock.get(), SHUT_RD);
-         Enqueue(conn, std::move(datagram));
-         EndReading(conn);
-         return;
+      if (conn->cancelled.load()) {
+         CloseFds(fds);
+      } else if ((msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) != 0 ||
+                 (size_t)got > PRIVILEGED_HELPER_MAX_MESSAGE) {
+         CloseFds(fds);
+         ConnectionError(conn.get(), "Message too large");
+      } else {
+         Deliver(conn.get(), buffer.get(), (size_t)got, sender, fds);
       }
-      datagram.bytes.assign(gReadBuffer.data(), gReadBuffer.data() + got);
-      if (!Enqueue(conn, std::move(datagram))) {
-         return;
-      }
+      CloseFds(fds);
    }
 }
 
 void AcceptOne(int listener)
 {
-   int fd = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+   int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);  // the worker blocks on it
    if (fd == -1) {
       if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
          Warning("Listener received unexpected XPC Error: %s\n", strerror(errno));
@@ -579,7 +472,7 @@ void AcceptOne(int listener)
       }
       return;
    }
-   auto conn = std::make_shared<PrivilegedHelperConnection>();
+   auto conn = std::make_unique<PrivilegedHelperConnection>();
    conn->sock.reset(fd);
    struct ucred cred = {};
    socklen_t length = sizeof cred;
@@ -600,15 +493,13 @@ void AcceptOne(int listener)
       RefuseClient();
       return;
    }
+   pid_t pid = conn->pid;
    try {
-      std::thread(Work, conn).detach();
+      std::thread(Work, std::move(conn)).detach();
    } catch (...) {
-      Warning("%5d: No worker for the connection.\n", conn->pid);
+      Warning("%5d: No worker for the connection.\n", pid);
       RefuseClient();
-      return;
    }
-   gConnections.emplace(conn.get(), conn);
-   Resume(conn.get());
 }
 
 }  // namespace
@@ -655,19 +546,12 @@ void PrivilegedHelper_StartWithOptions(const char *serviceName,
        epoll_ctl(gSettings.epollFd, EPOLL_CTL_ADD, listener, &event) == -1) {
       StartFailed("epoll");
    }
-   struct epoll_event events[64];
+   struct epoll_event events[8];
    for (;;) {
-      int count = epoll_wait(gSettings.epollFd, events, 64, -1);
+      int count = epoll_wait(gSettings.epollFd, events, 8, -1);
       for (int i = 0; i < count; i++) {
-         if (events[i].data.ptr == nullptr) {
-            for (int n = 0; n < 64; n++) {  // a burst of clients, without starving the others
-               AcceptOne(listener);
-            }
-         } else {
-            auto *conn = (PrivilegedHelperConnection *)events[i].data.ptr;
-            if (gConnections.count(conn) != 0) {
-               ReadConnection(conn);
-            }
+         for (int n = 0; n < 64; n++) {  // a burst of clients at a time
+            AcceptOne(listener);
          }
       }
    }
