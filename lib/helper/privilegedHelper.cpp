@@ -85,6 +85,7 @@ void CloseFds(std::vector<int> &fds)
 struct PrivilegedHelperConnection {
    tesmar::UniqueFd sock;
    tesmar::UniqueFd pidfd;
+   tesmar::UniqueFd procDir;  // /proc/<pid> of the validated client
    pid_t pid = 0;
    dev_t exeDev = 0;
    ino_t exeIno = 0;
@@ -349,7 +350,10 @@ bool ValidateClient(PrivilegedHelperConnection &conn)
       if (PrivilegedHelperClientSatisfies(exe.get(), requirement.c_str(), &status)) {
          conn.exeDev = st.st_dev;
          conn.exeIno = st.st_ino;
-         return PrivilegedHelperPidfdNames(conn.pidfd.get(), pid);
+         char dir[64];
+         snprintf(dir, sizeof dir, "/proc/%d", (int)pid);
+         conn.procDir.reset(open(dir, O_PATH | O_DIRECTORY | O_CLOEXEC));
+         return conn.procDir && PrivilegedHelperPidfdNames(conn.pidfd.get(), pid);
       }
       Log("%5d: Failed validation. (%d)\n", pid, status);
    }
@@ -364,10 +368,9 @@ bool SenderIsClient(const PrivilegedHelperConnection &conn, pid_t sender)
    if (sender != conn.pid || poll(&pfd, 1, 0) != 0) {
       return false;
    }
-   char link[64];
-   snprintf(link, sizeof link, "/proc/%d/exe", (int)conn.pid);
    struct stat st;
-   return stat(link, &st) == 0 && st.st_dev == conn.exeDev && st.st_ino == conn.exeIno;
+   return fstatat(conn.procDir.get(), "exe", &st, 0) == 0 && st.st_dev == conn.exeDev &&
+          st.st_ino == conn.exeIno;
 }
 
 void ConnectionError(PrivilegedHelperConnection *conn, const char *what)
