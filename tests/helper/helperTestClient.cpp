@@ -136,6 +136,14 @@ int PassFd(PrivilegedHelperClient *client)
    return 0;
 }
 
+// Runs one mode over client and closes it.
+int Finish(PrivilegedHelperClient *client, int (*run)(PrivilegedHelperClient *, long), long arg)
+{
+   int status = run(client, arg);
+   PrivilegedHelperClient_Close(client);
+   return status;
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -145,10 +153,10 @@ int main(int argc, char **argv)
    }
    std::string mode = argv[1];
    if (mode == "echo" && argc == 4) {
-      return Echo(Connect(argv[2]), atol(argv[3]));
+      return Finish(Connect(argv[2]), Echo, atol(argv[3]));
    }
    if (mode == "fd" && argc == 4) {
-      return Echo(PrivilegedHelperClient_FromFd(atoi(argv[2])), atol(argv[3]));
+      return Finish(PrivilegedHelperClient_FromFd(atoi(argv[2])), Echo, atol(argv[3]));
    }
    if (mode == "exec" && argc == 5) {
       int sock = RawConnect(argv[2]);  // no close-on-exec: the next program inherits it
@@ -164,6 +172,7 @@ int main(int argc, char **argv)
       }
       int status = 0;
       waitpid(child, &status, 0);
+      PrivilegedHelperClient_Close(client);
       return WIFEXITED(status) ? WEXITSTATUS(status) : 2;
    }
    if (mode == "silent" && argc == 5) {
@@ -172,6 +181,9 @@ int main(int argc, char **argv)
          held.push_back(Connect(argv[2]));
       }
       usleep((useconds_t)atol(argv[4]) * 1000);
+      for (PrivilegedHelperClient *client : held) {
+         PrivilegedHelperClient_Close(client);
+      }
       return 0;
    }
    if (mode == "noread" && argc == 5) {
@@ -186,6 +198,7 @@ int main(int argc, char **argv)
          }
       }
       usleep((useconds_t)atol(argv[4]) * 1000);
+      PrivilegedHelperClient_Close(client);
       return 0;
    }
    if (mode == "raw") {
@@ -196,10 +209,14 @@ int main(int argc, char **argv)
             return errno == EPIPE || errno == ECONNRESET ? 3 : 2;
          }
       }
-      return WaitForEnd(PrivilegedHelperClient_FromFd(sock));
+      return Finish(PrivilegedHelperClient_FromFd(sock), [](PrivilegedHelperClient *client,
+                                                            long) { return WaitForEnd(client); },
+                    0);
    }
    if (mode == "passfd") {
-      return PassFd(Connect(argv[2]));
+      return Finish(Connect(argv[2]), [](PrivilegedHelperClient *client, long) {
+         return PassFd(client);
+      }, 0);
    }
    return 2;
 }
