@@ -479,10 +479,15 @@ TEST(HelperHostile, ServesOthersThroughHostilePeers)
    EXPECT_NE(std::string::npos, helper.Log().find("Client does not read replies\n"));
    EXPECT_EQ(0, WaitBounded(silent, 10000));
    EXPECT_EQ(0, helper.Run({client, "echo", helper.Socket(), "20"}));
-#if defined(__has_feature)
-#define HELPER_TEST_SANITIZED (__has_feature(address_sanitizer) || __has_feature(thread_sanitizer))
-#else
-#define HELPER_TEST_SANITIZED (defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__))
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HELPER_TEST_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define HELPER_TEST_SANITIZED 1
+#endif
+#endif
+#ifndef HELPER_TEST_SANITIZED
+#define HELPER_TEST_SANITIZED 0
 #endif
 #if !HELPER_TEST_SANITIZED  // the sanitizers' own memory would swamp the figure
    long rss = RssKiB(helper.Pid());
