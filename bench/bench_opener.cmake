@@ -1,7 +1,7 @@
 # The real programs with their machine-wide paths under a private root in the build tree, and a
 # minimal static client doing the same hand-over as the peer.
 set(BENCH_OPENER_ROOT ${CMAKE_CURRENT_BINARY_DIR}/opener-root)
-brix_opener_program(bench-opener "${BENCH_OPENER_ROOT}")
+brix_opener_program(bench-opener "${BENCH_OPENER_ROOT}" NO_INSTALL)
 brix_services_program(bench-services "${BENCH_OPENER_ROOT}")
 add_executable(bench-peer-client ${CMAKE_CURRENT_SOURCE_DIR}/opener_peer_client.c)
 target_link_options(bench-peer-client PRIVATE -static)

@@ -18,6 +18,7 @@
 #include "location/locationInt.h"
 #include "log.h"
 #include "serviceImpl.h"
+#include "servicesInstall.h"
 #include "str.h"
 
 #ifndef BRIX_ROOT_PREFIX
@@ -102,7 +103,9 @@ int main(int argc, char **argv)
       Warning("%s: No daemon path.\n", "main");
       return 1;
    }
-   // The services installation registers itself as the install hook here once it exists.
+#ifndef BRIX_OPENER_NO_INSTALL
+   Location_SetInstallHook(ServicesInstall_Run);
+#endif
    char *lockPath = Str_SafeAsprintf(nullptr, "%s/%s", kRunDir, "BRIX Services.lock");
    char *socketPath = Str_SafeAsprintf(nullptr, "%s/%s", kRunDir, "BRIX Services.sock");
 

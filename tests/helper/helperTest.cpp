@@ -1,0 +1,517 @@
+/*
+ * The privileged helper end to end: the example helper and test clients as real processes,
+ * plus the decoder and the pidfd identity check in process.
+ */
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "codeSign.h"
+#include "privilegedHelperInt.h"
+#include "testSupport.h"
+
+namespace {
+
+const char kService[] = "com.tesmar.test.helper";
+const char kClientId[] = "com.tesmar.test.client";
+
+std::string Requirement(const std::string &identifier)
+{
+   return "identifier \"" + identifier +
+          "\" and anchor apple generic and anchor trusted and "
+          "cert leaf[subject.CN] = *\"Tesmar, Inc.\"*";
+}
+
+std::string InfoPlist(const std::string &body)
+{
+   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" + body +
+          "</dict></plist>\n";
+}
+
+std::string AllowedClients(const std::vector<std::string> &requirements)
+{
+   std::string body = "<key>XPCService</key><dict><key>_AllowedClients</key><array>";
+   for (const std::string &requirement : requirements) {
+      body += "<string>" + requirement + "</string>";
+   }
+   return InfoPlist(body + "</array></dict>");
+}
+
+void WriteFile(const std::string &path, const std::string &text)
+{
+   std::ofstream(path, std::ios::binary) << text;
+}
+
+std::string ReadFile(const std::string &path)
+{
+   std::ifstream in(path, std::ios::binary);
+   std::stringstream text;
+   text << in.rdbuf();
+   return text.str();
+}
+
+enum class Signer { kNone, kMaker, kUntrusted, kForeign, kAltered };
+
+// A copy of the test client, signed as identifier by signer.
+std::string ClientCopy(const testsupport::ScratchDir &dir, const std::string &name,
+                       const std::string &identifier, Signer signer = Signer::kMaker)
+{
+   std::string path = dir / name;
+   std::filesystem::copy_file(CLIENT_PROGRAM, path);
+   if (signer == Signer::kNone) {
+      return path;
+   }
+   const char *leaf = signer == Signer::kUntrusted ? "untrusted"
+                      : signer == Signer::kForeign ? "foreign"
+                                                   : "leaf";
+   std::string cert = std::string(PKI_DIR) + "/" + leaf + ".pem";
+   std::string key = std::string(PKI_DIR) + "/" + leaf + ".key";
+   char error[256] = "";
+   EXPECT_TRUE(CodeSign_Sign(path.c_str(), identifier.c_str(), cert.c_str(), key.c_str(),
+                             nullptr, error, sizeof error))
+       << error;
+   if (signer == Signer::kAltered) {
+      // One letter of a message text changed: the program still runs, its signature fails.
+      std::string bytes = ReadFile(path);
+      size_t at = bytes.rfind(std::string("connect\0", 8));  // the perror text, not the symbol
+      EXPECT_NE(std::string::npos, at);
+      bytes[at] = 'C';
+      WriteFile(path, bytes);
+   }
+   return path;
+}
+
+pid_t Spawn(const std::vector<std::string> &args, const std::string &output)
+{
+   pid_t pid = fork();
+   if (pid == 0) {
+      int fd = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+      dup2(fd, 1);
+      std::vector<char *> argv;
+      for (const std::string &arg : args) {
+         argv.push_back(const_cast<char *>(arg.c_str()));
+      }
+      argv.push_back(nullptr);
+      execv(argv[0], argv.data());
+      _exit(127);
+   }
+   return pid;
+}
+
+// Waits for a process this test started, killing it after boundMs; its exit status or -1.
+int WaitBounded(pid_t pid, int boundMs)
+{
+   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(boundMs);
+   int status = 0;
+   while (waitpid(pid, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > deadline) {
+         kill(pid, SIGKILL);
+         waitpid(pid, &status, 0);
+         return -1;
+      }
+      usleep(2000);
+   }
+   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class Helper {
+  public:
+   Helper(const testsupport::ScratchDir &dir, const std::string &infoPlist,
+          std::vector<std::string> extra = {})
+       : log_(dir / "helper.log"), socket_(dir / kService)
+   {
+      WriteFile(dir / "Info.plist", infoPlist);
+      std::vector<std::string> args = {HELPER_PROGRAM, "--run-dir", dir.Path(), "--info-plist",
+                                       dir / "Info.plist"};
+      args.insert(args.end(), extra.begin(), extra.end());
+      args.push_back(kService);
+      struct stat before = {};
+      stat(socket_.c_str(), &before);
+      pid_ = Spawn(args, log_);
+      // Ready when a new socket file is in place (a stale one may be there before).
+      struct stat now = {};
+      for (int i = 0; i < 2000 && (stat(socket_.c_str(), &now) != 0 || now.st_ino == before.st_ino);
+           i++) {
+         usleep(1000);
+      }
+   }
+   ~Helper()
+   {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+   }
+   const std::string &Socket() const { return socket_; }
+   pid_t Pid() const { return pid_; }
+   std::string Log() const { return testsupport::StripStamps(ReadFile(log_)); }
+   // The log once it holds count lines with text (it may lag the clients' exits a little).
+   std::string LogWith(const std::string &text, size_t count = 1) const;
+
+   // Runs a client to its end (bounded) and returns its exit status.
+   int Run(const std::vector<std::string> &args, int boundMs = 20000) const
+   {
+      return WaitBounded(Spawn(args, log_ + ".client"), boundMs);
+   }
+   pid_t Start(const std::vector<std::string> &args) const { return Spawn(args, log_ + ".client"); }
+
+  private:
+   std::string log_;
+   std::string socket_;
+   pid_t pid_;
+};
+
+size_t Count(const std::string &text, const std::string &what)
+{
+   size_t count = 0;
+   for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+      count++;
+   }
+   return count;
+}
+
+std::string Helper::LogWith(const std::string &text, size_t count) const
+{
+   std::string log = Log();
+   for (int i = 0; i < 10000 && Count(log, text) < count; i++) {
+      usleep(1000);
+      log = Log();
+   }
+   return log;
+}
+
+long RssKiB(pid_t pid)
+{
+   std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
+   size_t at = status.find("VmRSS:");
+   return at == std::string::npos ? -1 : atol(status.c_str() + at + 6);
+}
+
+TEST(HelperDecode, TakesOnlyDictionariesWithinTheLimit)
+{
+   auto encode = [](plist_t node) {
+      char *raw = nullptr;
+      uint32_t length = 0;
+      plist_to_bin(node, &raw, &length);
+      std::string bytes(raw, length);
+      plist_to_bin_free(raw);
+      plist_free(node);
+      return bytes;
+   };
+   plist_t dict = plist_new_dict();
+   plist_dict_set_item(dict, "k", plist_new_string("v"));
+   std::string good = encode(dict);
+   std::string array = encode(plist_new_array());
+   struct Row {
+      std::string bytes;
+      PrivilegedHelperDecodeStatus status;
+   } rows[] = {
+       {good, PRIVILEGED_HELPER_DECODED},
+       {array, PRIVILEGED_HELPER_NOT_DICTIONARY},
+       {good.substr(0, good.size() - 3), PRIVILEGED_HELPER_MALFORMED},
+       {"bplist00", PRIVILEGED_HELPER_MALFORMED},
+       {"<plist><dict/></plist>", PRIVILEGED_HELPER_MALFORMED},
+       {"", PRIVILEGED_HELPER_MALFORMED},
+       {std::string(PRIVILEGED_HELPER_MAX_MESSAGE + 1, 'b'), PRIVILEGED_HELPER_TOO_LARGE},
+   };
+   for (const Row &row : rows) {
+      plist_t out = nullptr;
+      EXPECT_EQ(row.status,
+                PrivilegedHelperDecode((const uint8_t *)row.bytes.data(), row.bytes.size(), &out))
+          << row.bytes.size();
+      EXPECT_EQ(row.status == PRIVILEGED_HELPER_DECODED, out != nullptr);
+      plist_free(out);
+   }
+}
+
+// The pidfd binds the checked executable to the process that connected.
+TEST(HelperIdentity, PidfdRefusesAnotherOrAnEndedProcess)
+{
+   pid_t first = fork();
+   if (first == 0) {
+      pause();
+      _exit(0);
+   }
+   pid_t second = fork();
+   if (second == 0) {
+      pause();
+      _exit(0);
+   }
+   int pidfd = (int)syscall(SYS_pidfd_open, first, 0);
+   ASSERT_GE(pidfd, 0);
+   EXPECT_TRUE(PrivilegedHelperPidfdNames(pidfd, first));
+   int exe = PrivilegedHelperOpenClientExe(pidfd, first);
+   EXPECT_GE(exe, 0);
+   close(exe);
+
+   // Another live process under the checked pid (as after reuse) is refused.
+   EXPECT_FALSE(PrivilegedHelperPidfdNames(pidfd, second));
+   errno = 0;
+   EXPECT_EQ(-1, PrivilegedHelperOpenClientExe(pidfd, second));
+   EXPECT_EQ(ESRCH, errno);
+
+   // So is the process once it has ended, reaped or not.
+   kill(first, SIGKILL);
+   siginfo_t info;
+   waitid(P_PID, first, &info, WEXITED | WNOWAIT);
+   EXPECT_FALSE(PrivilegedHelperPidfdNames(pidfd, first));
+   waitpid(first, nullptr, 0);
+   EXPECT_FALSE(PrivilegedHelperPidfdNames(pidfd, first));
+   close(pidfd);
+   kill(second, SIGKILL);
+   waitpid(second, nullptr, 0);
+}
+
+struct AdmissionRow {
+   const char *name;
+   std::string infoPlist;
+   const char *clientId;
+   Signer signer;
+   int clientStatus;
+   std::string failures;  // the "Failed validation" lines' status codes, in order
+   std::vector<std::string> logLines;
+};
+
+TEST(HelperAdmission, AcceptsOnlyAllowedClients)
+{
+   const std::string refused = "Warning: Validation failed. Canceling connection.\n";
+   const std::string two = AllowedClients({Requirement("other"), Requirement(kClientId)});
+   AdmissionRow rows[] = {
+       {"second requirement", two, kClientId, Signer::kMaker, 0, "5", {}},
+       {"unsigned", two, kClientId, Signer::kNone, 3, "11", {refused}},
+       {"wrong identifier", two, "com.tesmar.test.other", Signer::kMaker, 3, "55", {refused}},
+       {"untrusted signer", two, kClientId, Signer::kUntrusted, 3, "56", {refused}},
+       {"foreign signer", two, kClientId, Signer::kForeign, 3, "57", {refused}},
+       {"altered", two, kClientId, Signer::kAltered, 3, "44", {refused}},
+       {"unparsable requirement", AllowedClients({"identifier", Requirement(kClientId)}),
+        kClientId, Signer::kMaker, 0, "-", {}},
+       {"empty array", AllowedClients({}), kClientId, Signer::kMaker, 3, "", {refused}},
+       {"no XPCService", InfoPlist("<key>CFBundleIdentifier</key><string>x</string>"),
+        kClientId, Signer::kMaker, 3, "", {": Unable to find XPCService dictionary.\n", refused}},
+       {"no _AllowedClients", InfoPlist("<key>XPCService</key><dict/>"), kClientId,
+        Signer::kMaker, 3, "", {": Unable to find _AllowedClients array.\n", refused}},
+       {"not an array",
+        InfoPlist("<key>XPCService</key><dict><key>_AllowedClients</key><string>" +
+                  Requirement(kClientId) + "</string></dict>"),
+        kClientId, Signer::kMaker, 3, "", {": Unexpected _AllowedClients type.\n", refused}},
+       {"unreadable Info.plist", "not a property list", kClientId, Signer::kMaker, 3, "",
+        {": Unable to find XPCService dictionary.\n", refused}},
+   };
+   for (const AdmissionRow &row : rows) {
+      SCOPED_TRACE(row.name);
+      testsupport::ScratchDir dir;
+      Helper helper(dir, row.infoPlist);
+      std::string client = ClientCopy(dir, "client", row.clientId, row.signer);
+      EXPECT_EQ(row.clientStatus, helper.Run({client, "echo", helper.Socket(), "3"}));
+      std::string log = helper.Log();
+      EXPECT_EQ(0u, log.find(std::string("Starting service: ") + kService + "\n")) << log;
+      EXPECT_NE(std::string::npos, log.find(": Received connection from " + client + "\n"))
+          << log;
+      for (const std::string &line : row.logLines) {
+         EXPECT_NE(std::string::npos, log.find(line)) << log;
+      }
+      // One line per failed requirement, in array order, with its status.
+      std::string failures;
+      const std::string failed = ": Failed validation. (";
+      for (size_t at = log.find(failed); at != std::string::npos; at = log.find(failed, at + 1)) {
+         failures += log[at + failed.size()];
+      }
+      EXPECT_EQ(row.failures, failures) << log;
+   }
+}
+
+TEST(HelperAdmission, PidColumnIsFiveWide)
+{
+   testsupport::ScratchDir dir;
+   Helper helper(dir, AllowedClients({Requirement(kClientId)}));
+   pid_t client = helper.Start({ClientCopy(dir, "client", kClientId), "echo", helper.Socket(), "1"});
+   EXPECT_EQ(0, WaitBounded(client, 10000));
+   char line[64];
+   snprintf(line, sizeof line, "%5d: Connection closed by client.\n", (int)client);
+   EXPECT_NE(std::string::npos, helper.LogWith(line).find(line)) << helper.Log();
+}
+
+// A client that becomes another program, or lends its connection to another process, loses it.
+TEST(HelperIdentity, ConnectionDoesNotOutliveTheCheckedProgram)
+{
+   testsupport::ScratchDir dir;
+   Helper helper(dir, AllowedClients({Requirement(kClientId)}));
+   std::string signedClient = ClientCopy(dir, "client", kClientId);
+   std::string unsignedClient = ClientCopy(dir, "other", kClientId, Signer::kNone);
+   EXPECT_EQ(3, helper.Run({signedClient, "exec", helper.Socket(), unsignedClient, "2"}));
+   EXPECT_EQ(3, helper.Run({signedClient, "fork", helper.Socket(), "2"}));
+   std::string log = helper.Log();
+   // The exec may land before the check (refused there) or after it (refused at the message).
+   EXPECT_EQ(2u, Count(log, "Message from a process other than the validated client\n") +
+                     Count(log, "Validation failed. Canceling connection.\n"))
+       << log;
+   // The same program re-executing itself keeps its connection.
+   EXPECT_EQ(0, helper.Run({signedClient, "exec", helper.Socket(), signedClient, "2"}));
+}
+
+TEST(HelperService, PassesDescriptorsAndReplacesStaleSockets)
+{
+   testsupport::ScratchDir dir;
+   // A stale socket file from an earlier run.
+   int stale = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+   struct sockaddr_un addr = {};
+   addr.sun_family = AF_UNIX;
+   snprintf(addr.sun_path, sizeof addr.sun_path, "%s", (dir / kService).c_str());
+   ASSERT_EQ(0, bind(stale, (const struct sockaddr *)&addr, sizeof addr));
+   close(stale);
+
+   Helper helper(dir, AllowedClients({Requirement(kClientId)}), {"--mode", "0660"});
+   EXPECT_EQ(0, helper.Run({ClientCopy(dir, "client", kClientId), "passfd", helper.Socket()}));
+   struct stat st;
+   ASSERT_EQ(0, stat(helper.Socket().c_str(), &st));
+   EXPECT_EQ(0660u, st.st_mode & 0777);
+
+   // A second helper for the same name leaves the first alone.
+   std::string second = dir / "second.log";
+   EXPECT_EQ(1, WaitBounded(Spawn({HELPER_PROGRAM, "--run-dir", dir.Path(), kService}, second),
+                            5000));
+   EXPECT_NE(std::string::npos, ReadFile(second).find("Another helper already serves"));
+}
+
+TEST(HelperService, RefusesToReplaceAFileThatIsNotASocket)
+{
+   testsupport::ScratchDir dir;
+   WriteFile(dir / kService, "keep me");
+   std::string log = dir / "helper.log";
+   EXPECT_EQ(1, WaitBounded(Spawn({HELPER_PROGRAM, "--run-dir", dir.Path(), kService}, log),
+                            5000));
+   EXPECT_EQ("keep me", ReadFile(dir / kService));
+}
+
+std::string EncodeDict(size_t blob, size_t pad)
+{
+   plist_t dict = plist_new_dict();
+   std::string filler(blob, 'a');
+   plist_dict_set_item(dict, "d", plist_new_data(filler.data(), filler.size()));
+   plist_dict_set_item(dict, "p", plist_new_string(std::string(pad, 'p').c_str()));
+   char *raw = nullptr;
+   uint32_t length = 0;
+   plist_to_bin(dict, &raw, &length);
+   std::string bytes(raw, length);
+   plist_to_bin_free(raw);
+   plist_free(dict);
+   return bytes;
+}
+
+// A dictionary whose encoding is exactly size bytes (the data length steps the header size).
+std::string EncodedDictOfSize(size_t size)
+{
+   for (size_t pad = 0; pad < 32; pad++) {
+      size_t blob = size - 100;
+      for (int round = 0; round < 4; round++) {
+         std::string bytes = EncodeDict(blob, pad);
+         if (bytes.size() == size) {
+            return bytes;
+         }
+         blob = blob + size - bytes.size();
+      }
+   }
+   return {};
+}
+
+// An array: valid, but not a dictionary (reported; the connection stays).
+std::string EncodedArray(void)
+{
+   char *raw = nullptr;
+   uint32_t length = 0;
+   plist_t array = plist_new_array();
+   plist_to_bin(array, &raw, &length);
+   std::string bytes(raw, length);
+   plist_to_bin_free(raw);
+   plist_free(array);
+   return bytes;
+}
+
+TEST(HelperHostile, ServesOthersThroughHostilePeers)
+{
+   testsupport::ScratchDir dir;
+   Helper helper(dir, AllowedClients({Requirement(kClientId)}), {"--reply-timeout", "300"});
+   std::string client = ClientCopy(dir, "client", kClientId);
+
+   // Silent connections and a client that never reads its replies, while others are served.
+   pid_t silent = helper.Start({client, "silent", helper.Socket(), "200", "3000"});
+   pid_t noread = helper.Start({client, "noread", helper.Socket(), "3000", "3000"});
+   helper.LogWith("Received connection from", 201);
+
+   std::string atLimit = EncodedDictOfSize(PRIVILEGED_HELPER_MAX_MESSAGE);
+   ASSERT_EQ((size_t)PRIVILEGED_HELPER_MAX_MESSAGE, atLimit.size());
+   std::string truncated = atLimit.substr(0, 4000);
+   struct Row {
+      const char *name;
+      std::string bytes;
+      int status;  // 0 a reply came, 3 the helper ended the connection, 5 it stayed open
+      const char *logLine;
+   } rows[] = {
+       {"garbage", "this is not a property list", 3, "Malformed message\n"},
+       {"truncated", truncated, 3, "Malformed message\n"},
+       {"xml", InfoPlist(""), 3, "Malformed message\n"},
+       {"array", EncodedArray(), 5, ": Connection received unexpected event type.\n"},
+       {"at the limit", atLimit, 0, nullptr},
+       {"over the limit", atLimit + "x", 3, "Message too large\n"},
+   };
+   for (const Row &row : rows) {
+      SCOPED_TRACE(row.name);
+      std::string file = dir / "datagram";
+      WriteFile(file, row.bytes);
+      EXPECT_EQ(row.status, helper.Run({client, "raw", helper.Socket(), file}));
+      if (row.logLine != nullptr) {
+         EXPECT_NE(std::string::npos, helper.Log().find(row.logLine)) << helper.Log();
+      }
+      EXPECT_EQ(0, helper.Run({client, "echo", helper.Socket(), "20"}));
+   }
+   EXPECT_EQ(0, WaitBounded(noread, 10000));
+   EXPECT_NE(std::string::npos, helper.Log().find("Client does not read replies\n"));
+   EXPECT_EQ(0, WaitBounded(silent, 10000));
+   EXPECT_EQ(0, helper.Run({client, "echo", helper.Socket(), "20"}));
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HELPER_TEST_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define HELPER_TEST_SANITIZED 1
+#endif
+#endif
+#ifndef HELPER_TEST_SANITIZED
+#define HELPER_TEST_SANITIZED 0
+#endif
+#if !HELPER_TEST_SANITIZED  // the sanitizers' own memory would swamp the figure
+   long rss = RssKiB(helper.Pid());
+   EXPECT_GT(rss, 0);
+   EXPECT_LT(rss, 64 * 1024) << "helper resident set in KiB";
+#endif
+}
+
+TEST(HelperLoad, SixtyFourClientsOfAThousandMessages)
+{
+   testsupport::ScratchDir dir;
+   Helper helper(dir, AllowedClients({Requirement(kClientId)}));
+   std::string client = ClientCopy(dir, "client", kClientId);
+   std::vector<pid_t> clients;
+   for (int i = 0; i < 64; i++) {
+      clients.push_back(helper.Start({client, "echo", helper.Socket(), "1000"}));
+   }
+   // Each client checks its thousand replies in order and that no reply comes twice.
+   for (pid_t pid : clients) {
+      EXPECT_EQ(0, WaitBounded(pid, 120000));
+   }
+   // The helper logs each end once.
+   EXPECT_EQ(64u, Count(helper.LogWith("Connection closed by client.\n", 64),
+                        "Connection closed by client.\n"));
+}
+
+}  // namespace
