@@ -160,6 +160,12 @@ std::string ToXml(const Resources &res)
    plist_to_xml(root.get(), &xml, &len);
    std::string text = xml != nullptr ? std::string(xml, len) : std::string();
    plist_to_xml_free(xml);
+   // The document type line names an outside DTD that nothing reads; leave it out.
+   size_t doctype = text.find("<!DOCTYPE");
+   size_t end = doctype == std::string::npos ? doctype : text.find(">\n", doctype);
+   if (end != std::string::npos) {
+      text.erase(doctype, end + 2 - doctype);
+   }
    return text;
 }
 
