@@ -124,7 +124,7 @@ bool InstallRowRun(const InstallRow &row, const char *servicesDir)
    UniqueFd dstFd;
    if (S_ISDIR(st.st_mode)) {
       if (!File_CreateDirectoryEx(dst.get(), 0755) ||
-          !File_CopyTree(src.get(), dst.get(), true, false)) {
+          !File_CopyTreeAll(src.get(), dst.get(), true)) {
          return false;
       }
       dstFd.reset(open(dst.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "codesignTestSupport.h"
+#include "file.h"
 #include "testSupport.h"
 
 namespace {
@@ -204,6 +205,14 @@ TEST(CodeSignBundle, CopyLosingMetadataBreaksTheCopysSignature)
    ASSERT_EQ(system(("cp -r '" + kext + "' '" + (dir / "lost.kext") + "'").c_str()), 0);
    umask(old);
    EXPECT_EQ(Check(dir / "lost.kext"), CODESIGN_ALTERED);
+   // The library's plain tree copy creates files with default modes; the metadata copy does not.
+   for (const char *name : {"plain.kext", "all.kext"}) {
+      ASSERT_TRUE(File_CreateDirectory((dir / name).c_str()));
+   }
+   ASSERT_TRUE(File_CopyTree(kext.c_str(), (dir / "plain.kext").c_str(), true, false));
+   EXPECT_EQ(Check(dir / "plain.kext"), CODESIGN_ALTERED);
+   ASSERT_TRUE(File_CopyTreeAll(kext.c_str(), (dir / "all.kext").c_str(), true));
+   EXPECT_EQ(Check(dir / "all.kext"), CODESIGN_OK);
 }
 
 TEST(CodeSignBundle, RootRequirementCoversEveryEntry)
