@@ -169,18 +169,18 @@ std::string ToXml(const Resources &res)
    return text;
 }
 
+/* A string value without embedded NUL (libplist's copying getter asserts on those). */
 bool StringValue(plist_t node, std::string &out)
 {
    if (node == nullptr || plist_get_node_type(node) != PLIST_STRING) {
       return false;
    }
-   char *value = nullptr;
-   plist_get_string_val(node, &value);
-   if (value == nullptr) {
+   uint64_t length = 0;
+   const char *value = plist_get_string_ptr(node, &length);
+   if (value == nullptr || memchr(value, '\0', (size_t)length) != nullptr) {
       return false;
    }
-   out = value;
-   free(value);
+   out.assign(value, (size_t)length);
    return true;
 }
 
@@ -234,14 +234,12 @@ bool ParseResources(const uint8_t *data, size_t size, Resources &res)
           plist_get_node_type(mode) != PLIST_UINT) {
          return false;
       }
-      char *bytes = nullptr;
       uint64_t len = 0;
       FileEntry entry;
-      plist_get_data_val(hash, &bytes, &len);
+      const char *bytes = plist_get_data_ptr(hash, &len);
       if (bytes != nullptr) {
          entry.hash.assign(bytes, (size_t)len);
       }
-      free(bytes);
       plist_get_uint_val(mode, &entry.mode);
       res.files[key] = entry;
       return entry.hash.size() == 32;
