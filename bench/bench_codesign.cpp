@@ -101,7 +101,8 @@ void BM_OpenSslFloor8MiB(benchmark::State &state)
       const unsigned char *p = blob.data();
       CMS_ContentInfo *cms = d2i_CMS_ContentInfo(nullptr, &p, sigSize);
       BIO *out = BIO_new(BIO_s_mem());
-      int ok = CMS_verify(cms, nullptr, nullptr, nullptr, out, CMS_NO_SIGNER_CERT_VERIFY | CMS_BINARY);
+      int ok =
+          CMS_verify(cms, nullptr, nullptr, nullptr, out, CMS_NO_SIGNER_CERT_VERIFY | CMS_BINARY);
       BIO_free(out);
       CMS_ContentInfo_free(cms);
       close(fd);
@@ -171,13 +172,14 @@ Setup InstallSetup()
       const struct {
          const char *rel, *id;
          size_t size;
-      } files[] = {{"/tesmar-id", "tesmar-id", 1u << 20},
-                   {"/tesmar-usbgate", "tesmar-usbgate", 3u << 20},
-                   {"/productInfo", "productInfo", 4096},
-                   {"/services/services.sh", "services", 4096},
-                   {"/services/Open Tesmar USB Gate Service", "Open Tesmar USB Gate Service", 2u << 20},
-                   {"/services/Tesmar USB Gate Service", "Tesmar USB Gate Service", 5u << 20},
-                   {"/services/usbGateService.sh", "usbGateService", 4096}};
+      } files[] = {
+          {"/tesmar-id", "tesmar-id", 1u << 20},
+          {"/tesmar-usbgate", "tesmar-usbgate", 3u << 20},
+          {"/productInfo", "productInfo", 4096},
+          {"/services/services.sh", "services", 4096},
+          {"/services/Open Tesmar USB Gate Service", "Open Tesmar USB Gate Service", 2u << 20},
+          {"/services/Tesmar USB Gate Service", "Tesmar USB Gate Service", 5u << 20},
+          {"/services/usbGateService.sh", "usbGateService", 4096}};
       for (const auto &f : files) {
          WriteFile(lib + f.rel, f.size, 0755);
          Sign(lib + f.rel, f.id);
@@ -289,7 +291,11 @@ int main(int argc, char **argv)
    benchmark::RunSpecifiedBenchmarks();
    benchmark::Shutdown();
    fs::remove(SignedFile());
-   fs::remove_all(fs::path(InstallSetup().opener).parent_path().parent_path().parent_path()
-                      .parent_path().parent_path());
+   fs::remove_all(fs::path(InstallSetup().opener)
+                      .parent_path()
+                      .parent_path()
+                      .parent_path()
+                      .parent_path()
+                      .parent_path());
    return 0;
 }

@@ -140,11 +140,11 @@ for _ in $(seq 50); do [ -z "$(daemon_pids)" ] && break; sleep 0.1; done
 echo "   daemons running: $(daemon_pids | wc -l)"
 
 say "5. A tampered daemon in the bundle is refused"
-printf 'x' >>"$services/BRIX Services"
+printf 'x' | dd of="$services/BRIX Services" bs=1 seek=4096 conv=notrunc status=none
 "$codesign" verify --requirement 'identifier "BRIX Services" and anchor trusted' \
   "$services/BRIX Services" 2>&1 | indent || true
 set +e
-as_nobody sh -c 'exec "$0" 3 3>>"$1"' "$opener" "$out" 2>&1 | indent
+as_nobody sh -c '"$0" 3 3>>"$1"; s=$?; echo; exit $s' "$opener" "$out" 2>&1 | indent
 status=${PIPESTATUS[0]}
 set -e
 echo "   exit status: $status; daemons running: $(daemon_pids | wc -l)"

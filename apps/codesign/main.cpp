@@ -81,8 +81,8 @@ int Check(const Options &opt, bool show)
       return 1;
    }
    CodeSignInfo info;
-   CodeSignStatus status = CodeSign_CheckValidity(code, req, false,
-                                                  opt.anchors ? anchors.c_str() : nullptr, &info);
+   CodeSignStatus status =
+       CodeSign_CheckValidity(code, req, false, opt.anchors ? anchors.c_str() : nullptr, &info);
    bool bundle = CodeSign_IsBundle(code);
    CodeSign_CloseCode(code);
    CodeSign_FreeRequirement(req);

@@ -55,7 +55,7 @@ const char *const kSubdirs[] = {"", "/Contents", "/Contents/Library", "/Contents
  * kept as the saved uid, as the opener holds them between its privileged steps.
  */
 class RootIdentity {
-public:
+  public:
    RootIdentity()
    {
       getresuid(&ruid_, &euid_, &suid_);
@@ -73,7 +73,7 @@ public:
    }
    bool ok() const { return ok_; }
 
-private:
+  private:
    uid_t ruid_, euid_, suid_;
    gid_t rgid_, egid_, sgid_;
    bool ok_;

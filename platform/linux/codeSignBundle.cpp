@@ -122,8 +122,8 @@ CodeSignStatus Walk(int dirFd, const std::string &prefix, int depth, bool requir
          if (!DigestFd(file.get(), (uint64_t)opened.st_size, digest)) {
             return CODESIGN_IO;
          }
-         out.files[rel] = FileEntry{std::string((const char *)digest, 32),
-                                    (uint64_t)(opened.st_mode & 07777)};
+         out.files[rel] =
+             FileEntry{std::string((const char *)digest, 32), (uint64_t)(opened.st_mode & 07777)};
       } else if (S_ISLNK(st.st_mode)) {
          char target[PATH_MAX];
          ssize_t n = readlinkat(dirFd, name.c_str(), target, sizeof target);
@@ -244,9 +244,8 @@ bool ParseResources(const uint8_t *data, size_t size, Resources &res)
       res.files[key] = entry;
       return entry.hash.size() == 32;
    });
-   each(links, [&](const std::string &key, plist_t value) {
-      return StringValue(value, res.links[key]);
-   });
+   each(links,
+        [&](const std::string &key, plist_t value) { return StringValue(value, res.links[key]); });
    return ok;
 }
 
@@ -274,12 +273,12 @@ UniqueFd OpenResources(int bundleFd, bool create, bool requireRoot, CodeSignStat
 }
 
 /* Writes data to name in dirFd through a temporary file renamed over it. */
-bool WriteAtomic(int dirFd, const std::string &name, const std::vector<uint8_t> &data,
-                 mode_t mode, std::string &error)
+bool WriteAtomic(int dirFd, const std::string &name, const std::vector<uint8_t> &data, mode_t mode,
+                 std::string &error)
 {
    std::string temp = "." + name + ".sign-" + std::to_string(getpid());
-   UniqueFd fd(openat(dirFd, temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                      0600));
+   UniqueFd fd(
+       openat(dirFd, temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
    if (!fd) {
       error = "cannot create " + temp + ": " + strerror(errno);
       return false;
@@ -329,7 +328,9 @@ bool SignFile(const std::string &path, const std::string &identifier, const char
               const char *keyPem, const char *chainPem, std::string &error)
 {
    size_t slash = path.rfind('/');
-   std::string dirName = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+   std::string dirName = slash == std::string::npos ? "."
+                         : slash == 0               ? "/"
+                                                    : path.substr(0, slash);
    std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
    UniqueFd dir(open(dirName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
    UniqueFd fd = dir ? OpenAt(dir.get(), base.c_str(), 0) : UniqueFd();

@@ -17,7 +17,11 @@ namespace fs = std::filesystem;
 const char kMakerReq[] =
     "identifier \"BRIX Services\" and anchor apple generic and anchor trusted and "
     "cert leaf[subject.CN] = *\"Tesmar, Inc.\"*";
-const std::string kBody = std::string("\x7f" "ELF", 4) + std::string(5000, 'x') + "end";
+const std::string kBody = std::string(
+                              "\x7f"
+                              "ELF",
+                              4) +
+                          std::string(5000, 'x') + "end";
 
 TEST(CodeSignFile, SignsWithoutChangingTheBytesAndReSignsInPlace)
 {
@@ -61,8 +65,8 @@ TEST(CodeSignFile, RefusesEveryBrokenSignature)
            WriteFile(p, b);
         },
         CODESIGN_ALTERED},
-       {"signed with another identifier",
-        [](const std::string &p) { Sign(p, "tesmar-id"); }, CODESIGN_IDENTIFIER},
+       {"signed with another identifier", [](const std::string &p) { Sign(p, "tesmar-id"); },
+        CODESIGN_IDENTIFIER},
        {"untrusted CA", [](const std::string &p) { Sign(p, "BRIX Services", Signer::kUntrusted); },
         CODESIGN_UNTRUSTED},
        {"foreign leaf name",
@@ -91,8 +95,8 @@ TEST(CodeSignFile, RefusesEveryBrokenSignature)
            WriteFile(p, b);
         },
         CODESIGN_MALFORMED},
-       {"only the marker",
-        [](const std::string &p) { WriteFile(p, CODESIGN_MARKER); }, CODESIGN_MALFORMED},
+       {"only the marker", [](const std::string &p) { WriteFile(p, CODESIGN_MARKER); },
+        CODESIGN_MALFORMED},
        {"garbage blob",
         [](const std::string &p) {
            std::string b = ReadFile(p);
@@ -128,7 +132,9 @@ TEST(CodeSignFile, OpensOnlyRegularFilesAndBundlesWithoutFollowingLinks)
    const struct {
       std::string path;
       int err;
-   } cases[] = {{dir / "link", ELOOP}, {dir / "plain", ENOTSUP}, {dir / "fifo", ENOTSUP},
+   } cases[] = {{dir / "link", ELOOP},
+                {dir / "plain", ENOTSUP},
+                {dir / "fifo", ENOTSUP},
                 {dir / "missing", ENOENT}};
    for (const auto &c : cases) {
       errno = 0;
@@ -171,7 +177,8 @@ TEST(CodeSignBundle, CoversEveryFileModeAndLink)
            fs::remove(k + "/Contents/current");
            fs::copy_file(k + "/Contents/MacOS/quillmod", k + "/Contents/current");
         }},
-       {"mode lost", [](const std::string &k) { chmod((k + "/Contents/MacOS/quillmod").c_str(), 0700); }},
+       {"mode lost",
+        [](const std::string &k) { chmod((k + "/Contents/MacOS/quillmod").c_str(), 0700); }},
        {"resources edited",
         [](const std::string &k) {
            std::string path = k + "/" CODESIGN_RESOURCES;

@@ -54,8 +54,8 @@ inline void MakeBundle(const std::string &dir, const std::string &identifier)
 {
    WriteFile(dir + "/Contents/Info.plist",
              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-             "<key>CFBundleIdentifier</key><string>" + identifier +
-                 "</string></dict></plist>\n");
+             "<key>CFBundleIdentifier</key><string>" +
+                 identifier + "</string></dict></plist>\n");
    WriteFile(dir + "/Contents/MacOS/quillmod", "#!/bin/sh\nexit 0\n", 0755);
    std::filesystem::create_symlink("MacOS/quillmod", dir + "/Contents/current");
 }

@@ -54,14 +54,18 @@ TEST(OpenerCheck, BundleIdentifierReportsWhyItIsMissing)
 {
    testsupport::ScratchDir dir;
    MakeBundle(dir / "k.kext", "com.tesmar.quillmod");
-   WriteFile(dir / "none.kext/Contents/Info.plist",
-             "<plist version=\"1.0\"><dict><key>CFBundleName</key><string>q</string></dict></plist>");
+   WriteFile(
+       dir / "none.kext/Contents/Info.plist",
+       "<plist version=\"1.0\"><dict><key>CFBundleName</key><string>q</string></dict></plist>");
    WriteFile(dir / "file", "x");
    const struct {
       std::string path;
       int code;
-   } cases[] = {{dir / "k.kext", 0},   {std::string("\xc0\xaf"), 1}, {dir / "file", 3},
-                {dir / "missing", 3}, {dir / "none.kext", 4}};
+   } cases[] = {{dir / "k.kext", 0},
+                {std::string("\xc0\xaf"), 1},
+                {dir / "file", 3},
+                {dir / "missing", 3},
+                {dir / "none.kext", 4}};
    for (const auto &c : cases) {
       testsupport::LogCapture log;
       char *id = CoreFoundationUtils_GetBundleIdentifier(c.path.c_str());

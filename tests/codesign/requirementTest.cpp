@@ -103,7 +103,8 @@ TEST(Requirement, EvaluatesAgainstTheFacts)
       CodeSign_FreeRequirement(req);
    }
    facts.trusted = false;
-   CodeSignRequirement *req = CodeSign_ParseRequirement("identifier \"BRIX Services\" and anchor apple generic");
+   CodeSignRequirement *req =
+       CodeSign_ParseRequirement("identifier \"BRIX Services\" and anchor apple generic");
    EXPECT_EQ(codesign::Evaluate(*req->root, facts), CODESIGN_UNTRUSTED);
    CodeSign_FreeRequirement(req);
 }

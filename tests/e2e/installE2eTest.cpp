@@ -95,8 +95,9 @@ TEST_F(InstallE2e, InstallsAVerifiedRootOwnedCopyAndStartsTheDaemonFromIt)
       EXPECT_EQ(cstest::Check(dst, nullptr, true), CODESIGN_OK) << dst;
    }
    EXPECT_EQ(cstest::ReadFile(kDaemonPath), cstest::ReadFile(BundleDaemon()));
-   EXPECT_EQ(fs::read_symlink(kServicesDir + "/Contents/Library/kexts/quillmod.kext/Contents/current"),
-             "MacOS/quillmod");
+   EXPECT_EQ(
+       fs::read_symlink(kServicesDir + "/Contents/Library/kexts/quillmod.kext/Contents/current"),
+       "MacOS/quillmod");
    for (const char *dir : {"", "/Contents", "/Contents/Library", "/Contents/Library/kexts",
                            "/Contents/Library/services"}) {
       struct stat st;
@@ -127,11 +128,22 @@ TEST_F(InstallE2e, RefusesEveryBadBundle)
       std::function<void(InstallE2e &)> spoil;
       bool logsCodeSeven;  // of the bundle's daemon
    } cases[] = {
-       {"unsigned daemon", [](InstallE2e &t) { fs::remove(t.BundleDaemon()); fs::copy_file(E2E_SERVICES, t.BundleDaemon()); }, true},
-       {"one byte changed after signing", [&](InstallE2e &t) { appendByte(t.BundleDaemon(), 64); }, true},
-       {"wrong identifier", [](InstallE2e &t) { cstest::Sign(t.BundleDaemon(), "tesmar-id"); }, true},
-       {"untrusted CA", [](InstallE2e &t) { cstest::Sign(t.BundleDaemon(), "BRIX Services", Signer::kUntrusted); }, true},
-       {"leaf without the maker's name", [](InstallE2e &t) { cstest::Sign(t.BundleDaemon(), "BRIX Services", Signer::kForeign); }, true},
+       {"unsigned daemon",
+        [](InstallE2e &t) {
+           fs::remove(t.BundleDaemon());
+           fs::copy_file(E2E_SERVICES, t.BundleDaemon());
+        },
+        true},
+       {"one byte changed after signing", [&](InstallE2e &t) { appendByte(t.BundleDaemon(), 64); },
+        true},
+       {"wrong identifier", [](InstallE2e &t) { cstest::Sign(t.BundleDaemon(), "tesmar-id"); },
+        true},
+       {"untrusted CA",
+        [](InstallE2e &t) { cstest::Sign(t.BundleDaemon(), "BRIX Services", Signer::kUntrusted); },
+        true},
+       {"leaf without the maker's name",
+        [](InstallE2e &t) { cstest::Sign(t.BundleDaemon(), "BRIX Services", Signer::kForeign); },
+        true},
        {"truncated blob",
         [](InstallE2e &t) {
            std::string b = cstest::ReadFile(t.BundleDaemon());
@@ -139,22 +151,57 @@ TEST_F(InstallE2e, RefusesEveryBadBundle)
            std::ofstream(t.BundleDaemon(), std::ios::binary | std::ios::trunc) << b;
         },
         true},
-       {"oversized blob length", [&](InstallE2e &t) { std::string p = t.BundleDaemon(); appendByte(p, fs::file_size(p) - CODESIGN_MARKER_LEN - 4); }, true},
-       {"length pointing outside the file", [&](InstallE2e &t) { std::string p = t.BundleDaemon(); appendByte(p, fs::file_size(p) - CODESIGN_MARKER_LEN - 3); }, true},
-       {"daemon owned by a user", [](InstallE2e &t) { ASSERT_EQ(chown(t.BundleDaemon().c_str(), kNobody, 0), 0); }, false},
-       {"daemon group not root", [](InstallE2e &t) { ASSERT_EQ(chown(t.BundleDaemon().c_str(), 0, kNobody), 0); }, false},
+       {"oversized blob length",
+        [&](InstallE2e &t) {
+           std::string p = t.BundleDaemon();
+           appendByte(p, fs::file_size(p) - CODESIGN_MARKER_LEN - 4);
+        },
+        true},
+       {"length pointing outside the file",
+        [&](InstallE2e &t) {
+           std::string p = t.BundleDaemon();
+           appendByte(p, fs::file_size(p) - CODESIGN_MARKER_LEN - 3);
+        },
+        true},
+       {"daemon owned by a user",
+        [](InstallE2e &t) { ASSERT_EQ(chown(t.BundleDaemon().c_str(), kNobody, 0), 0); }, false},
+       {"daemon group not root",
+        [](InstallE2e &t) { ASSERT_EQ(chown(t.BundleDaemon().c_str(), 0, kNobody), 0); }, false},
        {"symbolic link to a signed daemon",
         [](InstallE2e &t) {
            fs::rename(t.BundleDaemon(), t.app_ + "/real");
            fs::create_symlink(t.app_ + "/real", t.BundleDaemon());
         },
         false},
-       {"kext file omitted", [&](InstallE2e &t) { fs::remove(t.Src(kextRel.c_str()) + "/Contents/MacOS/quillmod"); }, false},
-       {"kext file added", [&](InstallE2e &t) { cstest::WriteFile(t.Src(kextRel.c_str()) + "/Contents/MacOS/extra", "x"); }, false},
-       {"kext file altered", [&](InstallE2e &t) { cstest::WriteFile(t.Src(kextRel.c_str()) + "/Contents/MacOS/quillmod", "x", 0755); }, false},
-       {"kext entry owned by a user", [&](InstallE2e &t) { ASSERT_EQ(lchown((t.Src(kextRel.c_str()) + "/Contents/current").c_str(), kNobody, 0), 0); }, false},
-       {"kext without identifier", [&](InstallE2e &t) { cstest::WriteFile(t.Src(kextRel.c_str()) + "/Contents/Info.plist", "<plist version=\"1.0\"><dict/></plist>"); }, false},
-       {"companion file unsigned", [](InstallE2e &t) { cstest::WriteFile(t.Src("/Contents/Library/tesmar-id"), "#!/bin/sh\n", 0755); }, false},
+       {"kext file omitted",
+        [&](InstallE2e &t) { fs::remove(t.Src(kextRel.c_str()) + "/Contents/MacOS/quillmod"); },
+        false},
+       {"kext file added",
+        [&](InstallE2e &t) {
+           cstest::WriteFile(t.Src(kextRel.c_str()) + "/Contents/MacOS/extra", "x");
+        },
+        false},
+       {"kext file altered",
+        [&](InstallE2e &t) {
+           cstest::WriteFile(t.Src(kextRel.c_str()) + "/Contents/MacOS/quillmod", "x", 0755);
+        },
+        false},
+       {"kext entry owned by a user",
+        [&](InstallE2e &t) {
+           ASSERT_EQ(lchown((t.Src(kextRel.c_str()) + "/Contents/current").c_str(), kNobody, 0), 0);
+        },
+        false},
+       {"kext without identifier",
+        [&](InstallE2e &t) {
+           cstest::WriteFile(t.Src(kextRel.c_str()) + "/Contents/Info.plist",
+                             "<plist version=\"1.0\"><dict/></plist>");
+        },
+        false},
+       {"companion file unsigned",
+        [](InstallE2e &t) {
+           cstest::WriteFile(t.Src("/Contents/Library/tesmar-id"), "#!/bin/sh\n", 0755);
+        },
+        false},
    };
    for (const auto &c : cases) {
       SCOPED_TRACE(c.name);
