@@ -26,10 +26,13 @@ support="$root/Library/Application Support/Tesmar/Larkview"
 daemon="$support/Services/Contents/Library/services/BRIX Services"
 log="$root/var/log/BRIX Services.log"
 
-say "Building brix-opener and brix-services (machine-wide paths under build-demo/root)"
+say "Building brix-opener, brix-services and brix-codesign (machine-wide paths under build-demo/root)"
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF \
   -DBRIX_BENCH=OFF "-DBRIX_ROOT_PREFIX=$root" >/dev/null
-cmake --build "$build" --target brix-opener brix-services -j 2 | tail -1 | indent
+cmake --build "$build" --target brix-opener brix-services brix-codesign -j 2 | tail -1 | indent
+# The build generated a test signing authority and compiled its root into the opener.
+pki="$build/codesign-pki"
+codesign="$build/apps/codesign/brix-codesign"
 
 daemon_pids() {
   local p
@@ -48,21 +51,45 @@ cleanup() {
 }
 trap cleanup EXIT
 rm -rf "$root"
-mkdir -p "$root/var/run" "$root/var/log" "$(dirname "$daemon")"
+mkdir -p "$root/var/run" "$root/var/log" "$support"
 
-say "Laying out the product bundle and installing the services daemon"
+say "Laying out the product bundle: the opener and the nine signed services files"
 chmod 755 "$tmp"
 bundle="$tmp/Larkview.app"
-services="$bundle/Contents/Library/services"
+lib="$bundle/Contents/Library"
+services="$lib/services"
 opener="$services/Open BRIX Services"
-install -d -m 755 "$services"
+install -d -m 755 "$services" "$lib/kexts/quillmod.kext/Contents/MacOS"
 install -o root -g root -m 4755 "$build/apps/opener/brix-opener" "$opener"
-install -o root -g root -m 755 "$build/apps/services/brix-services" "$daemon"
+install -o root -g root -m 755 "$build/apps/services/brix-services" "$services/BRIX Services"
+for f in tesmar-id tesmar-usbgate productInfo services/services.sh \
+         "services/Open Tesmar USB Gate Service" "services/Tesmar USB Gate Service" \
+         services/usbGateService.sh; do
+  printf '#!/bin/sh\n# %s\n' "$f" >"$lib/$f"
+  chmod 755 "$lib/$f"
+done
+kext="$lib/kexts/quillmod.kext"
+printf '<plist version="1.0"><dict><key>CFBundleIdentifier</key><string>com.tesmar.quillmod</string></dict></plist>\n' \
+  >"$kext/Contents/Info.plist"
+printf '#!/bin/sh\n' >"$kext/Contents/MacOS/quillmod"
+chmod 755 "$kext/Contents/MacOS/quillmod"
+sign() { "$codesign" sign --identifier "$1" --cert "$pki/leaf.pem" --key "$pki/leaf.key" "$2" 2>&1 | indent; }
+sign tesmar-id "$lib/tesmar-id"
+sign tesmar-usbgate "$lib/tesmar-usbgate"
+sign productInfo "$lib/productInfo"
+sign com.tesmar.quillmod "$kext"
+sign "BRIX Services" "$services/BRIX Services"
+sign services "$services/services.sh"
+sign "Open Tesmar USB Gate Service" "$services/Open Tesmar USB Gate Service"
+sign "Tesmar USB Gate Service" "$services/Tesmar USB Gate Service"
+sign usbGateService "$services/usbGateService.sh"
+echo "   The daemon's signature:"
+"$codesign" display "$services/BRIX Services" | indent
 echo "   The opener, set-user-ID root, four levels below the bundle root:"
 ls -l "$opener" | indent
-echo "   The daemon, where the opener looks for it:"
+echo "   It installs a verified root-owned copy of the services files and starts the daemon from:"
 echo "$daemon" | sed "s|$top/||" | indent
-echo "   The opener links nothing at run time:"
+echo "   The opener links only libc and libplist at run time (and ignores LD_* as set-user-ID):"
 (ldd "$opener" 2>&1 || true) | indent
 
 work="$tmp/work"
@@ -111,6 +138,18 @@ say "4. Stopping the daemon (SIGTERM)"
 for pid in $(daemon_pids); do kill -TERM "$pid"; done
 for _ in $(seq 50); do [ -z "$(daemon_pids)" ] && break; sleep 0.1; done
 echo "   daemons running: $(daemon_pids | wc -l)"
+
+say "5. A tampered daemon in the bundle is refused"
+printf 'x' | dd of="$services/BRIX Services" bs=1 seek=4096 conv=notrunc status=none
+"$codesign" verify --requirement 'identifier "BRIX Services" and anchor trusted' \
+  "$services/BRIX Services" 2>&1 | indent || true
+set +e
+as_nobody sh -c '"$0" 3 3>>"$1"; s=$?; echo; exit $s' "$opener" "$out" 2>&1 | indent
+status=${PIPESTATUS[0]}
+set -e
+echo "   exit status: $status; daemons running: $(daemon_pids | wc -l)"
+echo "   processes running the bundle's daemon: $(for p in /proc/[0-9]*; do
+  [ "$(readlink "$p/exe" 2>/dev/null)" = "$services/BRIX Services" ] && echo "$p"; done | wc -l)"
 
 say "The daemon's log (build-demo/root/var/log/BRIX Services.log)"
 indent <"$log"

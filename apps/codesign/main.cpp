@@ -63,11 +63,13 @@ int Check(const Options &opt, bool show)
       fprintf(stderr, "brix-codesign: %s: %s\n", opt.anchors, strerror(errno));
       return 1;
    }
+   // Without a requirement of its own a signature must at least reach a trusted anchor.
+   const char *text = opt.requirement != nullptr ? opt.requirement : "anchor trusted";
    CodeSignRequirement *req = nullptr;
-   if (opt.requirement != nullptr) {
-      req = CodeSign_ParseRequirement(opt.requirement);
+   if (!show) {
+      req = CodeSign_ParseRequirement(text);
       if (req == nullptr) {
-         fprintf(stderr, "brix-codesign: invalid requirement: %s\n", opt.requirement);
+         fprintf(stderr, "brix-codesign: invalid requirement: %s\n", text);
          return 1;
       }
    }
@@ -79,8 +81,8 @@ int Check(const Options &opt, bool show)
       return 1;
    }
    CodeSignInfo info;
-   CodeSignStatus status = CodeSign_CheckValidity(code, req, false,
-                                                  opt.anchors ? anchors.c_str() : nullptr, &info);
+   CodeSignStatus status =
+       CodeSign_CheckValidity(code, req, false, opt.anchors ? anchors.c_str() : nullptr, &info);
    bool bundle = CodeSign_IsBundle(code);
    CodeSign_CloseCode(code);
    CodeSign_FreeRequirement(req);

@@ -27,8 +27,11 @@ bool IsUtf8(const char *text)
    const unsigned char *p = (const unsigned char *)text;
    while (*p != 0) {
       unsigned c = *p;
-      int more = c < 0x80 ? 0 : (c & 0xE0) == 0xC0 ? 1 : (c & 0xF0) == 0xE0 ? 2
-                                : (c & 0xF8) == 0xF0 ? 3 : -1;
+      int more = c < 0x80             ? 0
+                 : (c & 0xE0) == 0xC0 ? 1
+                 : (c & 0xF0) == 0xE0 ? 2
+                 : (c & 0xF8) == 0xF0 ? 3
+                                      : -1;
       if (more < 0 || (more == 1 && c < 0xC2) || (more == 3 && c > 0xF4)) {
          return false;
       }

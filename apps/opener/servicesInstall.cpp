@@ -55,7 +55,7 @@ const char *const kSubdirs[] = {"", "/Contents", "/Contents/Library", "/Contents
  * kept as the saved uid, as the opener holds them between its privileged steps.
  */
 class RootIdentity {
-public:
+  public:
    RootIdentity()
    {
       getresuid(&ruid_, &euid_, &suid_);
@@ -73,7 +73,7 @@ public:
    }
    bool ok() const { return ok_; }
 
-private:
+  private:
    uid_t ruid_, euid_, suid_;
    gid_t rgid_, egid_, sgid_;
    bool ok_;
@@ -124,7 +124,7 @@ bool InstallRowRun(const InstallRow &row, const char *servicesDir)
    UniqueFd dstFd;
    if (S_ISDIR(st.st_mode)) {
       if (!File_CreateDirectoryEx(dst.get(), 0755) ||
-          !File_CopyTree(src.get(), dst.get(), true, false)) {
+          !File_CopyTreeAll(src.get(), dst.get(), true)) {
          return false;
       }
       dstFd.reset(open(dst.get(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

@@ -165,7 +165,7 @@ void AppendCopyFailure(const std::string &src, const std::string &dst, int err)
  * the destination created beside its parent descriptor, never through a link.
  */
 bool CopyEntry(int srcDir, int dstDir, const char *name, const std::string &srcPath,
-               const std::string &dstPath, bool overwrite, bool follow)
+               const std::string &dstPath, bool overwrite, bool follow, bool all)
 {
    int srcFlags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | (follow ? 0 : O_NOFOLLOW);
    FileIODescriptor src;
@@ -199,7 +199,7 @@ bool CopyEntry(int srcDir, int dstDir, const char *name, const std::string &srcP
                  dstPath.c_str(), FileIO_MsgError(FileIO_ErrnoToResult(err)));
       ok = false;
    } else {
-      ok = File_CopyFromFdToFd(src, dst);
+      ok = all ? File_CopyFdAll(src.posix, dst.posix) : File_CopyFromFdToFd(src, dst);
       err = errno;
       if (close(dst.posix) == -1) {
          int closeErr = errno;
@@ -224,8 +224,9 @@ bool CopyEntry(int srcDir, int dstDir, const char *name, const std::string &srcP
    return ok;
 }
 
+/* With all, every file and directory also gets its source's metadata (File_CopyFdAll). */
 bool CopyTreeInner(int srcFd, int dstParent, const char *dstName, const std::string &srcPath,
-                   const std::string &dstPath, bool overwrite, bool follow, bool top = false)
+                   const std::string &dstPath, bool overwrite, bool follow, bool top, bool all)
 {
    std::vector<std::string> names;
    if (!ReadNames(srcFd, names)) {
@@ -243,7 +244,7 @@ bool CopyTreeInner(int srcFd, int dstParent, const char *dstName, const std::str
          errno = ENOTDIR;  // the entries below then fail to copy
       }
    }
-   if (names.empty()) {
+   if (names.empty() && !all) {
       return true;
    }
    // Below the caller's own destination a link in a directory's place is never entered.
@@ -298,14 +299,21 @@ bool CopyTreeInner(int srcFd, int dstParent, const char *dstName, const std::str
             errno = err;
             return false;
          }
-         if (!CopyTreeInner(child.get(), dstFd.get(), n, srcEntry, dstEntry, overwrite, follow)) {
+         if (!CopyTreeInner(child.get(), dstFd.get(), n, srcEntry, dstEntry, overwrite, follow,
+                            false, all)) {
             return false;
          }
          continue;
       }
-      if (!CopyEntry(srcFd, dstFd.get(), n, srcEntry, dstEntry, overwrite, follow)) {
+      if (!CopyEntry(srcFd, dstFd.get(), n, srcEntry, dstEntry, overwrite, follow, all)) {
          return false;
       }
+   }
+   if (all && !File_CopyFdAll(srcFd, dstFd.get())) {
+      int err = errno;
+      AppendCopyFailure(srcPath, dstPath, err);
+      errno = err;
+      return false;
    }
    return true;
 }
@@ -442,8 +450,10 @@ bool FileDeleteDirectoryTree(const char *path, bool contentOnly)
    return err == 0;
 }
 
-bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExisting,
-                   bool followSymlinks)
+namespace {
+
+bool CopyTreeTop(const char *srcName, const char *dstName, bool overwriteExisting,
+                 bool followSymlinks, bool all)
 {
    if (!File_IsDirectory(srcName)) {
       int err = errno;
@@ -474,7 +484,20 @@ bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExist
       return false;
    }
    return CopyTreeInner(srcFd.get(), AT_FDCWD, dstName, srcName, dstName, overwriteExisting,
-                        followSymlinks, true);
+                        followSymlinks, true, all);
+}
+
+}  // namespace
+
+bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExisting,
+                   bool followSymlinks)
+{
+   return CopyTreeTop(srcName, dstName, overwriteExisting, followSymlinks, false);
+}
+
+bool File_CopyTreeAll(const char *srcName, const char *dstName, bool overwriteExisting)
+{
+   return CopyTreeTop(srcName, dstName, overwriteExisting, false, true);
 }
 
 bool File_CopyFdAll(int src, int dst)

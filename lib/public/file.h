@@ -107,6 +107,11 @@ bool File_Copy(const char *srcName, const char *dstName, bool overwriteExisting)
 bool File_CopyTree(const char *srcName, const char *dstName, bool overwriteExisting,
                    bool followSymlinks);
 /*
+ * File_CopyTree without following links, every file and directory given its source's
+ * metadata as File_CopyFdAll does (the top directory included).
+ */
+bool File_CopyTreeAll(const char *srcName, const char *dstName, bool overwriteExisting);
+/*
  * Copies the data and every piece of metadata of one open file onto another: the bytes (holes
  * kept), every extended attribute (access-control lists included), owner, group, mode and the
  * access and modification times. Only the two descriptors are used, so no link is followed.

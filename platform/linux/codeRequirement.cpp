@@ -23,7 +23,7 @@ struct Token {
 };
 
 class Parser {
-public:
+  public:
    explicit Parser(const char *text) : p_(text) {}
 
    std::unique_ptr<Node> Parse()
@@ -35,7 +35,7 @@ public:
       return node && tok_.kind == Tok::kEnd ? std::move(node) : nullptr;
    }
 
-private:
+  private:
    bool Next()
    {
       while (*p_ == ' ' || *p_ == '\t' || *p_ == '\n' || *p_ == '\r') {
@@ -48,8 +48,8 @@ private:
          return true;
       }
       static const char kPunct[] = "()[]!=*";
-      static const Tok kPunctTok[] = {Tok::kLParen,   Tok::kRParen, Tok::kLBracket, Tok::kRBracket,
-                                      Tok::kNot,      Tok::kEq,     Tok::kStar};
+      static const Tok kPunctTok[] = {Tok::kLParen, Tok::kRParen, Tok::kLBracket, Tok::kRBracket,
+                                      Tok::kNot,    Tok::kEq,     Tok::kStar};
       if (const char *at = strchr(kPunct, c)) {
          tok_.kind = kPunctTok[at - kPunct];
          p_++;
@@ -120,7 +120,10 @@ private:
    }
 
    std::unique_ptr<Node> ParseOr() { return ParseList(NodeKind::kOr, "or", &Parser::ParseAnd); }
-   std::unique_ptr<Node> ParseAnd() { return ParseList(NodeKind::kAnd, "and", &Parser::ParseUnary); }
+   std::unique_ptr<Node> ParseAnd()
+   {
+      return ParseList(NodeKind::kAnd, "and", &Parser::ParseUnary);
+   }
 
    std::unique_ptr<Node> ParseUnary()
    {
@@ -214,39 +217,39 @@ void Print(std::string &out, const Node &node, int parentPrecedence)
       out += '(';
    }
    switch (node.kind) {
-   case NodeKind::kOr:
-   case NodeKind::kAnd:
-      for (size_t i = 0; i < node.children.size(); i++) {
-         if (i > 0) {
-            out += node.kind == NodeKind::kOr ? " or " : " and ";
+      case NodeKind::kOr:
+      case NodeKind::kAnd:
+         for (size_t i = 0; i < node.children.size(); i++) {
+            if (i > 0) {
+               out += node.kind == NodeKind::kOr ? " or " : " and ";
+            }
+            Print(out, *node.children[i], Precedence(node.kind));
          }
-         Print(out, *node.children[i], Precedence(node.kind));
-      }
-      break;
-   case NodeKind::kNot:
-      out += '!';
-      Print(out, *node.children[0], 3);
-      break;
-   case NodeKind::kIdentifier:
-      out += "identifier ";
-      Quote(out, node.text);
-      break;
-   case NodeKind::kAnchorGeneric:
-      out += "anchor apple generic";
-      break;
-   case NodeKind::kAnchorTrusted:
-      out += "anchor trusted";
-      break;
-   case NodeKind::kLeafName:
-      out += "cert leaf[subject.CN] = ";
-      if (node.match == Match::kContains || node.match == Match::kSuffix) {
-         out += '*';
-      }
-      Quote(out, node.text);
-      if (node.match == Match::kContains || node.match == Match::kPrefix) {
-         out += '*';
-      }
-      break;
+         break;
+      case NodeKind::kNot:
+         out += '!';
+         Print(out, *node.children[0], 3);
+         break;
+      case NodeKind::kIdentifier:
+         out += "identifier ";
+         Quote(out, node.text);
+         break;
+      case NodeKind::kAnchorGeneric:
+         out += "anchor apple generic";
+         break;
+      case NodeKind::kAnchorTrusted:
+         out += "anchor trusted";
+         break;
+      case NodeKind::kLeafName:
+         out += "cert leaf[subject.CN] = ";
+         if (node.match == Match::kContains || node.match == Match::kSuffix) {
+            out += '*';
+         }
+         Quote(out, node.text);
+         if (node.match == Match::kContains || node.match == Match::kPrefix) {
+            out += '*';
+         }
+         break;
    }
    if (parens) {
       out += ')';
@@ -257,15 +260,15 @@ bool NameMatches(const Node &node, const std::string &name)
 {
    const std::string &want = node.text;
    switch (node.match) {
-   case Match::kExact:
-      return name == want;
-   case Match::kContains:
-      return name.find(want) != std::string::npos;
-   case Match::kPrefix:
-      return name.compare(0, want.size(), want) == 0;
-   case Match::kSuffix:
-      return name.size() >= want.size() &&
-             name.compare(name.size() - want.size(), want.size(), want) == 0;
+      case Match::kExact:
+         return name == want;
+      case Match::kContains:
+         return name.find(want) != std::string::npos;
+      case Match::kPrefix:
+         return name.compare(0, want.size(), want) == 0;
+      case Match::kSuffix:
+         return name.size() >= want.size() &&
+                name.compare(name.size() - want.size(), want.size(), want) == 0;
    }
    return false;
 }
@@ -275,32 +278,32 @@ bool NameMatches(const Node &node, const std::string &name)
 CodeSignStatus Evaluate(const Node &node, const Facts &facts)
 {
    switch (node.kind) {
-   case NodeKind::kAnd:
-      for (const auto &child : node.children) {
-         CodeSignStatus status = Evaluate(*child, facts);
-         if (status != CODESIGN_OK) {
-            return status;
+      case NodeKind::kAnd:
+         for (const auto &child : node.children) {
+            CodeSignStatus status = Evaluate(*child, facts);
+            if (status != CODESIGN_OK) {
+               return status;
+            }
          }
-      }
-      return CODESIGN_OK;
-   case NodeKind::kOr:
-      for (const auto &child : node.children) {
-         if (Evaluate(*child, facts) == CODESIGN_OK) {
-            return CODESIGN_OK;
+         return CODESIGN_OK;
+      case NodeKind::kOr:
+         for (const auto &child : node.children) {
+            if (Evaluate(*child, facts) == CODESIGN_OK) {
+               return CODESIGN_OK;
+            }
          }
-      }
-      return node.children.size() == 1 ? Evaluate(*node.children[0], facts)
-                                        : CODESIGN_REQUIREMENT;
-   case NodeKind::kNot:
-      return Evaluate(*node.children[0], facts) == CODESIGN_OK ? CODESIGN_REQUIREMENT
-                                                               : CODESIGN_OK;
-   case NodeKind::kIdentifier:
-      return facts.identifier == node.text ? CODESIGN_OK : CODESIGN_IDENTIFIER;
-   case NodeKind::kAnchorGeneric:
-   case NodeKind::kAnchorTrusted:
-      return facts.trusted ? CODESIGN_OK : CODESIGN_UNTRUSTED;
-   case NodeKind::kLeafName:
-      return NameMatches(node, facts.leafName) ? CODESIGN_OK : CODESIGN_LEAF_NAME;
+         return node.children.size() == 1 ? Evaluate(*node.children[0], facts)
+                                          : CODESIGN_REQUIREMENT;
+      case NodeKind::kNot:
+         return Evaluate(*node.children[0], facts) == CODESIGN_OK ? CODESIGN_REQUIREMENT
+                                                                  : CODESIGN_OK;
+      case NodeKind::kIdentifier:
+         return facts.identifier == node.text ? CODESIGN_OK : CODESIGN_IDENTIFIER;
+      case NodeKind::kAnchorGeneric:
+      case NodeKind::kAnchorTrusted:
+         return facts.trusted ? CODESIGN_OK : CODESIGN_UNTRUSTED;
+      case NodeKind::kLeafName:
+         return NameMatches(node, facts.leafName) ? CODESIGN_OK : CODESIGN_LEAF_NAME;
    }
    return CODESIGN_REQUIREMENT;
 }

@@ -430,7 +430,8 @@ void AppendTrailer(std::vector<uint8_t> &file, const std::vector<uint8_t> &blob)
    PutBigEndian32(info, CODESIGN_VERSION);
    PutBigEndian32(info + 4, (uint32_t)blob.size());
    file.insert(file.end(), info, info + sizeof info);
-   file.insert(file.end(), CODESIGN_MARKER, CODESIGN_MARKER + CODESIGN_MARKER_LEN);
+   const char *marker = CODESIGN_MARKER;
+   file.insert(file.end(), marker, marker + CODESIGN_MARKER_LEN);
 }
 
 CodeSignStatus Evaluate(const CodeSignRequirement *requirement, const CodeSignInfo &info)

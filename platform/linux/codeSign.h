@@ -28,16 +28,16 @@ extern "C" {
 
 typedef enum CodeSignStatus {
    CODESIGN_OK = 0,
-   CODESIGN_UNSIGNED,        /* no signature trailer */
-   CODESIGN_MALFORMED,       /* a trailer or CMS blob that does not parse or does not fit */
-   CODESIGN_BAD_SIGNATURE,   /* the CMS signature does not verify */
-   CODESIGN_ALTERED,         /* the contents differ from what was signed */
-   CODESIGN_IDENTIFIER,      /* the signed identifier is not the required one */
-   CODESIGN_UNTRUSTED,       /* the signer's chain does not reach an anchor */
-   CODESIGN_LEAF_NAME,       /* the signer's common name does not match */
-   CODESIGN_REQUIREMENT,     /* another requirement clause failed */
-   CODESIGN_NOT_ROOT,        /* a bundle entry not owned by root (when root is required) */
-   CODESIGN_IO,              /* reading failed; errno tells */
+   CODESIGN_UNSIGNED,      /* no signature trailer */
+   CODESIGN_MALFORMED,     /* a trailer or CMS blob that does not parse or does not fit */
+   CODESIGN_BAD_SIGNATURE, /* the CMS signature does not verify */
+   CODESIGN_ALTERED,       /* the contents differ from what was signed */
+   CODESIGN_IDENTIFIER,    /* the signed identifier is not the required one */
+   CODESIGN_UNTRUSTED,     /* the signer's chain does not reach an anchor */
+   CODESIGN_LEAF_NAME,     /* the signer's common name does not match */
+   CODESIGN_REQUIREMENT,   /* another requirement clause failed */
+   CODESIGN_NOT_ROOT,      /* a bundle entry not owned by root (when root is required) */
+   CODESIGN_IO,            /* reading failed; errno tells */
 } CodeSignStatus;
 
 /* The text for a status, for tools and logs. */
@@ -65,12 +65,12 @@ char *CodeSign_RequirementText(const CodeSignRequirement *requirement);
 /* What a valid signature says about the code. */
 typedef struct CodeSignInfo {
    char identifier[256];
-   uint8_t digest[32];      /* of the file's original bytes, or of a bundle's CodeResources */
-   char leafName[256];      /* the signer's common name */
-   char chain[1024];        /* the signer chain's subjects, one per line, leaf first */
-   bool trusted;            /* the chain verified up to an anchor */
-   time_t signingTime;      /* 0 if the signature carries none */
-   uint64_t payloadSize;    /* bytes covered by the digest */
+   uint8_t digest[32];   /* of the file's original bytes, or of a bundle's CodeResources */
+   char leafName[256];   /* the signer's common name */
+   char chain[1024];     /* the signer chain's subjects, one per line, leaf first */
+   bool trusted;         /* the chain verified up to an anchor */
+   time_t signingTime;   /* 0 if the signature carries none */
+   uint64_t payloadSize; /* bytes covered by the digest */
 } CodeSignInfo;
 
 /*
@@ -80,8 +80,7 @@ typedef struct CodeSignInfo {
  * NULL (tools only). info may be NULL.
  */
 CodeSignStatus CodeSign_CheckValidity(CodeSignCode *code, const CodeSignRequirement *requirement,
-                                      bool requireRoot, const char *anchorsPem,
-                                      CodeSignInfo *info);
+                                      bool requireRoot, const char *anchorsPem, CodeSignInfo *info);
 
 /*
  * Signs path as identifier with the certificate and key (PEM files) and optional extra chain

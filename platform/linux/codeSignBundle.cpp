@@ -122,8 +122,8 @@ CodeSignStatus Walk(int dirFd, const std::string &prefix, int depth, bool requir
          if (!DigestFd(file.get(), (uint64_t)opened.st_size, digest)) {
             return CODESIGN_IO;
          }
-         out.files[rel] = FileEntry{std::string((const char *)digest, 32),
-                                    (uint64_t)(opened.st_mode & 07777)};
+         out.files[rel] =
+             FileEntry{std::string((const char *)digest, 32), (uint64_t)(opened.st_mode & 07777)};
       } else if (S_ISLNK(st.st_mode)) {
          char target[PATH_MAX];
          ssize_t n = readlinkat(dirFd, name.c_str(), target, sizeof target);
@@ -160,21 +160,27 @@ std::string ToXml(const Resources &res)
    plist_to_xml(root.get(), &xml, &len);
    std::string text = xml != nullptr ? std::string(xml, len) : std::string();
    plist_to_xml_free(xml);
+   // The document type line names an outside DTD that nothing reads; leave it out.
+   size_t doctype = text.find("<!DOCTYPE");
+   size_t end = doctype == std::string::npos ? doctype : text.find(">\n", doctype);
+   if (end != std::string::npos) {
+      text.erase(doctype, end + 2 - doctype);
+   }
    return text;
 }
 
+/* A string value without embedded NUL (libplist's copying getter asserts on those). */
 bool StringValue(plist_t node, std::string &out)
 {
    if (node == nullptr || plist_get_node_type(node) != PLIST_STRING) {
       return false;
    }
-   char *value = nullptr;
-   plist_get_string_val(node, &value);
-   if (value == nullptr) {
+   uint64_t length = 0;
+   const char *value = plist_get_string_ptr(node, &length);
+   if (value == nullptr || memchr(value, '\0', (size_t)length) != nullptr) {
       return false;
    }
-   out = value;
-   free(value);
+   out.assign(value, (size_t)length);
    return true;
 }
 
@@ -228,21 +234,18 @@ bool ParseResources(const uint8_t *data, size_t size, Resources &res)
           plist_get_node_type(mode) != PLIST_UINT) {
          return false;
       }
-      char *bytes = nullptr;
       uint64_t len = 0;
       FileEntry entry;
-      plist_get_data_val(hash, &bytes, &len);
+      const char *bytes = plist_get_data_ptr(hash, &len);
       if (bytes != nullptr) {
          entry.hash.assign(bytes, (size_t)len);
       }
-      free(bytes);
       plist_get_uint_val(mode, &entry.mode);
       res.files[key] = entry;
       return entry.hash.size() == 32;
    });
-   each(links, [&](const std::string &key, plist_t value) {
-      return StringValue(value, res.links[key]);
-   });
+   each(links,
+        [&](const std::string &key, plist_t value) { return StringValue(value, res.links[key]); });
    return ok;
 }
 
@@ -270,12 +273,12 @@ UniqueFd OpenResources(int bundleFd, bool create, bool requireRoot, CodeSignStat
 }
 
 /* Writes data to name in dirFd through a temporary file renamed over it. */
-bool WriteAtomic(int dirFd, const std::string &name, const std::vector<uint8_t> &data,
-                 mode_t mode, std::string &error)
+bool WriteAtomic(int dirFd, const std::string &name, const std::vector<uint8_t> &data, mode_t mode,
+                 std::string &error)
 {
    std::string temp = "." + name + ".sign-" + std::to_string(getpid());
-   UniqueFd fd(openat(dirFd, temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                      0600));
+   UniqueFd fd(
+       openat(dirFd, temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
    if (!fd) {
       error = "cannot create " + temp + ": " + strerror(errno);
       return false;
@@ -325,7 +328,9 @@ bool SignFile(const std::string &path, const std::string &identifier, const char
               const char *keyPem, const char *chainPem, std::string &error)
 {
    size_t slash = path.rfind('/');
-   std::string dirName = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+   std::string dirName = slash == std::string::npos ? "."
+                         : slash == 0               ? "/"
+                                                    : path.substr(0, slash);
    std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
    UniqueFd dir(open(dirName.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
    UniqueFd fd = dir ? OpenAt(dir.get(), base.c_str(), 0) : UniqueFd();

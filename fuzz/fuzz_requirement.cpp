@@ -1,0 +1,38 @@
+/*
+ * The requirement language: a text it accepts prints back to a text that parses to the same
+ * tree (the printed form is canonical, so printing twice gives the same text).
+ */
+#include <stddef.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+
+#include "codeSign.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+   std::string text((const char *)data, size);
+   if (text.find('\0') != std::string::npos) {
+      return 0;
+   }
+   CodeSignRequirement *req = CodeSign_ParseRequirement(text.c_str());
+   if (req == nullptr) {
+      return 0;
+   }
+   char *printed = CodeSign_RequirementText(req);
+   CodeSignRequirement *again = CodeSign_ParseRequirement(printed);
+   if (again == nullptr) {
+      abort();
+   }
+   char *reprinted = CodeSign_RequirementText(again);
+   if (strcmp(printed, reprinted) != 0) {
+      abort();
+   }
+   free(reprinted);
+   free(printed);
+   CodeSign_FreeRequirement(again);
+   CodeSign_FreeRequirement(req);
+   return 0;
+}
