@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   clang libclang-rt-14-dev llvm
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  libicu-dev libssl-dev libplist-dev libdbus-1-dev
+  libicu-dev libssl-dev openssl libplist-dev libdbus-1-dev
   dbus python3 python3-dbusmock
   hyperfine lintian groff-base man-db
   libglib2.0-dev libinih-dev gettext liblockfile-dev
