@@ -228,6 +228,38 @@ FileIOResult PositionedLoop(Call call, char *buf, size_t length, uint64_t offset
 
 }  // namespace
 
+namespace {
+
+/*
+ * Repeats a read or write until length bytes moved; a transfer of nothing ends it with
+ * zeroResult (end of file for reads, a full device for writes).
+ */
+template <typename Call>
+FileIOResult SequentialLoop(Call call, size_t length, FileIOResult zeroResult, size_t *actual)
+{
+   VERIFY(length <= kMaxTransfer);
+   size_t done = 0;
+   FileIOResult ret = FILEIO_SUCCESS;
+   while (done < length) {
+      ssize_t n = tesmar::RetryEintr([&] { return call(done); });
+      if (n == -1) {
+         ret = FileIO_ErrnoToResult(errno);
+         break;
+      }
+      if (n == 0) {
+         ret = zeroResult;
+         break;
+      }
+      done += static_cast<size_t>(n);
+   }
+   if (actual != nullptr) {
+      *actual = done;
+   }
+   return ret;
+}
+
+}  // namespace
+
 extern "C" {
 
 void FileIOPosixInit(void)
@@ -395,50 +427,16 @@ FileIOResult FileIO_Access(const char *path, int mode)
 
 FileIOResult FileIO_Read(FileIODescriptor *fd, void *buf, size_t length, size_t *actual)
 {
-   VERIFY(length <= kMaxTransfer);
    char *at = static_cast<char *>(buf);
-   size_t done = 0;
-   FileIOResult ret = FILEIO_SUCCESS;
-   while (done < length) {
-      ssize_t n = tesmar::RetryEintr([&] { return read(fd->posix, at + done, length - done); });
-      if (n == -1) {
-         ret = FileIO_ErrnoToResult(errno);
-         break;
-      }
-      if (n == 0) {
-         ret = FILEIO_READ_ERROR_EOF;
-         break;
-      }
-      done += static_cast<size_t>(n);
-   }
-   if (actual != nullptr) {
-      *actual = done;
-   }
-   return ret;
+   return SequentialLoop([&](size_t done) { return read(fd->posix, at + done, length - done); },
+                         length, FILEIO_READ_ERROR_EOF, actual);
 }
 
 FileIOResult FileIO_Write(FileIODescriptor *fd, const void *buf, size_t length, size_t *actual)
 {
-   VERIFY(length <= kMaxTransfer);
    const char *at = static_cast<const char *>(buf);
-   size_t done = 0;
-   FileIOResult ret = FILEIO_SUCCESS;
-   while (done < length) {
-      ssize_t n = tesmar::RetryEintr([&] { return write(fd->posix, at + done, length - done); });
-      if (n == -1) {
-         ret = FileIO_ErrnoToResult(errno);
-         break;
-      }
-      if (n == 0) {
-         ret = FILEIO_WRITE_ERROR_NOSPC;
-         break;
-      }
-      done += static_cast<size_t>(n);
-   }
-   if (actual != nullptr) {
-      *actual = done;
-   }
-   return ret;
+   return SequentialLoop([&](size_t done) { return write(fd->posix, at + done, length - done); },
+                         length, FILEIO_WRITE_ERROR_NOSPC, actual);
 }
 
 FileIOResult FileIO_Writev(FileIODescriptor *fd, const struct iovec *v, int count, size_t totalSize,

@@ -10,27 +10,7 @@ cleanup() {
    rm -rf "$work"
 }
 trap cleanup EXIT
-failures=0
-
-fail() {
-   echo "FAIL: $*" >&2
-   failures=$((failures + 1))
-}
-
-# expect STATUS EXPECTED-STDOUT ARGS...: runs the tool, compares status and standard output.
-expect() {
-   want_status="$1"
-   want_out="$2"
-   shift 2
-   out=$("$tool" "$@" 2>"$work/err")
-   status=$?
-   [ "$status" -eq "$want_status" ] || fail "$*: status $status, wanted $want_status ($(cat "$work/err"))"
-   [ "$out" = "$want_out" ] || fail "$*: printed '$out', wanted '$want_out'"
-}
-
-expect_err() {
-   grep -Eq "$1" "$work/err" || fail "stderr '$(cat "$work/err")' lacks '$1'"
-}
+. "$(dirname "$0")/../common/cliExpect.sh"
 
 # wait_for FILE: waits (at most 10 s) until FILE exists.
 wait_for() {
