@@ -1,10 +1,10 @@
 /*
  * Signature checks for the files that will run as root.
  *
- * The steps keep their historical codes. On this platform a path is "converted to a string"
- * when it is valid UTF-8 (code 1) and "to a file-system URL" when it fits in PATH_MAX (code 2);
- * the code object (3) is a regular file or a bundle folder opened without following a final
- * link; the requirement is formatted (5) and parsed (6); every failure of validity is 7.
+ * The steps keep their historical codes: the path's conversion to a string (1) and to a
+ * file-system URL (2), as CodeSign_CheckPathForm decides them; the code object (3), a regular
+ * file or a bundle folder opened without following a final link; the requirement formatted
+ * (5) and parsed (6); every failure of validity is 7.
  */
 #include "codeSignature.h"
 
@@ -21,44 +21,6 @@
 #include "uniqueFd.h"
 
 namespace {
-
-bool IsUtf8(const char *text)
-{
-   const unsigned char *p = (const unsigned char *)text;
-   while (*p != 0) {
-      unsigned c = *p;
-      int more = c < 0x80             ? 0
-                 : (c & 0xE0) == 0xC0 ? 1
-                 : (c & 0xF0) == 0xE0 ? 2
-                 : (c & 0xF8) == 0xF0 ? 3
-                                      : -1;
-      if (more < 0 || (more == 1 && c < 0xC2) || (more == 3 && c > 0xF4)) {
-         return false;
-      }
-      uint32_t code = c & (0x3F >> more);
-      for (int i = 1; i <= more; i++) {
-         if ((p[i] & 0xC0) != 0x80) {
-            return false;
-         }
-         code = code << 6 | (p[i] & 0x3F);
-      }
-      if ((more == 2 && (code < 0x800 || (code >= 0xD800 && code <= 0xDFFF))) ||
-          (more == 3 && (code < 0x10000 || code > 0x10FFFF))) {
-         return false;
-      }
-      p += more + 1;
-   }
-   return true;
-}
-
-/* Codes 1 and 2: the path in the platform's path form. */
-int PathStep(const char *path)
-{
-   if (path == nullptr || !IsUtf8(path)) {
-      return 1;
-   }
-   return strlen(path) < PATH_MAX ? 0 : 2;
-}
 
 void LogFailure(const char *path, int code)
 {
@@ -99,7 +61,7 @@ bool PrivilegedHelperCheckFd(int fd, const char *path, const char *identifier, b
 
 bool PrivilegedHelper_CheckCodeSignature(const char *path, const char *identifier)
 {
-   int step = PathStep(path);
+   int step = CodeSign_CheckPathForm(path);
    if (step != 0) {
       LogFailure(path != nullptr ? path : "(null)", step);
       return false;
@@ -114,7 +76,7 @@ bool PrivilegedHelper_CheckCodeSignature(const char *path, const char *identifie
 
 char *CoreFoundationUtils_GetBundleIdentifier(const char *path)
 {
-   int code = PathStep(path);
+   int code = CodeSign_CheckPathForm(path);
    char *identifier = nullptr;
    if (code == 0) {
       tesmar::UniqueFd fd(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

@@ -7,13 +7,6 @@
 
 #include <stdbool.h>
 
-/* The maker's signer: a chain to a trusted anchor and a leaf whose name holds the maker's. */
-#define CODESIGNATURE_REQUIREMENT_FMT                                        \
-   "identifier \"%s\" and anchor apple generic and anchor trusted and cert " \
-   "leaf[subject.CN] = *\"Tesmar, Inc.\"*"
-#define CODESIGNATURE_MAKER_REQUIREMENT \
-   "anchor apple generic and anchor trusted and cert leaf[subject.CN] = *\"Tesmar, Inc.\"*"
-
 /* Whether path carries the maker's signature with identifier; logs the failing step's code. */
 bool PrivilegedHelper_CheckCodeSignature(const char *path, const char *identifier);
 

@@ -1,147 +1,49 @@
 /*
- * CodeSet: conversion between named encodings, through ICU when its data file was found at
- * start-up and through the built-in converters (codesetBuiltin) otherwise.
+ * CodeSet: conversion between named encodings, through ICU once CodeSet_Init found its data
+ * file and through the built-in converters (codesetBuiltin) otherwise.
+ *
+ * Everything that calls ICU lives in codesetIcu.cpp and is reached only through the backend
+ * that CodeSet_Init installs. A program that never initialises the codeset module therefore
+ * links none of ICU: the root programs convert paths with the built-in converters alone and
+ * cannot be made to load an ICU data file.
  */
 #include "codeset.h"
 
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
 
 #include <atomic>
-#include <memory>
-
-#include <unicode/ucnv.h>
-#include <unicode/unorm2.h>
-#include <unicode/ustring.h>
-#include <unicode/utypes.h>
 
 #include "codesetBuiltin.h"
-#include "location.h"
+#include "codesetIcu.h"
 #include "log.h"
-#include "str.h"
 #include "unicodeTypes.h"
-
-/*
- * The product-location module hands out its path lookup through Location_GetResolver. The
- * reference is weak so that programs without that module link without it; they never use ICU.
- */
-#pragma weak Location_GetResolver
 
 namespace {
 
-/* Set by CodeSet_Init, read by every conversion. */
-std::atomic<bool> gUseIcu{false};
+/* Set by CodeSet_Init when ICU is to be used, read by every conversion. */
+std::atomic<const CodeSetIcuBackend *> gIcu{nullptr};
 
-constexpr const char kIcuDataFile[] = U_ICUDATA_NAME ".dat";
-/* Without a product location the directory is one that cannot exist, so ICU stays unused. */
-constexpr const char kUnreachableIcuDir[] =
-    "/dev/null/Non-existing DEFAULT_LIBDIRECTORY"
-    "/icu";
-constexpr size_t kPivotUnits = 1024;
-constexpr size_t kHeapTerminator = 4;
-
-bool UseIcu()
+const CodeSetIcuBackend *Icu()
 {
-   return gUseIcu.load(std::memory_order_relaxed);
+   return gIcu.load(std::memory_order_acquire);
 }
 
-bool IsKnownPolicy(int policy)
+bool IcuConvert(const CodeSetIcuBackend *icu, const char *codeIn, const char *bufIn, size_t sizeIn,
+                const char *codeOut, int policy, DynBuf *db)
 {
-   return policy >= CODESET_POLICY_NORMAL && policy <= CODESET_POLICY_SKIP;
-}
-
-/* Closes an ICU converter when it goes out of scope. */
-struct ConverterCloser {
-   void operator()(UConverter *cv) const { ucnv_close(cv); }
-};
-using Converter = std::unique_ptr<UConverter, ConverterCloser>;
-
-bool InstallCallbacks(UConverter *source, UConverter *target, int policy)
-{
-   UConverterToUCallback toU;
-   UConverterFromUCallback fromU;
-   switch (policy) {
-      case CODESET_POLICY_NORMAL:
-         toU = UCNV_TO_U_CALLBACK_STOP;
-         fromU = UCNV_FROM_U_CALLBACK_STOP;
-         break;
-      case CODESET_POLICY_SUBSTITUTE:
-         toU = UCNV_TO_U_CALLBACK_SUBSTITUTE;
-         fromU = UCNV_FROM_U_CALLBACK_SUBSTITUTE;
-         break;
-      case CODESET_POLICY_SKIP:
-         toU = UCNV_TO_U_CALLBACK_SKIP;
-         fromU = UCNV_FROM_U_CALLBACK_SKIP;
-         break;
-      default:
-         NOT_IMPLEMENTED();
-   }
-   UErrorCode status = U_ZERO_ERROR;
-   ucnv_setToUCallBack(source, toU, nullptr, nullptr, nullptr, &status);
-   if (U_FAILURE(status)) {
-      return false;
-   }
-   ucnv_setFromUCallBack(target, fromU, nullptr, nullptr, nullptr, &status);
-   return U_SUCCESS(status);
-}
-
-bool IcuConvertToDynBuf(const char *codeIn, const char *bufIn, size_t sizeIn, const char *codeOut,
-                        int policy, DynBuf *db)
-{
-   UErrorCode status = U_ZERO_ERROR;
-   Converter source(ucnv_open(codeIn, &status));
-   if (U_FAILURE(status)) {
-      return false;
-   }
-   Converter target(ucnv_open(codeOut, &status));
-   if (U_FAILURE(status)) {
-      return false;
-   }
-   if (!IsKnownPolicy(policy)) {
+   CodeSetIcuResult result = icu->convertToDynBuf(codeIn, bufIn, sizeIn, codeOut, policy, db);
+   if (result == CodeSetIcuResult::kUnusable) {
       NOT_IMPLEMENTED();
    }
-   if (!InstallCallbacks(source.get(), target.get(), policy)) {
-      return false;
-   }
-
-   size_t start = db->size;
-   size_t want = start + sizeIn + kHeapTerminator;
-   if (sizeIn > SIZE_MAX - kHeapTerminator || want < start || !DynBuf_Enlarge(db, want)) {
-      return false;
-   }
-   UChar pivot[kPivotUnits];
-   UChar *pivotSource = pivot;
-   UChar *pivotTarget = pivot;
-   const char *src = bufIn;
-   for (;;) {
-      char *out = db->data + db->size;
-      status = U_ZERO_ERROR;
-      ucnv_convertEx(target.get(), source.get(), &out, db->data + db->allocated, &src,
-                     bufIn + sizeIn, pivot, &pivotSource, &pivotTarget, pivot + kPivotUnits, false,
-                     true, &status);
-      db->size = (size_t)(out - db->data);
-      if (status != U_BUFFER_OVERFLOW_ERROR) {
-         break;
-      }
-      size_t doubled = db->allocated * 2;
-      if (doubled / 2 != db->allocated || !DynBuf_Enlarge(db, doubled)) {
-         db->size = start;
-         return false;
-      }
-   }
-   if (U_FAILURE(status)) {
-      db->size = start;
-      return false;
-   }
-   return true;
+   return result == CodeSetIcuResult::kDone;
 }
 
 bool BuiltinConvertToDynBuf(StringEncoding from, StringEncoding to, const char *bufIn,
                             size_t sizeIn, int policy, DynBuf *db)
 {
-   if (!IsKnownPolicy(policy)) {
+   if (!CodeSetIsKnownPolicy(policy)) {
       NOT_IMPLEMENTED();
    }
    return CodeSetBuiltinConvert(Unicode_ResolveEncoding(from), Unicode_ResolveEncoding(to), bufIn,
@@ -151,13 +53,13 @@ bool BuiltinConvertToDynBuf(StringEncoding from, StringEncoding to, const char *
 /* Ends a conversion result with four zero bytes and hands it over as a heap block. */
 bool DetachHeapResult(bool ok, DynBuf *db, char **bufOut, size_t *sizeOut)
 {
-   static const char zeros[kHeapTerminator] = {0, 0, 0, 0};
+   static const char zeros[kCodeSetTerminator] = {0, 0, 0, 0};
    if (!ok || !DynBuf_Append(db, zeros, sizeof zeros) || !DynBuf_Trim(db)) {
       DynBuf_Destroy(db);
       *bufOut = nullptr;
       return false;
    }
-   size_t size = db->size - kHeapTerminator;
+   size_t size = db->size - kCodeSetTerminator;
    *bufOut = (char *)DynBuf_Detach(db);
    if (sizeOut != nullptr) {
       *sizeOut = size;
@@ -174,8 +76,8 @@ bool ConvertFixed(const char *codeIn, StringEncoding from, const char *bufIn, si
    bool ok;
    if (bufIn == nullptr || sizeIn == 0) {
       ok = true;
-   } else if (UseIcu()) {
-      ok = IcuConvertToDynBuf(codeIn, bufIn, sizeIn, codeOut, CODESET_POLICY_NORMAL, &db);
+   } else if (const CodeSetIcuBackend *icu = Icu()) {
+      ok = IcuConvert(icu, codeIn, bufIn, sizeIn, codeOut, CODESET_POLICY_NORMAL, &db);
    } else {
       ok = BuiltinConvertToDynBuf(from, to, bufIn, sizeIn, CODESET_POLICY_NORMAL, &db);
    }
@@ -203,110 +105,14 @@ bool CopyCurrent(const char *bufIn, size_t sizeIn, char **bufOut, size_t *sizeOu
    return true;
 }
 
-struct FreeDeleter {
-   void operator()(void *p) const { free(p); }
-};
-
-bool Normalize(bool compose, const char *bufIn, size_t sizeIn, char **bufOut, size_t *sizeOut)
-{
-   if (bufIn == nullptr) {
-      return false;
-   }
-   size_t length = strnlen(bufIn, sizeIn);
-   if (length > INT32_MAX / 2) {
-      return false;
-   }
-   UErrorCode status = U_ZERO_ERROR;
-   int32_t units = 0;
-   u_strFromUTF8(nullptr, 0, &units, bufIn, (int32_t)length, &status);
-   if (status != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(status)) {
-      return false;
-   }
-   std::unique_ptr<UChar, FreeDeleter> text((UChar *)malloc(((size_t)units + 1) * sizeof(UChar)));
-   if (!text) {
-      return false;
-   }
-   status = U_ZERO_ERROR;
-   u_strFromUTF8(text.get(), units + 1, nullptr, bufIn, (int32_t)length, &status);
-   if (U_FAILURE(status)) {
-      return false;
-   }
-   const UNormalizer2 *normalizer =
-       compose ? unorm2_getNFCInstance(&status) : unorm2_getNFDInstance(&status);
-   if (U_FAILURE(status)) {
-      return false;
-   }
-   int32_t normUnits = unorm2_normalize(normalizer, text.get(), units, nullptr, 0, &status);
-   if (status != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(status)) {
-      return false;
-   }
-   std::unique_ptr<UChar, FreeDeleter> norm(
-       (UChar *)malloc(((size_t)normUnits + 1) * sizeof(UChar)));
-   if (!norm) {
-      return false;
-   }
-   status = U_ZERO_ERROR;
-   unorm2_normalize(normalizer, text.get(), units, norm.get(), normUnits + 1, &status);
-   if (U_FAILURE(status)) {
-      return false;
-   }
-   int32_t bytes = 0;
-   u_strToUTF8(nullptr, 0, &bytes, norm.get(), normUnits, &status);
-   if (status != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(status)) {
-      return false;
-   }
-   char *out = (char *)malloc((size_t)bytes + 1);
-   if (out == nullptr) {
-      return false;
-   }
-   status = U_ZERO_ERROR;
-   u_strToUTF8(out, bytes + 1, nullptr, norm.get(), normUnits, &status);
-   if (U_FAILURE(status)) {
-      free(out);
-      return false;
-   }
-   out[bytes] = '\0';
-   *bufOut = out;
-   if (sizeOut != nullptr) {
-      *sizeOut = (size_t)bytes;
-   }
-   return true;
-}
-
 }  // namespace
 
-extern "C" {
-
-bool CodeSet_Init(const char *icuDataDir)
+void CodeSetUseIcu(const CodeSetIcuBackend *backend)
 {
-   char *dir = nullptr;
-   if (icuDataDir != nullptr) {
-      dir = strdup(icuDataDir);
-   } else if (Location_GetResolver != nullptr) {
-      LocationResolver lookup = Location_GetResolver();
-      char *found = lookup != nullptr ? lookup("icuDir") : nullptr;
-      if (found == nullptr) {
-         gUseIcu.store(false);
-         return true;
-      }
-      dir = strdup(found);
-      free(found);
-   } else {
-      dir = strdup(kUnreachableIcuDir);
-   }
-   char *path = dir != nullptr ? Str_Asprintf(nullptr, "%s/%s", dir, kIcuDataFile) : nullptr;
-   free(dir);
-
-   bool useIcu = false;
-   struct stat st;
-   if (path != nullptr && stat(path, &st) == 0 && !S_ISDIR(st.st_mode)) {
-      u_setDataDirectory(path);
-      useIcu = true;
-   }
-   free(path);
-   gUseIcu.store(useIcu);
-   return true;
+   gIcu.store(backend, std::memory_order_release);
 }
+
+extern "C" {
 
 const char *CodeSet_GetCurrentCodeSet(void)
 {
@@ -319,8 +125,8 @@ bool CodeSet_ConvertToDynBuf(const char *codeIn, const char *bufIn, size_t sizeI
    if (bufIn == nullptr || sizeIn == 0) {
       return true;
    }
-   if (UseIcu()) {
-      return IcuConvertToDynBuf(codeIn, bufIn, sizeIn, codeOut, policy, db);
+   if (const CodeSetIcuBackend *icu = Icu()) {
+      return IcuConvert(icu, codeIn, bufIn, sizeIn, codeOut, policy, db);
    }
    return BuiltinConvertToDynBuf(UnicodeIANALookup(codeIn), UnicodeIANALookup(codeOut), bufIn,
                                  sizeIn, policy, db);
@@ -337,7 +143,7 @@ bool CodeSet_Convert(const char *codeIn, const char *bufIn, size_t sizeIn, const
 
 bool CodeSet_Utf8ToCurrent(const char *bufIn, size_t sizeIn, char **bufOut, size_t *sizeOut)
 {
-   if (UseIcu()) {
+   if (Icu() != nullptr) {
       return CopyCurrent(bufIn, sizeIn, bufOut, sizeOut);
    }
    return ConvertFixed("UTF-8", STRING_ENCODING_UTF8, bufIn, sizeIn, "UTF-8",
@@ -346,7 +152,7 @@ bool CodeSet_Utf8ToCurrent(const char *bufIn, size_t sizeIn, char **bufOut, size
 
 bool CodeSet_CurrentToUtf8(const char *bufIn, size_t sizeIn, char **bufOut, size_t *sizeOut)
 {
-   if (UseIcu()) {
+   if (Icu() != nullptr) {
       return CopyCurrent(bufIn, sizeIn, bufOut, sizeOut);
    }
    return ConvertFixed("UTF-8", STRING_ENCODING_DEFAULT, bufIn, sizeIn, "UTF-8",
@@ -358,8 +164,8 @@ bool CodeSet_Utf16leToUtf8Db(const char *bufIn, size_t sizeIn, DynBuf *db)
    if (bufIn == nullptr || sizeIn == 0) {
       return true;
    }
-   if (UseIcu()) {
-      return IcuConvertToDynBuf("UTF-16LE", bufIn, sizeIn, "UTF-8", CODESET_POLICY_NORMAL, db);
+   if (const CodeSetIcuBackend *icu = Icu()) {
+      return IcuConvert(icu, "UTF-16LE", bufIn, sizeIn, "UTF-8", CODESET_POLICY_NORMAL, db);
    }
    return BuiltinConvertToDynBuf(STRING_ENCODING_UTF16_LE, STRING_ENCODING_UTF8, bufIn, sizeIn,
                                  CODESET_POLICY_NORMAL, db);
@@ -395,22 +201,10 @@ bool CodeSet_Utf16beToCurrent(const char *bufIn, size_t sizeIn, char **bufOut, s
                           CODESET_POLICY_NORMAL, bufOut, sizeOut);
 }
 
-bool CodeSet_Utf8NormalizeC(const char *bufIn, size_t sizeIn, char **bufOut, size_t *sizeOut)
-{
-   return Normalize(true, bufIn, sizeIn, bufOut, sizeOut);
-}
-
-bool CodeSet_Utf8NormalizeD(const char *bufIn, size_t sizeIn, char **bufOut, size_t *sizeOut)
-{
-   return Normalize(false, bufIn, sizeIn, bufOut, sizeOut);
-}
-
 bool CodeSet_IsEncodingSupported(const char *name)
 {
-   if (UseIcu()) {
-      UErrorCode status = U_ZERO_ERROR;
-      Converter cv(ucnv_open(name, &status));
-      return U_SUCCESS(status);
+   if (const CodeSetIcuBackend *icu = Icu()) {
+      return icu->isSupported(name);
    }
    StringEncoding encoding = UnicodeIANALookup(name);
    return CodeSetBuiltinHandles(encoding, encoding);
@@ -422,15 +216,12 @@ bool CodeSet_Validate(const char *buf, size_t size, const char *code)
    if (size == 0) {
       return true;
    }
-   if (UseIcu()) {
-      UErrorCode status = U_ZERO_ERROR;
-      Converter cv(ucnv_open(code, &status));
-      VERIFY(U_SUCCESS(status));
-      ucnv_setToUCallBack(cv.get(), UCNV_TO_U_CALLBACK_STOP, nullptr, nullptr, nullptr, &status);
-      VERIFY(U_SUCCESS(status));
-      ucnv_toUChars(cv.get(), nullptr, 0, buf, (int32_t)size, &status);
-      return status == U_BUFFER_OVERFLOW_ERROR;
+   if (const CodeSetIcuBackend *icu = Icu()) {
+      CodeSetIcuResult result = icu->validate(buf, size, code);
+      VERIFY(result != CodeSetIcuResult::kUnusable);
+      return result == CodeSetIcuResult::kDone;
    }
+
    DynBuf db;
    DynBuf_Init(&db);
    bool ok = BuiltinConvertToDynBuf(UnicodeIANALookup(code), STRING_ENCODING_UTF8, buf, size,

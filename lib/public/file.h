@@ -146,6 +146,14 @@ int File_MakeTempEx2(const char *dir, bool createTempFile, bool makeSafeDir,
 int File_MakeTempEx(const char *dir, const char *fileName, char **presult);
 int File_MakeTemp(const char *tag, char **presult);
 char *File_MakeSafeTempDir(const char *prefix);
+/*
+ * Copies srcDir/name for each of the count names into a fresh safe directory (returned in
+ * *safeDir, newly allocated) and checks that every copy carries the maker's code signature.
+ * False with *safeDir NULL on the first failure; the directory is then left for the caller's
+ * cleanup rules. Lives in libtesmar_filesign, which needs the code-signature library.
+ */
+bool FileMacOSValidateDesReq(const char *srcDir, const char *const *names, size_t count,
+                             char **safeDir);
 char *File_GetSafeTmpDir(bool useConf);
 char *File_GetSafeRandomTmpDir(bool useConf);
 

@@ -4,7 +4,6 @@
  */
 #include <ctype.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <new>
@@ -24,13 +23,10 @@ constexpr size_t kEncodingRows = sizeof kEncodingTable / sizeof kEncodingTable[0
 static_assert(kEncodingRows == 325, "the encoding table has 325 rows");
 
 constexpr uint32_t kCacheBuckets = 128;
-constexpr useconds_t kInitRetryMicroseconds = 250000;
 
 /* Name -> row, filled by lookups; installed by compare-and-swap on first use. */
 HashTable *gNameCache;
 std::atomic<StringEncoding> gCurrentEncoding{STRING_ENCODING_UNKNOWN};
-std::atomic<int> gInitSpin{0};
-bool gInitialized;
 
 bool IsAlnum(unsigned char c)
 {
@@ -210,23 +206,6 @@ StringEncoding Unicode_GetCurrentEncoding(void)
 bool Unicode_IsEncodingValid(StringEncoding encoding)
 {
    return encoding < STRING_ENCODING_MAX_SPECIFIED;
-}
-
-void Unicode_Init(const char *icuDataDir)
-{
-   int expected = 0;
-   while (!gInitSpin.compare_exchange_strong(expected, 1)) {
-      expected = 0;
-      usleep(kInitRetryMicroseconds);
-   }
-   if (!gInitialized) {
-      if (!CodeSet_Init(icuDataDir)) {
-         gInitSpin.store(0);
-         Panic("Failed to initialize codeset.\n");
-      }
-      gInitialized = true;
-   }
-   gInitSpin.store(0);
 }
 
 void Unicode_Shutdown(void)

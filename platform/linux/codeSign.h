@@ -26,6 +26,12 @@ extern "C" {
 #define CODESIGN_VERSION 1
 #define CODESIGN_RESOURCES "Contents/_CodeSignature/CodeResources"
 
+/* The maker's signer: a chain to a trusted anchor and a leaf whose name holds the maker's. */
+#define CODESIGNATURE_MAKER_REQUIREMENT \
+   "anchor apple generic and anchor trusted and cert leaf[subject.CN] = *\"Tesmar, Inc.\"*"
+/* The same for one file, whose signed identifier must be the "%s". */
+#define CODESIGNATURE_REQUIREMENT_FMT "identifier \"%s\" and " CODESIGNATURE_MAKER_REQUIREMENT
+
 typedef enum CodeSignStatus {
    CODESIGN_OK = 0,
    CODESIGN_UNSIGNED,      /* no signature trailer */
@@ -39,6 +45,12 @@ typedef enum CodeSignStatus {
    CODESIGN_NOT_ROOT,      /* a bundle entry not owned by root (when root is required) */
    CODESIGN_IO,            /* reading failed; errno tells */
 } CodeSignStatus;
+
+/*
+ * Whether path can name code: 0 when it is valid UTF-8 (a string can be made from it) and
+ * shorter than PATH_MAX (a file-system URL can be made from it); 1 or 2 for the step that fails.
+ */
+int CodeSign_CheckPathForm(const char *path);
 
 /* The text for a status, for tools and logs. */
 const char *CodeSign_StatusText(CodeSignStatus status);
