@@ -41,10 +41,10 @@ void CheckIdentifier(const std::string &text)
 void CheckProductState(const std::string &text)
 {
    constexpr uint32_t all = 0x01 | 0x02 | 0x04 | 0x08 | 0x10 | 0x80;
-   ProductStateData first;
+   ProductState first;
    first.Deserialize(text.c_str());
    char *written = first.Serialize(all);
-   ProductStateData second;
+   ProductState second;
    Check(second.Deserialize(written));
    char *rewritten = second.Serialize(all);
    Check(strcmp(written, rewritten) == 0);

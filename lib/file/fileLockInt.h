@@ -49,7 +49,7 @@ struct FileLockActiveLock {
 };
 
 /* The locker's own description while it locks. */
-struct FileLockValues {
+struct LockValues {
    char *machineID;
    char *executionID;
    const char *lockType; /* "X" or "S" */
@@ -101,7 +101,7 @@ int FileLockMemberValuesRead(const char *dirName, const char *fileName,
  * maximum wait (EAGAIN then).
  */
 int FileLockWaitForPossession(const char *lockDir, const char *fileName,
-                              const FileLockMemberValues *member, FileLockValues *my);
+                              const FileLockMemberValues *member, LockValues *my);
 
 /* Unlinks lockDir/fileName without following links; ENOENT counts as success. */
 int FileLockRemoveLockingFile(const char *lockDir, const char *fileName);

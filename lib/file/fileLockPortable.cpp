@@ -39,7 +39,7 @@ constexpr char kSignature[4] = {'F', 'L', 'C', 'K'};
 char kImplicitReadToken[] = "implicitReadToken";
 
 using Visitor = int (*)(const char *lockDir, const char *fileName,
-                        const FileLockMemberValues *member, FileLockValues *my);
+                        const FileLockMemberValues *member, LockValues *my);
 
 uint64_t NowMs(void)
 {
@@ -149,7 +149,7 @@ int FileLockCreateEntryDirectory(const char *lockDir, char **entryDirectory, cha
 }
 
 /* Writes the member text into the entry file and publishes it as the member file. */
-int FileLockCreateMemberFile(FileIODescriptor *desc, const FileLockValues *my,
+int FileLockCreateMemberFile(FileIODescriptor *desc, const LockValues *my,
                              const char *entryFilePath, const char *memberFilePath)
 {
    static const char kFunc[] = "FileLockCreateMemberFile";
@@ -210,7 +210,7 @@ bool ListNames(const char *dir, std::vector<std::string> *names)
    return err == 0;
 }
 
-int FileLockScanDirectory(const char *lockDir, Visitor visitor, FileLockValues *my, bool cleanUp)
+int FileLockScanDirectory(const char *lockDir, Visitor visitor, LockValues *my, bool cleanUp)
 {
    static const char kFunc[] = "FileLockScanDirectory";
    std::vector<std::string> names;
@@ -313,7 +313,7 @@ int FileLockScanDirectory(const char *lockDir, Visitor visitor, FileLockValues *
 }
 
 /* Scans until a pass finds nobody choosing; entry directories left for ~8 s are removed. */
-int FileLockScanner(const char *lockDir, Visitor visitor, FileLockValues *my, bool cleanUp)
+int FileLockScanner(const char *lockDir, Visitor visitor, LockValues *my, bool cleanUp)
 {
    while (true) {
       int err = FileLockScanDirectory(lockDir, visitor, my, cleanUp);
@@ -361,7 +361,7 @@ int FileLockScanner(const char *lockDir, Visitor visitor, FileLockValues *my, bo
 }
 
 int FileLockNumberScan(const char *, const char *, const FileLockMemberValues *member,
-                       FileLockValues *my)
+                       LockValues *my)
 {
    if (member->lamportNumber > my->lamportNumber) {
       my->lamportNumber = member->lamportNumber;
@@ -372,7 +372,7 @@ int FileLockNumberScan(const char *, const char *, const FileLockMemberValues *m
 }  // namespace
 
 int FileLockWaitForPossession(const char *lockDir, const char *fileName,
-                              const FileLockMemberValues *member, FileLockValues *my)
+                              const FileLockMemberValues *member, LockValues *my)
 {
    static const char kFunc[] = "FileLockWaitForPossession";
    bool before = member->lamportNumber < my->lamportNumber ||
@@ -437,7 +437,7 @@ FileLockToken *MakeToken(const char *pathName, char *lockFilePath)
 }
 
 FileLockToken *FileLockIntrinsicPortable(const char *pathName, const char *lockDir,
-                                         FileLockValues *my, int *err)
+                                         LockValues *my, int *err)
 {
    char *entryDir = nullptr;
    char *entryFile = nullptr;
@@ -559,7 +559,7 @@ FileLockToken *FileLock_Lock(const char *path, bool readOnly, uint32_t maxWaitMs
       res = EINVAL;
    } else {
       char *lockDir = Str_SafeAsprintf(nullptr, "%s%s", normalized, FILELOCK_SUFFIX);
-      FileLockValues my{};
+      LockValues my{};
       my.machineID = Util_SafeStrdup(FileLockGetMachineID());
       my.executionID = FileLockGetExecutionID();
       my.lockType = readOnly ? "S" : "X";

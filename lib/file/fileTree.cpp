@@ -225,7 +225,7 @@ bool CopyEntry(int srcDir, int dstDir, const char *name, const std::string &srcP
 }
 
 /* With all, every file and directory also gets its source's metadata (File_CopyFdAll). */
-bool CopyTreeInner(int srcFd, int dstParent, const char *dstName, const std::string &srcPath,
+bool FileCopyTreeInner(int srcFd, int dstParent, const char *dstName, const std::string &srcPath,
                    const std::string &dstPath, bool overwrite, bool follow, bool top, bool all)
 {
    std::vector<std::string> names;
@@ -299,7 +299,7 @@ bool CopyTreeInner(int srcFd, int dstParent, const char *dstName, const std::str
             errno = err;
             return false;
          }
-         if (!CopyTreeInner(child.get(), dstFd.get(), n, srcEntry, dstEntry, overwrite, follow,
+         if (!FileCopyTreeInner(child.get(), dstFd.get(), n, srcEntry, dstEntry, overwrite, follow,
                             false, all)) {
             return false;
          }
@@ -483,7 +483,7 @@ bool CopyTreeTop(const char *srcName, const char *dstName, bool overwriteExistin
       errno = err;
       return false;
    }
-   return CopyTreeInner(srcFd.get(), AT_FDCWD, dstName, srcName, dstName, overwriteExisting,
+   return FileCopyTreeInner(srcFd.get(), AT_FDCWD, dstName, srcName, dstName, overwriteExisting,
                         followSymlinks, true, all);
 }
 

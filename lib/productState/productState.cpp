@@ -110,7 +110,7 @@ bool ParseUnsigned(std::string_view text, uint64_t max, uint64_t *out)
 
 }  // namespace
 
-ProductStateData::~ProductStateData()
+ProductState::~ProductState()
 {
    free(name_.load());
    free(version_.load());
@@ -121,7 +121,7 @@ ProductStateData::~ProductStateData()
    free(registryPath_.load());
 }
 
-bool ProductStateData::SetString(std::atomic<char *> &slot, const char *value)
+bool ProductState::SetString(std::atomic<char *> &slot, const char *value)
 {
    if (value == nullptr) {
       return false;
@@ -130,30 +130,30 @@ bool ProductStateData::SetString(std::atomic<char *> &slot, const char *value)
    return tesmar::PublishOnce(slot, copy, Util_ZeroFreeString) == copy;
 }
 
-const char *ProductStateData::Publish(std::atomic<char *> &slot, char *fresh)
+const char *ProductState::Publish(std::atomic<char *> &slot, char *fresh)
 {
    return tesmar::PublishOnce(slot, fresh, [](char *loser) { free(loser); });
 }
 
-const char *ProductStateData::Name() const
+const char *ProductState::Name() const
 {
    const char *name = name_.load(std::memory_order_acquire);
    return name != nullptr ? name : kDefaultName;
 }
 
-const char *ProductStateData::Version() const
+const char *ProductState::Version() const
 {
    const char *version = version_.load(std::memory_order_acquire);
    return version != nullptr ? version : kProductStateBuiltInVersion;
 }
 
-const char *ProductStateData::BundleIdentifier() const
+const char *ProductState::BundleIdentifier() const
 {
    const char *id = bundleIdentifier_.load(std::memory_order_acquire);
    return id != nullptr ? id : "";
 }
 
-const char *ProductStateData::BuildNumberString()
+const char *ProductState::BuildNumberString()
 {
    const char *existing = buildString_.load(std::memory_order_acquire);
    if (existing != nullptr) {
@@ -169,7 +169,7 @@ const char *ProductStateData::BuildNumberString()
    return Publish(buildString_, Util_SafeStrdup(buf));
 }
 
-const char *ProductStateData::FullVersion()
+const char *ProductState::FullVersion()
 {
    const char *existing = fullVersion_.load(std::memory_order_acquire);
    if (existing != nullptr) {
@@ -178,7 +178,7 @@ const char *ProductStateData::FullVersion()
    return Publish(fullVersion_, Str_SafeAsprintf(nullptr, "%s %s", Version(), BuildNumberString()));
 }
 
-ProductVersionNumber ProductStateData::VersionNumber()
+ProductVersionNumber ProductState::VersionNumber()
 {
    auto parse = [this] {
       auto *fresh =
@@ -195,7 +195,7 @@ ProductVersionNumber ProductStateData::VersionNumber()
                                 [](ProductVersionNumber *loser) { free(loser); });
 }
 
-const char *ProductStateData::RegistryPath()
+const char *ProductState::RegistryPath()
 {
    const char *existing = registryPath_.load(std::memory_order_acquire);
    if (existing != nullptr) {
@@ -204,7 +204,7 @@ const char *ProductStateData::RegistryPath()
    return Publish(registryPath_, Str_SafeAsprintf(nullptr, "SOFTWARE\\Tesmar, Inc.\\%s", Name()));
 }
 
-char *ProductStateData::Serialize(uint32_t mask) const
+char *ProductState::Serialize(uint32_t mask) const
 {
    std::string text;
    auto appendNumber = [&](const char *key, unsigned long long value) {
@@ -243,7 +243,7 @@ char *ProductStateData::Serialize(uint32_t mask) const
    return result;
 }
 
-bool ProductStateData::ApplyPiece(const char *key, size_t keyLength, const char *value,
+bool ProductState::ApplyPiece(const char *key, size_t keyLength, const char *value,
                                   size_t valueLength)
 {
    std::string_view k(key, keyLength);
@@ -258,13 +258,13 @@ bool ProductStateData::ApplyPiece(const char *key, size_t keyLength, const char 
    if (k == kKeyCapabilities) {
       return ParseUnsigned(v, UINT64_MAX, &number) && SetCapabilities(number);
    }
-   bool (ProductStateData::*setter)(const char *) = nullptr;
+   bool (ProductState::*setter)(const char *) = nullptr;
    if (k == kKeyName) {
-      setter = &ProductStateData::SetName;
+      setter = &ProductState::SetName;
    } else if (k == kKeyVersion) {
-      setter = &ProductStateData::SetVersion;
+      setter = &ProductState::SetVersion;
    } else if (k == kKeyBundleIdentifier) {
-      setter = &ProductStateData::SetBundleIdentifier;
+      setter = &ProductState::SetBundleIdentifier;
    } else {
       return true; /* unknown keys belong to someone else */
    }
@@ -277,7 +277,7 @@ bool ProductStateData::ApplyPiece(const char *key, size_t keyLength, const char 
    return applied;
 }
 
-bool ProductStateData::Deserialize(const char *text)
+bool ProductState::Deserialize(const char *text)
 {
    if (text == nullptr) {
       return false;
@@ -300,9 +300,9 @@ bool ProductStateData::Deserialize(const char *text)
 
 namespace {
 
-ProductStateData &State()
+ProductState &State()
 {
-   static ProductStateData *state = new ProductStateData; /* lives for the process */
+   static ProductState *state = new ProductState; /* lives for the process */
    return *state;
 }
 

@@ -38,12 +38,12 @@ struct ProductVersionNumber {
    unsigned int patch;
 };
 
-class ProductStateData {
+class ProductState {
   public:
-   ProductStateData() = default;
-   ~ProductStateData();
-   ProductStateData(const ProductStateData &) = delete;
-   ProductStateData &operator=(const ProductStateData &) = delete;
+   ProductState() = default;
+   ~ProductState();
+   ProductState(const ProductState &) = delete;
+   ProductState &operator=(const ProductState &) = delete;
 
    uint32_t Product() const { return product_.Get(1); }
    const char *Name() const;

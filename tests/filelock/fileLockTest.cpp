@@ -231,7 +231,7 @@ TEST(FileLock, OrderByNumberThenName)
       member.lockType = c.theirType;
       member.memberName = c.theirName;
       member.lamportNumber = c.theirNumber;
-      FileLockValues my{};
+      LockValues my{};
       my.machineID = const_cast<char *>(FileLockGetMachineID());
       my.lockType = c.myType;
       my.memberName = myName;

@@ -23,19 +23,19 @@ constexpr uint32_t ALL = 0x01 | 0x02 | 0x04 | 0x08 | 0x10 | 0x80;
 
 TEST(ProductState, DefaultsOverridesOnceAndDerivedValues)
 {
-   ProductStateData defaults;
+   ProductState defaults;
    EXPECT_STREQ(defaults.Name(), "Larkview");
    EXPECT_STREQ(defaults.FullVersion(),
                 (std::string(kProductStateBuiltInVersion) + " build-00000").c_str());
    EXPECT_STREQ(defaults.RegistryPath(), "SOFTWARE\\Tesmar, Inc.\\Larkview");
    EXPECT_EQ(Take(defaults.Serialize(0x01)), "product=1;");
    /* An experimental version reads as the built-in numbers. */
-   ProductStateData experimental;
+   ProductState experimental;
    experimental.SetVersion("e.x.p");
    EXPECT_EQ(Dotted(defaults.VersionNumber()), kProductStateBuiltInVersion);
    EXPECT_EQ(Dotted(experimental.VersionNumber()), kProductStateBuiltInVersion);
 
-   ProductStateData state;
+   ProductState state;
    EXPECT_TRUE(state.SetBuildNumber(1234));
    EXPECT_FALSE(state.SetBuildNumber(99));
    EXPECT_TRUE(state.SetVersion("2.5.17"));
@@ -55,7 +55,7 @@ TEST(ProductState, DefaultsOverridesOnceAndDerivedValues)
 
 TEST(ProductState, SerialisationEscapesAndRoundTrips)
 {
-   ProductStateData state;
+   ProductState state;
    state.SetProduct(7);
    state.SetName("A;B#C");
    state.SetVersion("1.2.3");
@@ -70,7 +70,7 @@ TEST(ProductState, SerialisationEscapesAndRoundTrips)
              "name=A#3BB#23C;capabilities=18446744073709551615;");
    EXPECT_EQ(Take(state.Serialize(0x20 | 0x40)), "");
 
-   ProductStateData copy;
+   ProductState copy;
    EXPECT_TRUE(copy.Deserialize(text.c_str()));
    EXPECT_EQ(Take(copy.Serialize(ALL)), text);
    EXPECT_STREQ(copy.Name(), "A;B#C");
@@ -78,7 +78,7 @@ TEST(ProductState, SerialisationEscapesAndRoundTrips)
 
 TEST(ProductState, ReaderIsOrderIndependentSkipsUnknownKeysAndRefusesMalformedPieces)
 {
-   ProductStateData state;
+   ProductState state;
    EXPECT_TRUE(
        state.Deserialize("future=x;bundleidentifier=id;buildnumber=5;=;name=N#3b;product=3;"));
    EXPECT_EQ(state.Product(), 3u);
@@ -88,7 +88,7 @@ TEST(ProductState, ReaderIsOrderIndependentSkipsUnknownKeysAndRefusesMalformedPi
    EXPECT_TRUE(state.Deserialize(""));
 
    /* Each bad piece is refused; the good ones still apply. */
-   ProductStateData bad;
+   ProductState bad;
    EXPECT_FALSE(
        bad.Deserialize("product=12x;buildnumber=-1;capabilities=18446744073709551616;"
                        "nameonly;name=Good;version=bad#4;bundleidentifier=nul#00x;"
@@ -101,10 +101,10 @@ TEST(ProductState, ReaderIsOrderIndependentSkipsUnknownKeysAndRefusesMalformedPi
    EXPECT_STREQ(bad.BundleIdentifier(), "");
 
    /* A repeated key is a second override, refused; an unterminated tail is refused. */
-   ProductStateData again;
+   ProductState again;
    EXPECT_FALSE(again.Deserialize("buildnumber=1;buildnumber=2;"));
    EXPECT_EQ(again.BuildNumber(), 1u);
-   ProductStateData tail;
+   ProductState tail;
    EXPECT_FALSE(tail.Deserialize("capabilities=8;name=cut"));
    EXPECT_EQ(tail.Capabilities(), 8u);
    EXPECT_STREQ(tail.Name(), "Larkview");
@@ -113,7 +113,7 @@ TEST(ProductState, ReaderIsOrderIndependentSkipsUnknownKeysAndRefusesMalformedPi
 
 TEST(ProductState, ConcurrentFirstUseAgreesOnOneValue)
 {
-   ProductStateData state;
+   ProductState state;
    state.SetBuildNumber(77);
    const char *seen[6];
    testsupport::RunThreads(6, [&](int i) { seen[i] = state.FullVersion(); });
