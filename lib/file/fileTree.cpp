@@ -507,7 +507,11 @@ bool File_CopyFdAll(int src, int dst)
       return false;
    }
    if (S_ISREG(st.st_mode)) {
-      if (ftruncate(dst, 0) == -1 || !CopyData(src, dst, st.st_size)) {
+      // An empty destination is not truncated: truncating to zero makes some file systems
+      // (ext4) start writing the file out when it is closed, which costs the copy its speed.
+      struct stat dstSt;
+      if (fstat(dst, &dstSt) == -1 || (dstSt.st_size != 0 && ftruncate(dst, 0) == -1) ||
+          !CopyData(src, dst, st.st_size)) {
          return false;
       }
    }
