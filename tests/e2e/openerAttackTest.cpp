@@ -242,12 +242,11 @@ TEST(Daemonize, LocalFailuresLeaveEinval)
 {
    const char *argv[] = {"true", nullptr};
    const char *badArgv[] = {"true", "\xC3\x28", nullptr};
-   errno = 0;
-   EXPECT_FALSE(Hostinfo_Daemonize("/bin/tru\xFF", (char *const *)argv, 0, nullptr, nullptr, 0));
-   EXPECT_EQ(errno, EINVAL);
-   errno = 0;
-   EXPECT_FALSE(Hostinfo_Daemonize("/bin/true", (char *const *)badArgv, 0, nullptr, nullptr, 0));
-   EXPECT_EQ(errno, EINVAL);
+   for (auto [path, args] : {std::pair{"/bin/tru\xFF", argv}, std::pair{"/bin/true", badArgv}}) {
+      errno = 0;
+      EXPECT_FALSE(Hostinfo_Daemonize(path, (char *const *)args, 0, nullptr, nullptr, 0)) << path;
+      EXPECT_EQ(errno, EINVAL) << path;
+   }
 
    // No descriptor left for the error pipe.
    struct rlimit saved;

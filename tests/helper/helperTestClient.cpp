@@ -70,7 +70,7 @@ int Echo(PrivilegedHelperClient *client, long count)
    return errno == ETIMEDOUT ? 0 : 3;
 }
 
-int WaitForEnd(PrivilegedHelperClient *client)
+int WaitForEnd(PrivilegedHelperClient *client, long)
 {
    plist_t reply = PrivilegedHelperClient_Receive(client, 1000, nullptr, nullptr);
    if (reply != nullptr) {
@@ -103,7 +103,7 @@ PrivilegedHelperClient *Connect(const char *path)
    return client;
 }
 
-int PassFd(PrivilegedHelperClient *client)
+int PassFd(PrivilegedHelperClient *client, long)
 {
    int pipeFds[2];
    if (pipe(pipeFds) == -1) {
@@ -115,15 +115,14 @@ int PassFd(PrivilegedHelperClient *client)
    close(pipeFds[1]);
    int back = -1;
    size_t count = 1;
-   plist_t reply = sent ? PrivilegedHelperClient_Receive(client, kTimeoutMs, &back, &count)
-                        : nullptr;
+   plist_t reply =
+       sent ? PrivilegedHelperClient_Receive(client, kTimeoutMs, &back, &count) : nullptr;
    if (reply == nullptr) {
       return 3;
    }
    plist_free(reply);
    char byte = 0;
-   if (count != 1 || write(back, "x", 1) != 1 || read(pipeFds[0], &byte, 1) != 1 ||
-       byte != 'x') {
+   if (count != 1 || write(back, "x", 1) != 1 || read(pipeFds[0], &byte, 1) != 1 || byte != 'x') {
       return 4;
    }
    return 0;
@@ -202,14 +201,10 @@ int main(int argc, char **argv)
             return errno == EPIPE || errno == ECONNRESET ? 3 : 2;
          }
       }
-      return Finish(PrivilegedHelperClient_FromFd(sock), [](PrivilegedHelperClient *client,
-                                                            long) { return WaitForEnd(client); },
-                    0);
+      return Finish(PrivilegedHelperClient_FromFd(sock), WaitForEnd, 0);
    }
    if (mode == "passfd") {
-      return Finish(Connect(argv[2]), [](PrivilegedHelperClient *client, long) {
-         return PassFd(client);
-      }, 0);
+      return Finish(Connect(argv[2]), PassFd, 0);
    }
    return 2;
 }
