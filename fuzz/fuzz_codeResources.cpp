@@ -1,7 +1,4 @@
 /* The CodeResources reader over arbitrary property lists. */
-#include <stddef.h>
-#include <stdint.h>
-
 #include "codeSign.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

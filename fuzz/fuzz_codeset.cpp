@@ -4,18 +4,14 @@
  *
  * Input: one selector byte (pair and policy), then the text.
  */
-#include <stdint.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <unistd.h>
 
-#include <string>
+#include <algorithm>
 
 #include <unicode/uchar.h>
 #include <unicode/utypes.h>
 
-#include "codeset.h"
+#include "fuzzSupport.h"
 #include "internal/utf.h"
 #include "misc/codesetBuiltin.h"
 
@@ -39,15 +35,6 @@ const Pair kPairs[] = {
     {STRING_ENCODING_ISO_8859_1, STRING_ENCODING_UTF8, "ISO-8859-1", "UTF-8"},
 };
 
-std::string gIcuDir;
-
-void RemoveIcuDir()
-{
-   std::string file = gIcuDir + "/" U_ICUDATA_NAME ".dat";
-   unlink(file.c_str());
-   rmdir(gIcuDir.c_str());
-}
-
 struct Result {
    bool ok;
    std::string bytes;
@@ -62,16 +49,6 @@ Result Run(bool icu, const Pair &p, const std::string &in, int policy)
    Result r{ok, ok && db.size != 0 ? std::string(db.data, db.size) : std::string()};
    DynBuf_Destroy(&db);
    return r;
-}
-
-bool IsAscii(const std::string &s)
-{
-   for (unsigned char c : s) {
-      if (c >= 0x80) {
-         return false;
-      }
-   }
-   return true;
 }
 
 /* ICU's substitution drops default-ignorable characters (format controls and the like). */
@@ -96,18 +73,7 @@ bool HasDefaultIgnorable(const std::string &utf8)
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-   char dir[] = "/tmp/fuzz_codeset.XXXXXX";
-   if (mkdtemp(dir) == nullptr) {
-      abort();
-   }
-   gIcuDir = dir;
-   FILE *f = fopen((gIcuDir + "/" U_ICUDATA_NAME ".dat").c_str(), "w");
-   if (f == nullptr) {
-      abort();
-   }
-   fclose(f);
-   atexit(RemoveIcuDir);
-   CodeSet_Init(gIcuDir.c_str());
+   fuzz::InitCodeSetWithEmptyData(U_ICUDATA_NAME ".dat");
    return 0;
 }
 
@@ -140,9 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
    /* Ill-formed input fails the built-in path whatever the policy; ICU repairs it. */
    if (policy != 0 && p.to != STRING_ENCODING_US_ASCII && !Run(false, p, in, 0).ok) {
-      if (Run(false, p, in, policy).ok) {
-         abort();
-      }
+      fuzz::Check(!Run(false, p, in, policy).ok);
       policy = 0;
    }
 
@@ -157,17 +121,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    /* The validators agree with ICU's on the raw text. */
    std::string raw((const char *)data + 1, size - 1);
    if (raw.size() < (1u << 20)) {
-      if (CodeSetIsValidUtf8(raw.data(), raw.size()) !=
-          CodeSet_Validate(raw.data(), raw.size(), "UTF-8")) {
-         abort();
-      }
-      if (raw.size() % 2 == 0 && CodeSetIsValidUtf16(raw.data(), raw.size(), true) !=
-                                     CodeSet_Validate(raw.data(), raw.size(), "UTF-16BE")) {
-         abort();
-      }
-      if (IsAscii(raw) != CodeSet_Validate(raw.data(), raw.size(), "US-ASCII")) {
-         abort();
-      }
+      bool ascii = std::all_of(raw.begin(), raw.end(), [](char c) { return (c & 0x80) == 0; });
+      fuzz::Check(CodeSetIsValidUtf8(raw.data(), raw.size()) ==
+                  CodeSet_Validate(raw.data(), raw.size(), "UTF-8"));
+      fuzz::Check(raw.size() % 2 != 0 || CodeSetIsValidUtf16(raw.data(), raw.size(), true) ==
+                                             CodeSet_Validate(raw.data(), raw.size(), "UTF-16BE"));
+      fuzz::Check(ascii == CodeSet_Validate(raw.data(), raw.size(), "US-ASCII"));
    }
    return 0;
 }

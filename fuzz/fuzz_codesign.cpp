@@ -2,8 +2,6 @@
  * The signature reader over arbitrary files: the trailer, the CMS blob and the whole check of a
  * file holding the input.
  */
-#include <stddef.h>
-#include <stdint.h>
 #include <sys/mman.h>
 #include <unistd.h>
 

@@ -4,18 +4,12 @@
  *
  * Input: one selector byte (the default encoding, and whether to declare one), then the file.
  */
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
-
-#include <string>
 
 #include <unicode/utypes.h>
 
-#include "codeset.h"
 #include "dictionary.h"
+#include "fuzzSupport.h"
 #include "log.h"
 
 namespace {
@@ -28,31 +22,12 @@ const char *const kDeclared[] = {"UTF-8",    "ISO-8859-1", "windows-1252",
                                  "UTF-16LE", "US-ASCII",   "UTF-16BE"};
 constexpr size_t kNumEncodings = sizeof kEncodings / sizeof kEncodings[0];
 
-std::string gIcuDir;
-
-void RemoveIcuDir()
-{
-   unlink((gIcuDir + "/" U_ICUDATA_NAME ".dat").c_str());
-   rmdir(gIcuDir.c_str());
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
    Log_SetOutputFd(-1);
-   char dir[] = "/tmp/fuzz_dictFile.XXXXXX";
-   if (mkdtemp(dir) == nullptr) {
-      abort();
-   }
-   gIcuDir = dir;
-   FILE *f = fopen((gIcuDir + "/" U_ICUDATA_NAME ".dat").c_str(), "w");
-   if (f == nullptr) {
-      abort();
-   }
-   fclose(f);
-   atexit(RemoveIcuDir);
-   CodeSet_Init(gIcuDir.c_str());
+   fuzz::InitCodeSetWithEmptyData(U_ICUDATA_NAME ".dat");
    return 0;
 }
 
@@ -72,32 +47,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    MsgList *msgs = nullptr;
    bool ok = Dictionary_LoadFromBuffer(dict, (data[0] & 0x40) ? "f" : nullptr, text.data(),
                                        text.size(), kEncodings[pick], &msgs);
-   if (!ok && msgs == nullptr) {
-      abort();  // a failed read always says why
-   }
+   fuzz::Check(ok || msgs != nullptr);  // a failed read always says why
    MsgList_Free(msgs);
    msgs = nullptr;
    if (ok) {
       size_t length = 0;
       char *written = Dictionary_WriteToBuffer(dict, true, &length, &msgs);
-      if (written == nullptr) {
-         abort();
-      }
+      fuzz::Check(written != nullptr);
       Dictionary *again = Dictionary_Create();
       MsgList *msgs2 = nullptr;
-      if (!Dictionary_LoadFromBuffer(again, "w", written, length, STRING_ENCODING_UTF8, &msgs2) ||
-          Dictionary_NumEntries(again) != Dictionary_NumEntries(dict)) {
-         abort();
-      }
+      fuzz::Check(
+          Dictionary_LoadFromBuffer(again, "w", written, length, STRING_ENCODING_UTF8, &msgs2) &&
+          Dictionary_NumEntries(again) == Dictionary_NumEntries(dict));
       for (size_t i = 0; i < Dictionary_NumEntries(dict); i++) {
          const char *name = Dictionary_NameAt(dict, i);
          size_t l1 = 0;
          size_t l2 = 0;
          const char *v1 = Dictionary_GetBytes(dict, name, &l1);
          const char *v2 = Dictionary_GetBytes(again, name, &l2);
-         if (v2 == nullptr || l1 != l2 || memcmp(v1, v2, l1) != 0) {
-            abort();
-         }
+         fuzz::Check(v2 != nullptr && l1 == l2 && memcmp(v1, v2, l1) == 0);
       }
       MsgList_Free(msgs2);
       Dictionary_Free(again);

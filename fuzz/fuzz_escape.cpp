@@ -3,24 +3,12 @@
  *
  * The first input byte picks the escape character; the rest is the text.
  */
-#include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 
-#include <string>
-
 #include "escape.h"
+#include "fuzzSupport.h"
 
-namespace {
-
-void Check(bool condition)
-{
-   if (!condition) {
-      abort();
-   }
-}
-
-}  // namespace
+using fuzz::Check;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -57,16 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
    /* The NUL-terminated routines see the text up to its first NUL. */
    std::string cstring(text, strnlen(text, length));
-   char *unescaped = Escape_Unescape(esc, cstring.c_str());
-   Check(unescaped != nullptr && strlen(unescaped) <= cstring.size());
-   free(unescaped);
-
-   char *commas = Escape_Commas(cstring.c_str());
-   Check(commas != nullptr);
-   char *uncommas = Escape_Unescape('\\', commas);
-   Check(uncommas != nullptr && cstring == uncommas);
-   free(uncommas);
-   free(commas);
+   Check(fuzz::Take(Escape_Unescape(esc, cstring.c_str())).size() <= cstring.size());
+   std::string commas = fuzz::Take(Escape_Commas(cstring.c_str()));
+   Check(fuzz::Take(Escape_Unescape('\\', commas.c_str())) == cstring);
 
    std::string inPlace = cstring;
    Escape_UnescapeCString(inPlace.data());

@@ -3,33 +3,21 @@
  * form included, and checks that every text it accepts formats back to a text it accepts
  * with the same values.
  */
-#include <stdint.h>
-#include <stdlib.h>
+#include <string.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <string>
 #include <vector>
 
 #include "file/fileLockInt.h"
+#include "fuzzSupport.h"
 
-namespace {
-
-void Check(bool condition)
-{
-   if (!condition) {
-      abort();
-   }
-}
-
-}  // namespace
+using fuzz::Check;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
    char buffer[kFileLockMemberSize] = {};
-   size_t length = size < sizeof buffer ? size : sizeof buffer;
-   for (size_t i = 0; i < length; i++) {
-      buffer[i] = static_cast<char>(data[i]);
-   }
+   memcpy(buffer, data, std::min(size, sizeof buffer));
    FileLockMemberValues values;
    std::vector<std::string> argv;
    if (!FileLockParseMemberText(buffer, sizeof buffer, &values, &argv)) {
@@ -51,11 +39,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    }
    FileLockMemberValues again;
    Check(FileLockParseMemberText(text, sizeof text, &again, &argv));
-   Check(again.machineID == values.machineID);
-   Check(again.executionID == values.executionID);
-   Check(again.lamportNumber == values.lamportNumber);
-   Check(again.lockType == values.lockType);
-   Check(again.hasLocationChecksum == values.hasLocationChecksum);
-   Check(again.locationChecksum == values.locationChecksum);
+   Check(again.machineID == values.machineID && again.executionID == values.executionID &&
+         again.lamportNumber == values.lamportNumber && again.lockType == values.lockType &&
+         again.hasLocationChecksum == values.hasLocationChecksum &&
+         again.locationChecksum == values.locationChecksum);
    return 0;
 }

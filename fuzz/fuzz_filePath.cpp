@@ -6,33 +6,12 @@
  *
  * The input is cut at its first NUL into two texts: a path and a second name.
  */
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <string>
-
 #include "file.h"
+#include "fuzzSupport.h"
 #include "unicodeBase.h"
 
-namespace {
-
-void Check(bool condition)
-{
-   if (!condition) {
-      abort();
-   }
-}
-
-std::string Take(char *s)
-{
-   Check(s != nullptr);
-   std::string copy = s;
-   free(s);
-   return copy;
-}
-
-}  // namespace
+using fuzz::Check;
+using fuzz::Take;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -76,13 +55,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
    // A full path is handed out as UTF-8, and a path that is not valid UTF-8 and does not
    // resolve is a conversion failure that panics by design: such input is not fed to it.
-   if (path.size() < 4096 && Unicode_IsBufferValid(path.data(), (ssize_t)path.size(),
-                                                   STRING_ENCODING_UTF8)) {
-      char *full = File_FullPath(path.c_str());
-      if (full != nullptr) {
+   if (path.size() < 4096 &&
+       Unicode_IsBufferValid(path.data(), (ssize_t)path.size(), STRING_ENCODING_UTF8)) {
+      if (char *full = File_FullPath(path.c_str())) {
          std::string f = Take(full);
-         Check(!f.empty() && f[0] == '/');
-         Check(f.find("//") == std::string::npos);
+         Check(!f.empty() && f[0] == '/' && f.find("//") == std::string::npos);
       }
    }
    return 0;

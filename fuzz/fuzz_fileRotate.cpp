@@ -5,32 +5,19 @@
  *
  * The input is cut at NULs into a name, a base name and an extension.
  */
-#include <stdint.h>
-#include <stdlib.h>
-
-#include <string>
-
 #include "file/fileInt.h"
+#include "fuzzSupport.h"
 #include "str.h"
 
-namespace {
+using fuzz::Check;
 
-void Check(bool condition)
-{
-   if (!condition) {
-      abort();
-   }
-}
-
-std::string Field(const std::string &input, size_t &at)
+static std::string Field(const std::string &input, size_t &at)
 {
    size_t end = input.find('\0', at);
    std::string field = input.substr(at, end == std::string::npos ? std::string::npos : end - at);
    at = end == std::string::npos ? input.size() : end + 1;
    return field;
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -42,10 +29,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
    uint32_t number = 0;
    if (FileRotateParseCopy(name.c_str(), base.c_str(), ext.c_str(), &number)) {
-      char *printed = Str_SafeAsprintf(nullptr, "%s-%u%s", base.c_str(), number, ext.c_str());
-      Check(name == printed);
-      Check(number != 0);
-      free(printed);
+      Check(number != 0 && name == fuzz::Take(Str_SafeAsprintf(nullptr, "%s-%u%s", base.c_str(),
+                                                               number, ext.c_str())));
    }
    uint32_t n = 1;
    for (size_t i = 0; i < 4 && i < size; i++) {

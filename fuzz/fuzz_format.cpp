@@ -5,13 +5,11 @@
  * Input: one byte giving the argument count (low 4 bits), then 9 bytes per argument (a type
  * byte and 8 value bytes), then the format text.
  */
-#include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 
-#include <string>
 #include <vector>
 
+#include "fuzzSupport.h"
 #include "msgfmt.h"
 
 namespace {
@@ -28,33 +26,13 @@ MsgFmt_Arg MakeArg(const uint8_t *bytes)
 {
    MsgFmt_Arg arg;
    memset(&arg, 0, sizeof arg);
-   uint64_t raw;
-   memcpy(&raw, bytes + 1, sizeof raw);
    arg.type = bytes[0] % 10;
-   switch (arg.type) {
-      case MSGFMT_ARG_INT32:
-      case MSGFMT_ARG_INT32_ALT:
-         arg.v.unsigned32 = (uint32_t)raw;
-         break;
-      case MSGFMT_ARG_INT64:
-         arg.v.unsigned64 = raw;
-         break;
-      case MSGFMT_ARG_PTR:
-         arg.v.ptr = (void *)(uintptr_t)raw;  // only printed, never followed
-         break;
-      case MSGFMT_ARG_FLOAT64:
-         memcpy(&arg.v.float64, &raw, sizeof raw);
-         break;
-      case MSGFMT_ARG_STRING8:
-      case MSGFMT_ARG_STRING8_MSGID:
-         arg.v.string8 = (char *)kStrings[raw % (sizeof kStrings / sizeof kStrings[0])];
-         break;
-      case MSGFMT_ARG_STRING32:
-      case MSGFMT_ARG_STRING32_ALT:
-         arg.v.string32 = (wchar_t *)kWides[raw % (sizeof kWides / sizeof kWides[0])];
-         break;
-      default:
-         break;
+   memcpy(&arg.v, bytes + 1, 8);  // integers, floats and pointers (only printed, never followed)
+   uint64_t raw = arg.v.unsigned64;
+   if (arg.type == MSGFMT_ARG_STRING8 || arg.type == MSGFMT_ARG_STRING8_MSGID) {
+      arg.v.string8 = (char *)kStrings[raw % (sizeof kStrings / sizeof kStrings[0])];
+   } else if (arg.type == MSGFMT_ARG_STRING32 || arg.type == MSGFMT_ARG_STRING32_ALT) {
+      arg.v.string32 = (wchar_t *)kWides[raw % (sizeof kWides / sizeof kWides[0])];
    }
    return arg;
 }
@@ -63,7 +41,7 @@ MsgFmt_Arg MakeArg(const uint8_t *bytes)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-   if (size < 1) {
+   if (size == 0) {
       return 0;
    }
    int numArgs = data[0] & 15;
@@ -76,24 +54,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
    char small[16];
    int fixed = MsgFmt_Snprintf(small, sizeof small, fmt.c_str(), args.data(), (int)args.size());
-   if (memchr(small, '\0', sizeof small) == nullptr) {
-      abort();
-   }
+   fuzz::Check(memchr(small, '\0', sizeof small) != nullptr);
    char large[512];
-   int fixedLarge =
-       MsgFmt_Snprintf(large, sizeof large, fmt.c_str(), args.data(), (int)args.size());
-   if (fixed != fixedLarge) {
-      abort();  // the result never depends on the buffer
-   }
+   // The result never depends on the buffer.
+   fuzz::Check(fixed ==
+               MsgFmt_Snprintf(large, sizeof large, fmt.c_str(), args.data(), (int)args.size()));
    // Huge widths are cheap in fixed mode but would allocate gigabytes here.
    if (fixed >= 0 && fixed < (1 << 20)) {
       size_t length = 0;
       char *heap = MsgFmt_Asprintf(&length, fmt.c_str(), args.data(), (int)args.size());
       // %c and %C of 0 put NUL bytes inside the output.
-      if (heap == nullptr || length != (size_t)fixed || heap[length] != '\0' ||
-          (length < sizeof large && memcmp(heap, large, length + 1) != 0)) {
-         abort();
-      }
+      fuzz::Check(heap != nullptr && length == (size_t)fixed && heap[length] == '\0' &&
+                  (length >= sizeof large || memcmp(heap, large, length + 1) == 0));
       free(heap);
    }
    return 0;

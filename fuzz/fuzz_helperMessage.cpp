@@ -2,10 +2,7 @@
  * The helper's message decoder over arbitrary datagrams: whatever arrives, it returns a status,
  * and a decoded dictionary encodes and decodes again.
  */
-#include <stddef.h>
-#include <stdint.h>
-#include <stdlib.h>
-
+#include "fuzzSupport.h"
 #include "privilegedHelperInt.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -19,10 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    plist_to_bin(dict, &raw, &length);
    plist_t again = nullptr;
    if (raw != nullptr && length <= PRIVILEGED_HELPER_MAX_MESSAGE) {
-      if (PrivilegedHelperDecode((const uint8_t *)raw, length, &again) !=
-          PRIVILEGED_HELPER_DECODED) {
-         abort();
-      }
+      fuzz::Check(PrivilegedHelperDecode((const uint8_t *)raw, length, &again) ==
+                  PRIVILEGED_HELPER_DECODED);
    }
    plist_free(again);
    plist_to_bin_free(raw);

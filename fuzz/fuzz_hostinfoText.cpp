@@ -3,12 +3,6 @@
  * os-release text. Neither may read outside its input or accept a start time that is not a
  * whole decimal field.
  */
-#include <stddef.h>
-#include <stdint.h>
-
-#include <string>
-#include <string_view>
-
 #include "misc/hostinfoInt.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

@@ -5,23 +5,15 @@
  * reader keeps of a text must survive writing and reading again unchanged.
  */
 #include <ctype.h>
-#include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 
-#include <string>
-
+#include "fuzzSupport.h"
 #include "productState/productStateInt.h"
 #include "uuid.h"
 
 namespace {
 
-void Check(bool condition)
-{
-   if (!condition) {
-      abort();
-   }
-}
+using fuzz::Check;
 
 void CheckIdentifier(const std::string &text)
 {
@@ -33,9 +25,7 @@ void CheckIdentifier(const std::string &text)
    for (char &c : lower) {
       c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
    }
-   char *packed = UUID_PackText(bytes);
-   Check(lower == packed);
-   free(packed);
+   Check(lower == fuzz::Take(UUID_PackText(bytes)));
 }
 
 void CheckProductState(const std::string &text)
@@ -43,13 +33,9 @@ void CheckProductState(const std::string &text)
    constexpr uint32_t all = 0x01 | 0x02 | 0x04 | 0x08 | 0x10 | 0x80;
    ProductState first;
    first.Deserialize(text.c_str());
-   char *written = first.Serialize(all);
+   std::string written = fuzz::Take(first.Serialize(all));
    ProductState second;
-   Check(second.Deserialize(written));
-   char *rewritten = second.Serialize(all);
-   Check(strcmp(written, rewritten) == 0);
-   free(written);
-   free(rewritten);
+   Check(second.Deserialize(written.c_str()) && fuzz::Take(second.Serialize(all)) == written);
 }
 
 }  // namespace

@@ -2,14 +2,8 @@
  * The requirement language: a text it accepts prints back to a text that parses to the same
  * tree (the printed form is canonical, so printing twice gives the same text).
  */
-#include <stddef.h>
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <string>
-
 #include "codeSign.h"
+#include "fuzzSupport.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -21,17 +15,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    if (req == nullptr) {
       return 0;
    }
-   char *printed = CodeSign_RequirementText(req);
-   CodeSignRequirement *again = CodeSign_ParseRequirement(printed);
-   if (again == nullptr) {
-      abort();
-   }
-   char *reprinted = CodeSign_RequirementText(again);
-   if (strcmp(printed, reprinted) != 0) {
-      abort();
-   }
-   free(reprinted);
-   free(printed);
+   std::string printed = fuzz::Take(CodeSign_RequirementText(req));
+   CodeSignRequirement *again = CodeSign_ParseRequirement(printed.c_str());
+   fuzz::Check(again != nullptr && fuzz::Take(CodeSign_RequirementText(again)) == printed);
    CodeSign_FreeRequirement(again);
    CodeSign_FreeRequirement(req);
    return 0;

@@ -5,13 +5,7 @@
  * The escape text is shaped so that it never asks for a panic (non-ASCII bytes, missing hex
  * digits, code points past U+10FFFF, surrogates), since those end the process by design.
  */
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
-
-#include <string>
-
-#include "codeset.h"
+#include "fuzzSupport.h"
 #include "internal/utf.h"
 #include "unicode.h"
 
@@ -87,11 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
    std::string escaped, expected;
    Shape(data, size, escaped, expected);
-   char *decoded = Unicode_FromEscapedAscii(escaped.c_str(), true);
-   if (expected != decoded) {
-      abort();
-   }
-   free(decoded);
+   fuzz::Check(expected == fuzz::Take(Unicode_FromEscapedAscii(escaped.c_str(), true)));
 
    /* The code-point operations on the input when it is valid UTF-8 without NULs. */
    std::string text((const char *)data, size);
@@ -101,24 +91,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    }
    ssize_t start = size > 0 ? data[0] % 8 : 0;
    ssize_t length = size > 1 ? (ssize_t)(data[1] % 8) - 1 : -1;
-   char *sub = Unicode_Substr(text.c_str(), start, length);
-   if (!Unicode_IsBufferValid(sub, -1, STRING_ENCODING_UTF8)) {
-      abort();
-   }
+   std::string owned = fuzz::Take(Unicode_Substr(text.c_str(), start, length));
+   const char *sub = owned.c_str();
+   fuzz::Check(Unicode_IsBufferValid(sub, -1, STRING_ENCODING_UTF8));
    ssize_t found = Unicode_FindSubstrInRange(text.c_str(), 0, -1, sub, 0, -1);
    ssize_t last = Unicode_FindLastSubstrInRange(text.c_str(), 0, -1, sub, 0, -1);
-   if (found < 0 || last < found || (sub[0] != '\0' && found > start)) {
-      abort();
-   }
-   if (Unicode_CompareRange(text.c_str(), start, length, sub, 0, -1, false) != 0 ||
-       Unicode_CompareRange(text.c_str(), start, length, sub, 0, -1, true) != 0) {
-      abort();
-   }
-   int forward = Unicode_CompareRange(text.c_str(), 0, -1, sub, 0, -1, true);
-   int backward = Unicode_CompareRange(sub, 0, -1, text.c_str(), 0, -1, true);
-   if (forward != -backward) {
-      abort();
-   }
-   free(sub);
+   fuzz::Check(found >= 0 && last >= found && (sub[0] == '\0' || found <= start));
+   fuzz::Check(Unicode_CompareRange(text.c_str(), start, length, sub, 0, -1, false) == 0 &&
+               Unicode_CompareRange(text.c_str(), start, length, sub, 0, -1, true) == 0);
+   fuzz::Check(Unicode_CompareRange(text.c_str(), 0, -1, sub, 0, -1, true) ==
+               -Unicode_CompareRange(sub, 0, -1, text.c_str(), 0, -1, true));
    return 0;
 }

@@ -8,9 +8,11 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
 
 #include "codeSign.h"
+#include "testSupport.h"
 
 namespace cstest {
 
@@ -43,10 +45,14 @@ inline void WriteFile(const std::string &path, const std::string &text, mode_t m
    chmod(path.c_str(), mode);
 }
 
-inline std::string ReadFile(const std::string &path)
+using testsupport::ReadFile;
+
+/* Rewrites the file at path through edit, keeping its mode. */
+inline void Edit(const std::string &path, const std::function<void(std::string &)> &edit)
 {
-   std::ifstream in(path, std::ios::binary);
-   return std::string(std::istreambuf_iterator<char>(in), {});
+   std::string bytes = ReadFile(path);
+   edit(bytes);
+   testsupport::WriteFile(path, bytes);
 }
 
 /* A bundle folder with an Info.plist naming identifier, an executable and a link. */

@@ -31,15 +31,18 @@ void StopAll(const std::string &path)
    }
 }
 
+// In a child: no supplementary groups, every uid and gid set to uid.
+static bool Become(uid_t uid)
+{
+   return setgroups(0, nullptr) == 0 && setresgid(uid, uid, uid) == 0 &&
+          setresuid(uid, uid, uid) == 0;
+}
+
 int RunAs(uid_t uid, const std::function<int()> &body)
 {
    pid_t pid = fork();
    if (pid == 0) {
-      if (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 ||
-          setresuid(uid, uid, uid) != 0) {
-         _exit(126);
-      }
-      _exit(body());
+      _exit(Become(uid) ? body() : 126);
    }
    int status = 0;
    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status)
@@ -48,9 +51,7 @@ int RunAs(uid_t uid, const std::function<int()> &body)
 
 int BindSocket(const std::string &path)
 {
-   struct sockaddr_un addr = {};
-   addr.sun_family = AF_UNIX;
-   strcpy(addr.sun_path, path.c_str());
+   struct sockaddr_un addr = UnixAddress(path);
    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
    EXPECT_EQ(bind(fd, (struct sockaddr *)&addr, sizeof addr), 0);
    return fd;
@@ -58,9 +59,7 @@ int BindSocket(const std::string &path)
 
 char DirectHandOver(int fd)
 {
-   struct sockaddr_un addr = {};
-   addr.sun_family = AF_UNIX;
-   strcpy(addr.sun_path, kSocketPath.c_str());
+   struct sockaddr_un addr = UnixAddress(kSocketPath);
    int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
    struct timeval bound = {2, 0};
    setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
@@ -107,9 +106,9 @@ void OpenerE2e::SetUp()
 
 void OpenerE2e::TearDown()
 {
-   StopAll(kDaemonPath);
-   StopAll(kDaemonPath + ".real");
-   StopAll(opener_);
+   for (const std::string &path : {kDaemonPath, kDaemonPath + ".real", opener_}) {
+      StopAll(path);
+   }
    if (!bundle_.empty()) {
       fs::remove_all(bundle_);
    }
@@ -140,7 +139,6 @@ Child OpenerE2e::Opener(std::vector<std::string> args, int passFd, const RunOpti
    EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
    pid_t pid = fork();
    if (pid == 0) {
-      uid_t uid = options.uid;
       int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
       if (dup2(devNull, 0) != 0 || dup2(out[1], 1) != 1 || dup2(out[1], 2) != 2 ||
           (passFd != -1 && dup2(passFd, kPassAs) != kPassAs)) {
@@ -149,8 +147,7 @@ Child OpenerE2e::Opener(std::vector<std::string> args, int passFd, const RunOpti
       if (options.setup) {
          options.setup();
       }
-      if (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 ||
-          setresuid(uid, uid, uid) != 0) {
+      if (!Become(options.uid)) {
          _exit(126);
       }
       umask(077);
@@ -219,7 +216,7 @@ int OpenerE2e::HandOverToStandIn(const std::string &script, int fd, int *served,
          }
       }
    });
-   int status = Finish(Opener({std::to_string(kPassAs)}, fd), output);
+   int status = HandOver(fd, {}, output);
    daemon.join();
    for (int conn : held) {
       close(conn);

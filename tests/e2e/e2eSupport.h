@@ -21,7 +21,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <thread>
 
 #include "serviceImplIO.h"
@@ -49,19 +48,20 @@ inline const std::vector<std::string> kEnv = {"PATH=/usr/bin:/bin", E2E_SANITIZE
 inline const std::vector<std::string> kEnv = {"PATH=/usr/bin:/bin"};
 #endif
 
-inline std::string ReadFile(const std::string &path)
-{
-   std::ifstream in(path);
-   std::stringstream text;
-   text << in.rdbuf();
-   return text.str();
-}
+using testsupport::ReadFile;
 
 inline std::string Readlink(const std::string &path)
 {
-   char buf[4096];
-   ssize_t n = readlink(path.c_str(), buf, sizeof buf);
-   return n > 0 ? std::string(buf, (size_t)n) : std::string();
+   std::error_code error;
+   return fs::read_symlink(path, error).string();
+}
+
+inline struct sockaddr_un UnixAddress(const std::string &path)
+{
+   struct sockaddr_un addr = {};
+   addr.sun_family = AF_UNIX;
+   strcpy(addr.sun_path, path.c_str());
+   return addr;
 }
 
 inline bool WaitFor(const std::function<bool()> &done, int timeoutMs = kTimeoutMs)
@@ -118,25 +118,13 @@ struct Child {
    int output;  // read end of its standard output and error
 };
 
+// Options are given as designated initializers that name only what differs from the default.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 struct RunOptions {
    uid_t uid = kNobody;
    std::vector<std::string> env = kEnv;
    std::function<void()> setup;  // runs in the child, as root, just before the identity change
 };
-
-inline RunOptions AsUser(uid_t uid)
-{
-   RunOptions options;
-   options.uid = uid;
-   return options;
-}
-
-inline RunOptions WithSetup(std::function<void()> setup)
-{
-   RunOptions options;
-   options.setup = std::move(setup);
-   return options;
-}
 
 class OpenerE2e : public ::testing::Test {
   protected:
@@ -153,9 +141,16 @@ class OpenerE2e : public ::testing::Test {
    // exit status, or -1 when it did not exit normally.
    int Finish(Child child, std::string *output = nullptr, int timeoutMs = kTimeoutMs);
 
-   int HandOver(int fd, const RunOptions &options = {})
+   // The opener in descriptor mode, handed fd.
+   Child Start(int fd, const RunOptions &options = {})
    {
-      return Finish(Opener({std::to_string(kPassAs)}, fd, options));
+      return Opener({std::to_string(kPassAs)}, fd, options);
+   }
+
+   int HandOver(int fd, const RunOptions &options = {}, std::string *output = nullptr,
+                int timeoutMs = kTimeoutMs)
+   {
+      return Finish(Start(fd, options), output, timeoutMs);
    }
 
    /*

@@ -45,6 +45,10 @@ class InstallE2e : public OpenerE2e {
 
    std::string Src(const char *relative) const { return app_ + relative; }
    std::string BundleDaemon() const { return Src("/Contents/Library/services/BRIX Services"); }
+   std::string Kext(const char *relative) const
+   {
+      return Src("/Contents/Library/kexts/quillmod.kext") + relative;
+   }
 
    void MakeBundle()
    {
@@ -66,7 +70,7 @@ class InstallE2e : public OpenerE2e {
    int Run(std::string *output, const RunOptions &options = {})
    {
       int out = OpenOutput();
-      int status = Finish(Opener({std::to_string(kPassAs)}, out, options), output);
+      int status = HandOver(out, options, output);
       close(out);
       return status;
    }
@@ -95,9 +99,8 @@ TEST_F(InstallE2e, InstallsAVerifiedRootOwnedCopyAndStartsTheDaemonFromIt)
       EXPECT_EQ(cstest::Check(dst, nullptr, true), CODESIGN_OK) << dst;
    }
    EXPECT_EQ(cstest::ReadFile(kDaemonPath), cstest::ReadFile(BundleDaemon()));
-   EXPECT_EQ(
-       fs::read_symlink(kServicesDir + "/Contents/Library/kexts/quillmod.kext/Contents/current"),
-       "MacOS/quillmod");
+   EXPECT_EQ(Readlink(kServicesDir + "/Contents/Library/kexts/quillmod.kext/Contents/current"),
+             "MacOS/quillmod");
    for (const char *dir : {"", "/Contents", "/Contents/Library", "/Contents/Library/kexts",
                            "/Contents/Library/services"}) {
       struct stat st;
@@ -113,15 +116,9 @@ TEST_F(InstallE2e, InstallsAVerifiedRootOwnedCopyAndStartsTheDaemonFromIt)
 // Each case spoils a freshly signed bundle; the opener exits 1 and no daemon runs.
 TEST_F(InstallE2e, RefusesEveryBadBundle)
 {
-   const std::string daemonRel = "/Contents/Library/services/BRIX Services";
-   const std::string kextRel = "/Contents/Library/kexts/quillmod.kext";
-   auto codeSeven = [](const std::string &path) {
-      return "PrivilegedHelper: Failed to verify the code signature of " + path + " due to 7";
-   };
-   auto appendByte = [](const std::string &path, size_t at) {
-      std::string bytes = cstest::ReadFile(path);
-      bytes[at] ^= 1;
-      std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+   using Bytes = std::string &;
+   auto flipByte = [](const std::string &path, size_t fromEnd) {
+      cstest::Edit(path, [&](Bytes b) { b[b.size() - fromEnd] ^= 1; });
    };
    const struct {
       const char *name;
@@ -134,8 +131,8 @@ TEST_F(InstallE2e, RefusesEveryBadBundle)
            fs::copy_file(E2E_SERVICES, t.BundleDaemon());
         },
         true},
-       {"one byte changed after signing", [&](InstallE2e &t) { appendByte(t.BundleDaemon(), 64); },
-        true},
+       {"one byte changed after signing",
+        [](InstallE2e &t) { cstest::Edit(t.BundleDaemon(), [](Bytes b) { b[64] ^= 1; }); }, true},
        {"wrong identifier", [](InstallE2e &t) { cstest::Sign(t.BundleDaemon(), "tesmar-id"); },
         true},
        {"untrusted CA",
@@ -146,23 +143,15 @@ TEST_F(InstallE2e, RefusesEveryBadBundle)
         true},
        {"truncated blob",
         [](InstallE2e &t) {
-           std::string b = cstest::ReadFile(t.BundleDaemon());
-           b.erase(b.size() - CODESIGN_INFO_LEN - CODESIGN_MARKER_LEN - 1, 1);
-           std::ofstream(t.BundleDaemon(), std::ios::binary | std::ios::trunc) << b;
+           cstest::Edit(t.BundleDaemon(), [](Bytes b) {
+              b.erase(b.size() - CODESIGN_INFO_LEN - CODESIGN_MARKER_LEN - 1, 1);
+           });
         },
         true},
        {"oversized blob length",
-        [&](InstallE2e &t) {
-           std::string p = t.BundleDaemon();
-           appendByte(p, fs::file_size(p) - CODESIGN_MARKER_LEN - 4);
-        },
-        true},
+        [&](InstallE2e &t) { flipByte(t.BundleDaemon(), CODESIGN_MARKER_LEN + 4); }, true},
        {"length pointing outside the file",
-        [&](InstallE2e &t) {
-           std::string p = t.BundleDaemon();
-           appendByte(p, fs::file_size(p) - CODESIGN_MARKER_LEN - 3);
-        },
-        true},
+        [&](InstallE2e &t) { flipByte(t.BundleDaemon(), CODESIGN_MARKER_LEN + 3); }, true},
        {"daemon owned by a user",
         [](InstallE2e &t) { ASSERT_EQ(chown(t.BundleDaemon().c_str(), kNobody, 0), 0); }, false},
        {"daemon group not root",
@@ -173,27 +162,21 @@ TEST_F(InstallE2e, RefusesEveryBadBundle)
            fs::create_symlink(t.app_ + "/real", t.BundleDaemon());
         },
         false},
-       {"kext file omitted",
-        [&](InstallE2e &t) { fs::remove(t.Src(kextRel.c_str()) + "/Contents/MacOS/quillmod"); },
+       {"kext file omitted", [](InstallE2e &t) { fs::remove(t.Kext("/Contents/MacOS/quillmod")); },
         false},
        {"kext file added",
-        [&](InstallE2e &t) {
-           cstest::WriteFile(t.Src(kextRel.c_str()) + "/Contents/MacOS/extra", "x");
-        },
-        false},
+        [](InstallE2e &t) { cstest::WriteFile(t.Kext("/Contents/MacOS/extra"), "x"); }, false},
        {"kext file altered",
-        [&](InstallE2e &t) {
-           cstest::WriteFile(t.Src(kextRel.c_str()) + "/Contents/MacOS/quillmod", "x", 0755);
-        },
+        [](InstallE2e &t) { cstest::WriteFile(t.Kext("/Contents/MacOS/quillmod"), "x", 0755); },
         false},
        {"kext entry owned by a user",
-        [&](InstallE2e &t) {
-           ASSERT_EQ(lchown((t.Src(kextRel.c_str()) + "/Contents/current").c_str(), kNobody, 0), 0);
+        [](InstallE2e &t) {
+           ASSERT_EQ(lchown(t.Kext("/Contents/current").c_str(), kNobody, 0), 0);
         },
         false},
        {"kext without identifier",
-        [&](InstallE2e &t) {
-           cstest::WriteFile(t.Src(kextRel.c_str()) + "/Contents/Info.plist",
+        [](InstallE2e &t) {
+           cstest::WriteFile(t.Kext("/Contents/Info.plist"),
                              "<plist version=\"1.0\"><dict/></plist>");
         },
         false},
@@ -215,7 +198,10 @@ TEST_F(InstallE2e, RefusesEveryBadBundle)
       EXPECT_TRUE(ProcessesRunning(BundleDaemon()).empty());
       EXPECT_TRUE(ProcessesRunning(app_ + "/real").empty());
       if (c.logsCodeSeven) {
-         EXPECT_NE(output.find(codeSeven(BundleDaemon())), std::string::npos) << output;
+         EXPECT_NE(output.find("PrivilegedHelper: Failed to verify the code signature of " +
+                               BundleDaemon() + " due to 7"),
+                   std::string::npos)
+             << output;
       }
    }
 }

@@ -1,6 +1,6 @@
 /*
  * A hostile local user against the opener and the daemon: floods, signals, resource limits,
- * a stopped lock holder, a writable run directory, an ignored SIGCHLD, a log driven to grow.
+ * a stopped lock holder, a writable run directory, a log driven to grow.
  * The opener runs as nobody (the attacker) and as kVictim.
  */
 #include <sys/fsuid.h>
@@ -71,7 +71,7 @@ TEST_F(OpenerE2e, DescriptorFloodLeavesOtherUsersServed)
    ASSERT_EQ(read(link[0], &byte, 1), 1);
 
    // Another user is still served while the flooder lives, and so is root.
-   EXPECT_EQ(HandOver(out, AsUser(kVictim)), 0);
+   EXPECT_EQ(HandOver(out, {.uid = kVictim}), 0);
    EXPECT_EQ(DirectHandOver(out), '1');
    close(link[0]);
    waitpid(flooder, nullptr, 0);
@@ -91,7 +91,7 @@ TEST_F(OpenerE2e, DaemonIsRootFromItsFirstInstantWithSaneLimits)
    chmod(kDaemonPath.c_str(), 0755);
 
    int out = OpenOutput();
-   EXPECT_EQ(HandOver(out, WithSetup(HostileSetup)), 0);
+   EXPECT_EQ(HandOver(out, {.setup = HostileSetup}), 0);
    std::string state = ReadFile(report);
    EXPECT_NE(state.find("\nUid:\t0\t0\t0\t0\n"), std::string::npos) << state;
    for (const char *line : {"Max cpu time              unlimited            unlimited",
@@ -105,7 +105,7 @@ TEST_F(OpenerE2e, DaemonIsRootFromItsFirstInstantWithSaneLimits)
    pid_t daemon = daemons[0];
    EXPECT_EQ(UidLine(daemon), "Uid:\t0\t0\t0\t0");
    EXPECT_EQ(RunAs(kNobody, [&] { return kill(daemon, SIGSTOP) == -1 && errno == EPERM; }), 1);
-   EXPECT_EQ(HandOver(out, AsUser(kVictim)), 0);
+   EXPECT_EQ(HandOver(out, {.uid = kVictim}), 0);
    close(out);
 }
 
@@ -115,9 +115,7 @@ TEST_F(OpenerE2e, StoppedLockHolderDoesNotHangOtherUsers)
    int listener = BindSocket(kSocketPath);
    ASSERT_EQ(listen(listener, 0), 0);
    std::vector<int> queued;
-   struct sockaddr_un addr = {};
-   addr.sun_family = AF_UNIX;
-   strcpy(addr.sun_path, kSocketPath.c_str());
+   struct sockaddr_un addr = UnixAddress(kSocketPath);
    for (;;) {
       int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
       queued.push_back(fd);
@@ -127,10 +125,8 @@ TEST_F(OpenerE2e, StoppedLockHolderDoesNotHangOtherUsers)
    }
 
    int out = OpenOutput();
-   Child holder = Opener({std::to_string(kPassAs)}, out);
-   std::string pid = " ";  // the holder as a whole field of /proc/locks
-   pid += std::to_string(holder.pid);
-   pid += " ";
+   Child holder = Start(out);
+   std::string pid = " " + std::to_string(holder.pid) + " ";  // a whole field of /proc/locks
    ASSERT_TRUE(WaitFor([&] { return ReadFile("/proc/locks").find(pid) != std::string::npos; }));
    // Its caller cannot stop it while it holds the lock ...
    std::string uids = UidLine(holder.pid);
@@ -139,13 +135,13 @@ TEST_F(OpenerE2e, StoppedLockHolderDoesNotHangOtherUsers)
    // nor from its terminal (those stop signals need no permission) ...
    kill(holder.pid, SIGTSTP);
    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-   std::string status = ReadFile("/proc/" + std::to_string(holder.pid) + "/status");
-   EXPECT_EQ(status.find("State:\tT"), std::string::npos);
+   EXPECT_EQ(ReadFile("/proc/" + std::to_string(holder.pid) + "/status").find("State:\tT"),
+             std::string::npos);
    // ... and when it is stopped all the same, the others give up after the bound.
    kill(holder.pid, SIGSTOP);
    auto start = std::chrono::steady_clock::now();
    std::string output;
-   EXPECT_EQ(Finish(Opener({std::to_string(kPassAs)}, out, AsUser(kVictim)), &output, 8000), 1);
+   EXPECT_EQ(HandOver(out, {.uid = kVictim}, &output, 8000), 1);
    EXPECT_LT(MsSince(start), kBoundMs + 3000);
    EXPECT_NE(
        output.find("Timed out after " + std::to_string(kBoundMs) + " ms waiting for the lock.\n"),
@@ -184,7 +180,7 @@ TEST_F(OpenerE2e, RunDirectoryWritableByOthersIsRefused)
    // A FIFO planted at the lock path must not hang root in open.
    ASSERT_EQ(RunAs(kNobody, [] { return mkfifo(kLockPath.c_str(), 0666); }), 0);
    std::string output;
-   EXPECT_EQ(Finish(Opener({std::to_string(kPassAs)}, out), &output, 8000), 1);
+   EXPECT_EQ(HandOver(out, {}, &output, 8000), 1);
    EXPECT_NE(output.find(refusal), std::string::npos) << output;
    unlink(kLockPath.c_str());
 
@@ -194,7 +190,7 @@ TEST_F(OpenerE2e, RunDirectoryWritableByOthersIsRefused)
    ASSERT_EQ(chown(evil.c_str(), kNobody, kNobody), 0);
    ASSERT_EQ(listen(listener, 4), 0);
    ASSERT_EQ(symlink(evil.c_str(), kSocketPath.c_str()), 0);
-   EXPECT_EQ(Finish(Opener({std::to_string(kPassAs)}, out), nullptr, 8000), 1);
+   EXPECT_EQ(HandOver(out, {}, nullptr, 8000), 1);
    struct pollfd knock = {listener, POLLIN, 0};
    EXPECT_EQ(poll(&knock, 1, 0), 0) << "root connected to the planted socket";
    close(listener);
@@ -214,24 +210,13 @@ TEST_F(OpenerE2e, RunDirectoryWritableByOthersIsRefused)
       stop = true;
    });
    while (!stop) {
-      Finish(Opener({std::to_string(kPassAs)}, out), nullptr, 8000);
+      HandOver(out, {}, nullptr, 8000);
    }
    swapper.join();
    struct stat st;
    ASSERT_EQ(stat(target.c_str(), &st), 0);
    EXPECT_EQ(st.st_mode & 07777, 0644u);
    EXPECT_TRUE(ProcessesRunning(kDaemonPath).empty());
-   close(out);
-}
-
-TEST_F(OpenerE2e, IgnoredSigchldDoesNotHideTheDaemonStart)
-{
-   int out = OpenOutput();
-   std::string output;
-   Child opener =
-       Opener({std::to_string(kPassAs)}, out, WithSetup([] { signal(SIGCHLD, SIG_IGN); }));
-   EXPECT_EQ(Finish(opener, &output), 0) << output;
-   EXPECT_EQ(ProcessesRunning(kDaemonPath).size(), 1u);
    close(out);
 }
 
@@ -257,12 +242,11 @@ TEST(Daemonize, LocalFailuresLeaveEinval)
 {
    const char *argv[] = {"true", nullptr};
    const char *badArgv[] = {"true", "\xC3\x28", nullptr};
-   errno = 0;
-   EXPECT_FALSE(Hostinfo_Daemonize("/bin/tru\xFF", (char *const *)argv, 0, nullptr, nullptr, 0));
-   EXPECT_EQ(errno, EINVAL);
-   errno = 0;
-   EXPECT_FALSE(Hostinfo_Daemonize("/bin/true", (char *const *)badArgv, 0, nullptr, nullptr, 0));
-   EXPECT_EQ(errno, EINVAL);
+   for (auto [path, args] : {std::pair{"/bin/tru\xFF", argv}, std::pair{"/bin/true", badArgv}}) {
+      errno = 0;
+      EXPECT_FALSE(Hostinfo_Daemonize(path, (char *const *)args, 0, nullptr, nullptr, 0)) << path;
+      EXPECT_EQ(errno, EINVAL) << path;
+   }
 
    // No descriptor left for the error pipe.
    struct rlimit saved;

@@ -24,6 +24,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -33,11 +35,17 @@ namespace {
 
 constexpr int kTimeoutMs = 5000;
 
+plist_t Request(long seq)
+{
+   plist_t request = plist_new_dict();
+   plist_dict_set_item(request, "seq", plist_new_uint((uint64_t)seq));
+   return request;
+}
+
 int Echo(PrivilegedHelperClient *client, long count)
 {
    for (long i = 0; i < count; i++) {
-      plist_t request = plist_new_dict();
-      plist_dict_set_item(request, "seq", plist_new_uint((uint64_t)i));
+      plist_t request = Request(i);
       plist_t reply = PrivilegedHelperClient_SendWithReply(client, request, kTimeoutMs);
       plist_free(request);
       if (reply == nullptr) {
@@ -62,7 +70,7 @@ int Echo(PrivilegedHelperClient *client, long count)
    return errno == ETIMEDOUT ? 0 : 3;
 }
 
-int WaitForEnd(PrivilegedHelperClient *client)
+int WaitForEnd(PrivilegedHelperClient *client, long)
 {
    plist_t reply = PrivilegedHelperClient_Receive(client, 1000, nullptr, nullptr);
    if (reply != nullptr) {
@@ -70,21 +78,6 @@ int WaitForEnd(PrivilegedHelperClient *client)
       return 0;
    }
    return errno == ETIMEDOUT ? 5 : 3;
-}
-
-std::vector<uint8_t> ReadFile(const char *path)
-{
-   std::vector<uint8_t> bytes;
-   FILE *file = fopen(path, "rb");
-   if (file == nullptr) {
-      exit(2);
-   }
-   int c;
-   while ((c = fgetc(file)) != EOF) {
-      bytes.push_back((uint8_t)c);
-   }
-   fclose(file);
-   return bytes;
 }
 
 int RawConnect(const char *path)
@@ -110,7 +103,7 @@ PrivilegedHelperClient *Connect(const char *path)
    return client;
 }
 
-int PassFd(PrivilegedHelperClient *client)
+int PassFd(PrivilegedHelperClient *client, long)
 {
    int pipeFds[2];
    if (pipe(pipeFds) == -1) {
@@ -122,15 +115,14 @@ int PassFd(PrivilegedHelperClient *client)
    close(pipeFds[1]);
    int back = -1;
    size_t count = 1;
-   plist_t reply = sent ? PrivilegedHelperClient_Receive(client, kTimeoutMs, &back, &count)
-                        : nullptr;
+   plist_t reply =
+       sent ? PrivilegedHelperClient_Receive(client, kTimeoutMs, &back, &count) : nullptr;
    if (reply == nullptr) {
       return 3;
    }
    plist_free(reply);
    char byte = 0;
-   if (count != 1 || write(back, "x", 1) != 1 || read(pipeFds[0], &byte, 1) != 1 ||
-       byte != 'x') {
+   if (count != 1 || write(back, "x", 1) != 1 || read(pipeFds[0], &byte, 1) != 1 || byte != 'x') {
       return 4;
    }
    return 0;
@@ -189,8 +181,7 @@ int main(int argc, char **argv)
    if (mode == "noread" && argc == 5) {
       PrivilegedHelperClient *client = Connect(argv[2]);
       for (long i = 0; i < atol(argv[3]); i++) {
-         plist_t request = plist_new_dict();
-         plist_dict_set_item(request, "seq", plist_new_uint((uint64_t)i));
+         plist_t request = Request(i);
          bool sent = PrivilegedHelperClient_Send(client, request, nullptr, 0);
          plist_free(request);
          if (!sent) {
@@ -204,19 +195,16 @@ int main(int argc, char **argv)
    if (mode == "raw") {
       int sock = RawConnect(argv[2]);
       for (int i = 3; i < argc; i++) {
-         std::vector<uint8_t> bytes = ReadFile(argv[i]);
+         std::ifstream in(argv[i], std::ios::binary);
+         std::string bytes(std::istreambuf_iterator<char>(in), {});
          if (send(sock, bytes.data(), bytes.size(), MSG_NOSIGNAL) == -1) {
             return errno == EPIPE || errno == ECONNRESET ? 3 : 2;
          }
       }
-      return Finish(PrivilegedHelperClient_FromFd(sock), [](PrivilegedHelperClient *client,
-                                                            long) { return WaitForEnd(client); },
-                    0);
+      return Finish(PrivilegedHelperClient_FromFd(sock), WaitForEnd, 0);
    }
    if (mode == "passfd") {
-      return Finish(Connect(argv[2]), [](PrivilegedHelperClient *client, long) {
-         return PassFd(client);
-      }, 0);
+      return Finish(Connect(argv[2]), PassFd, 0);
    }
    return 2;
 }
