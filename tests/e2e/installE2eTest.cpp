@@ -3,6 +3,11 @@
  * copied into the services directory and the daemon starts from the copy; every bad bundle is
  * refused before anything of it runs as root.
  */
+#include <stdio.h>
+#include <string.h>
+
+#include <set>
+
 #include "codesignTestSupport.h"
 #include "e2eSupport.h"
 
@@ -224,6 +229,20 @@ TEST_F(InstallE2e, CallersLoaderVariablesHaveNoEffect)
    ASSERT_EQ(system(control.c_str()), 0);
    ASSERT_TRUE(fs::exists(PRELOAD_MARKER));
    fs::remove(PRELOAD_MARKER);
+
+   // The loader maps the C library (libc, libm, the loader) and libplist, nothing else.
+   FILE *elf = popen(("readelf -d '" + opener_ + "'").c_str(), "r");
+   ASSERT_NE(elf, nullptr);
+   char line[512];
+   std::set<std::string> needed;
+   while (fgets(line, sizeof line, elf) != nullptr) {
+      if (const char *open = strstr(line, "Shared library: [")) {
+         needed.emplace(open + 17, strcspn(open + 17, "]"));
+      }
+   }
+   pclose(elf);
+   EXPECT_EQ(needed, (std::set<std::string>{"ld-linux-x86-64.so.2", "libc.so.6", "libm.so.6",
+                                            "libplist-2.0.so.3"}));
 
    RunOptions options;
    options.env.push_back("LD_PRELOAD=" + probeDir + "/probe.so");
