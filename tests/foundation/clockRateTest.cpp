@@ -1,5 +1,3 @@
-#include <cstdint>
-
 #include "clockRate.h"
 #include "testSupport.h"
 

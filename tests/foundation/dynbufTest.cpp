@@ -1,27 +1,20 @@
-#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
-
-#include <string>
 
 #include "dynbuf.h"
 #include "testSupport.h"
 
-namespace {
-
 /* Far more than any allocator will hand out, but small enough not to overflow the size. */
-constexpr size_t kImpossible = SIZE_MAX / 2;
+static constexpr size_t kImpossible = SIZE_MAX / 2;
 
 /* A buffer holding `size` bytes of 'x' in exactly `size` allocated bytes. */
-void FillExactly(DynBuf *b, size_t size)
+static void FillExactly(DynBuf *b, size_t size)
 {
    DynBuf_Init(b);
    ASSERT_TRUE(DynBuf_Enlarge(b, size) && DynBuf_Trim(b));
    ASSERT_TRUE(DynBuf_Append(b, std::string(size, 'x').data(), size));
    ASSERT_EQ(DynBuf_GetAllocatedSize(b), size);
 }
-
-}  // namespace
 
 TEST(DynBuf, GrowthDoublesThenStepsBy256KiB)
 {

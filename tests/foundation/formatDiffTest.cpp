@@ -6,19 +6,13 @@
 #include <float.h>
 #include <limits.h>
 #include <math.h>
-#include <stdint.h>
 #include <stdio.h>
-
-#include <string>
-#include <vector>
 
 #include "str.h"
 #include "testSupport.h"
 
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
-
-namespace {
 
 const char *const kFlags[] = {"", "-", "+", " ", "#", "0", "'", "+0", "- ", "#-", "0#", "+ #0"};
 const char *const kWidths[] = {"", "1", "5", "12", "*"};
@@ -65,10 +59,8 @@ class Grid {
             for (int sign : {1, -1}) {
                if (starWidth && starPrecision) {
                   Check(fmt, fmt, 7 * sign, 3 * sign, value);
-               } else if (starWidth) {
-                  Check(fmt, fmt, 7 * sign, value);
-               } else if (starPrecision) {
-                  Check(fmt, fmt, 3 * sign, value);
+               } else if (starWidth || starPrecision) {
+                  Check(fmt, fmt, (starWidth ? 7 : 3) * sign, value);
                } else if (sign == 1) {
                   Check(fmt, fmt, value);
                }
@@ -86,7 +78,7 @@ const std::vector<const char *> kPrecisions = {"", ".", ".0", ".1", ".5", ".17",
 const auto kNoSkip = [](int) { return false; };
 
 /* Whether ecvt's digits for value are the ones the C library's %e prints. */
-bool EcvtAgreesWithPrintf(double value, int ndigits)
+static bool EcvtAgreesWithPrintf(double value, int ndigits)
 {
    if (!isfinite(value) || value == 0) {
       return true;
@@ -198,5 +190,3 @@ TEST(FormatDiff, MixedAndPositionalFormats)
    same("%3$lld %2$hhd %1$s", "x", 300, INT64_MIN);
    same("%9$d %8$d %7$d %6$d %5$d %4$d %3$d %2$d %1$s", "1", 2, 3, 4, 5, 6, 7, 8, 9);
 }
-
-}  // namespace

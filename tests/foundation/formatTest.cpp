@@ -4,13 +4,9 @@
  */
 #include <limits.h>
 #include <math.h>
-#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <wchar.h>
-
-#include <string>
-#include <vector>
 
 #include "msgfmt.h"
 #include "str.h"
@@ -21,10 +17,9 @@
 #pragma GCC diagnostic ignored "-Wformat-extra-args"
 #pragma GCC diagnostic ignored "-Wformat-zero-length"
 
-namespace {
-
 /* Formats in allocating mode with the given punctuation ("<error>" on failure). */
-std::string Punct(const char *grouping, char separator, const char *point, const char *fmt, ...)
+static std::string Punct(const char *grouping, char separator, const char *point, const char *fmt,
+                         ...)
 {
    bsdfmt::Punctuation punct;
    punct.grouping = grouping;
@@ -45,7 +40,7 @@ std::string Punct(const char *grouping, char separator, const char *point, const
 #define Fmt(...) Punct(nullptr, ',', ".", __VA_ARGS__)
 
 /* Through the exported entry in fixed mode. */
-int FixedPosix(char *buf, size_t size, const char *fmt, ...)
+static int FixedPosix(char *buf, size_t size, const char *fmt, ...)
 {
    va_list args;
    va_start(args, fmt);
@@ -113,21 +108,24 @@ TEST(Format, PositionalArguments)
 
 TEST(Format, CountStoresEveryWidthAndLimit)
 {
-   signed char hh = 0;
-   short h = 0;
-   int plain = 0;
-   long l = -1;
-   long long ll = -1;
-   intmax_t j = -1;
-   size_t z = 0;
-   int64_t i64 = -1;
+   struct {
+      signed char hh;
+      short h;
+      int plain;
+      long l;
+      long long ll;
+      intmax_t j;
+      size_t z;
+      int64_t i64;
+   } n = {0, 0, 0, -1, -1, -1, 0, -1};
    std::string pad(200, 'x');
-   EXPECT_EQ(
-       Fmt("%s%hhn%hn%n%ln%lln%jn%zn%I64n|", pad.c_str(), &hh, &h, &plain, &l, &ll, &j, &z, &i64),
-       pad + "|");
-   EXPECT_EQ(hh, (signed char)200);
-   EXPECT_TRUE(h == 200 && plain == 200 && l == 200 && ll == 200 && j == 200 && z == 200 &&
-               i64 == 200);
+   EXPECT_EQ(Fmt("%s%hhn%hn%n%ln%lln%jn%zn%I64n|", pad.c_str(), &n.hh, &n.h, &n.plain, &n.l, &n.ll,
+                 &n.j, &n.z, &n.i64),
+             pad + "|");
+   EXPECT_EQ(n.hh, (signed char)200);
+   EXPECT_TRUE(n.h == 200 && n.plain == 200 && n.l == 200 && n.ll == 200 && n.j == 200 &&
+               n.z == 200 && n.i64 == 200);
+   int plain = 0;
 
    // Fixed mode drops what does not fit but goes on counting, up to INT_MAX.
    char buf[8];
@@ -206,5 +204,3 @@ TEST(Format, CapturedArguments)
    }
    EXPECT_EQ(MsgFmt_Snprintf(buf, sizeof buf, "%1$*1$d|", pair, 2), 2);
 }
-
-}  // namespace

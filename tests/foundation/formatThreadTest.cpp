@@ -4,10 +4,6 @@
  */
 #include <stdio.h>
 
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "str.h"
 #include "testSupport.h"
 

@@ -1,8 +1,6 @@
 #include <unistd.h>
 
-#include <fstream>
 #include <regex>
-#include <string>
 
 #include "log.h"
 #include "testSupport.h"
@@ -49,9 +47,7 @@ TEST(Log, SetOutputFileWritesThereAndFailureSilences)
    EXPECT_EQ(Log_GetOutputFd(), -1);
    Log_SetOutputFd(previous);
    close(fd);
-   std::ifstream in(dir / "log.txt");
-   std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-   EXPECT_EQ(testsupport::StripStamps(text), "one\n");
+   EXPECT_EQ(testsupport::StripStamps(testsupport::ReadFile(dir / "log.txt")), "one\n");
 }
 
 TEST(LogDeath, FatalChecksNameTheSourceWithoutExtension)
