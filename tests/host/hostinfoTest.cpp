@@ -10,17 +10,12 @@
 
 #include <deque>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "hostinfo.h"
 #include "misc/hostinfoInt.h"
 #include "testSupport.h"
 
 using testsupport::LogCapture;
-
-namespace {
 
 /* An interface list such as getifaddrs returns. */
 class FakeInterfaces {
@@ -45,8 +40,6 @@ class FakeInterfaces {
    std::deque<ifaddrs> entries_;
    std::deque<sockaddr_ll> addresses_;
 };
-
-}  // namespace
 
 TEST(HostinfoMachineID, HostNameHashAndInterfaceOrder)
 {
@@ -96,8 +89,8 @@ TEST(HostinfoOS, ReleaseFileVersionAndDescription)
       EXPECT_EQ(value, result);
    }
    std::string value;
-   EXPECT_FALSE(HostinfoOSReleaseValue(text, "VERSION_ID", &value));
-   EXPECT_FALSE(HostinfoOSReleaseValue(text, "NAM", &value));
+   EXPECT_FALSE(HostinfoOSReleaseValue(text, "VERSION_ID", &value) ||
+                HostinfoOSReleaseValue(text, "NAM", &value));
 
    struct utsname u;
    ASSERT_EQ(uname(&u), 0);
@@ -132,18 +125,15 @@ TEST(HostinfoProcess, StartTimes)
    struct timeval now;
    gettimeofday(&now, nullptr);
    uint64_t nowUs = static_cast<uint64_t>(now.tv_sec) * 1000000 + now.tv_usec;
-   EXPECT_LE(startUs, nowUs);
-   EXPECT_GT(startUs + 3600ull * 1000000, nowUs); /* this test started within the hour */
+   EXPECT_TRUE(startUs <= nowUs && startUs + 3600ull * 1000000 > nowUs); /* within the hour */
 
    pid_t child = fork();
    if (child == 0) {
       _exit(0);
    }
    ASSERT_EQ(waitpid(child, nullptr, 0), child);
-   EXPECT_FALSE(Hostinfo_GetProcessStartTicks(child, &before));
-   EXPECT_EQ(errno, ENOENT);
-   EXPECT_FALSE(Hostinfo_GetProcessStartTime(0, &startUs));
-   EXPECT_EQ(errno, EINVAL);
+   EXPECT_FALSE(Hostinfo_GetProcessStartTicks(child, &before) || errno != ENOENT);
+   EXPECT_FALSE(Hostinfo_GetProcessStartTime(0, &startUs) || errno != EINVAL);
    EXPECT_FALSE(Hostinfo_GetProcessStartTime(-1, &startUs));
 }
 
@@ -194,15 +184,13 @@ TEST(HostinfoQueries, LoadMemoryAndSlabs)
    uint64_t total = 0, available = 0;
    ASSERT_TRUE(Hostinfo_GetMemoryInfoInPages(&total, &available));
    EXPECT_EQ(total, static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)));
-   EXPECT_GT(available, 0u);
-   EXPECT_LE(available, total);
+   EXPECT_TRUE(available > 0 && available <= total);
 
    if (access("/sys/kernel/slab/kmalloc-64/object_size", R_OK) == 0 ||
        access("/proc/slabinfo", R_OK) == 0) {
       EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("kmalloc-64"), 64u);
    }
-   EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("no-such-cache"), 0u);
-   EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("../slab/kmalloc-64"), 0u);
-   EXPECT_EQ(Hostinfo_GetKernelZoneElemSize(""), 0u);
-   EXPECT_EQ(Hostinfo_GetKernelZoneElemSize(nullptr), 0u);
+   for (const char *bad : {"no-such-cache", "../slab/kmalloc-64", "", (const char *)nullptr}) {
+      EXPECT_EQ(Hostinfo_GetKernelZoneElemSize(bad), 0u) << (bad != nullptr ? bad : "NULL");
+   }
 }

@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "hostinfo.h"
 #include "id.h"
@@ -17,10 +15,8 @@
 using testsupport::LogCapture;
 using testsupport::ScratchDir;
 
-namespace {
-
 /* Runs argv[0] with output to a file; the interpreter's search paths are not inherited. */
-pid_t Spawn(const std::vector<std::string> &argv, const std::string &output = "/dev/null")
+static pid_t Spawn(const std::vector<std::string> &argv, const std::string &output = "/dev/null")
 {
    pid_t pid = fork();
    if (pid == 0) {
@@ -40,7 +36,7 @@ pid_t Spawn(const std::vector<std::string> &argv, const std::string &output = "/
    return pid;
 }
 
-int RunToExit(const std::vector<std::string> &argv)
+static int RunToExit(const std::vector<std::string> &argv)
 {
    int status = 0;
    pid_t pid = Spawn(argv);
@@ -151,12 +147,10 @@ class FormDonor {
    int end_ = -1;
 };
 
-std::string Pattern(const char *key, const char *type, uint64_t value)
+static std::string Pattern(const char *key, const char *type, uint64_t value)
 {
    return std::string("'") + key + "'): dbus." + type + "(" + std::to_string(value) + ",";
 }
-
-}  // namespace
 
 TEST_F(IdAuth, SetAcceptsOneValidFormOnce)
 {

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <future>
-#include <thread>
 
 #include "id.h"
 #include "testSupport.h"
@@ -15,10 +14,8 @@ using testsupport::LogCapture;
  * Credential changes are made on threads of their own, which take them along when they end;
  * the main thread stays root throughout.
  */
-namespace {
-
-constexpr uid_t kNobody = 65534;
-constexpr uid_t kNoUid = static_cast<uid_t>(-1);
+static constexpr uid_t kNobody = 65534;
+static constexpr uid_t kNoUid = static_cast<uid_t>(-1);
 
 class IdThread : public ::testing::Test {
   protected:
@@ -29,8 +26,6 @@ class IdThread : public ::testing::Test {
       }
    }
 };
-
-}  // namespace
 
 TEST_F(IdThread, SuperUserBracketActsOnTheCallingThreadOnly)
 {

@@ -1,25 +1,17 @@
 #include <stdlib.h>
 
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "productState.h"
 #include "productState/productStateInt.h"
 #include "testSupport.h"
 
-namespace {
-
 using testsupport::Take;
 
-std::string Dotted(ProductVersionNumber n)
+static std::string Dotted(ProductVersionNumber n)
 {
    return std::to_string(n.major) + "." + std::to_string(n.minor) + "." + std::to_string(n.patch);
 }
 
-constexpr uint32_t ALL = 0x01 | 0x02 | 0x04 | 0x08 | 0x10 | 0x80;
-
-}  // namespace
+static constexpr uint32_t kAll = 0x01 | 0x02 | 0x04 | 0x08 | 0x10 | 0x80;
 
 TEST(ProductState, DefaultsOverridesOnceAndDerivedValues)
 {
@@ -62,7 +54,7 @@ TEST(ProductState, SerialisationEscapesAndRoundTrips)
    state.SetBuildNumber(42);
    state.SetCapabilities(18446744073709551615ULL);
    state.SetBundleIdentifier("com.example.x");
-   std::string text = Take(state.Serialize(ALL));
+   std::string text = Take(state.Serialize(kAll));
    EXPECT_EQ(text,
              "product=7;name=A#3BB#23C;version=1.2.3;buildnumber=42;"
              "capabilities=18446744073709551615;bundleidentifier=com.example.x;");
@@ -72,7 +64,7 @@ TEST(ProductState, SerialisationEscapesAndRoundTrips)
 
    ProductStateData copy;
    EXPECT_TRUE(copy.Deserialize(text.c_str()));
-   EXPECT_EQ(Take(copy.Serialize(ALL)), text);
+   EXPECT_EQ(Take(copy.Serialize(kAll)), text);
    EXPECT_STREQ(copy.Name(), "A;B#C");
 }
 

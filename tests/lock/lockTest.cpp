@@ -1,20 +1,14 @@
 #include <stdlib.h>
 
-#include <functional>
-#include <string>
-#include <thread>
-
 #include "lock/ulInt.h"
 #include "testSupport.h"
 #include "userlock.h"
 
 using testsupport::RegexQuote;
 
-namespace {
-
 /* The dump of an unbound lock as it reaches standard error, each line behind its log stamp. */
-std::string DumpLines(const char *head, const void *lock, const MXUserHeader &header,
-                      const char *referenceLine, int count, const void *owner)
+static std::string DumpLines(const char *head, const void *lock, const MXUserHeader &header,
+                             const char *referenceLine, int count, const void *owner)
 {
    char text[512];
    snprintf(text, sizeof text,
@@ -26,14 +20,12 @@ std::string DumpLines(const char *head, const void *lock, const MXUserHeader &he
    return text;
 }
 
-__attribute__((noinline)) MXUserRecLock *CreateUnnamedHere()
+static __attribute__((noinline)) MXUserRecLock *CreateUnnamedHere()
 {
    MXUserRecLock *lock = MXUser_CreateRecLock(nullptr, 0);
    asm volatile("" ::: "memory"); /* no tail call: the call site stays here */
    return lock;
 }
-
-}  // namespace
 
 TEST(MXUser, LocksAreNumberedSignedNamedAfterTheCreatingCodeAndShared)
 {

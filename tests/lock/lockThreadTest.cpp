@@ -1,18 +1,11 @@
 #include <atomic>
-#include <barrier>
 #include <chrono>
-#include <thread>
-#include <vector>
 
 #include "lock/ulInt.h"
 #include "testSupport.h"
 #include "userlock.h"
 
-namespace {
-
 using testsupport::RunThreads;
-
-}  // namespace
 
 TEST(MXUserThreads, LazyCreationRacesEndWithOneLock)
 {

@@ -1,22 +1,15 @@
 /*
  * CodeSet: the built-in converters, the ICU path and where the two must agree.
  */
-#include <gtest/gtest.h>
-
 #include <stdlib.h>
 #include <unicode/utypes.h>
 
-#include <fstream>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "codeset.h"
 #include "misc/codesetBuiltin.h"
 #include "testSupport.h"
 #include "unicode.h"
-
-namespace {
 
 using Bytes = std::string;
 
@@ -26,7 +19,7 @@ struct Result {
 };
 
 template <typename Fn>
-Result IntoDynBuf(Fn convert)
+static Result IntoDynBuf(Fn convert)
 {
    DynBuf db;
    DynBuf_Init(&db);
@@ -36,14 +29,14 @@ Result IntoDynBuf(Fn convert)
    return r;
 }
 
-Result Convert(const char *from, const Bytes &in, const char *to, int policy = 0)
+static Result Convert(const char *from, const Bytes &in, const char *to, int policy = 0)
 {
    return IntoDynBuf([&](DynBuf *db) {
       return CodeSet_ConvertToDynBuf(from, in.data(), in.size(), to, policy, db);
    });
 }
 
-Result Builtin(StringEncoding from, const Bytes &in, StringEncoding to, int policy = 0)
+static Result Builtin(StringEncoding from, const Bytes &in, StringEncoding to, int policy = 0)
 {
    return IntoDynBuf([&](DynBuf *db) {
       return CodeSetBuiltinConvert(from, to, in.data(), in.size(), policy, db);
@@ -52,7 +45,7 @@ Result Builtin(StringEncoding from, const Bytes &in, StringEncoding to, int poli
 
 /* Runs a heap-result conversion; a result must be followed by `zeros` zero bytes. */
 using HeapFn = bool (*)(const char *, size_t, char **, size_t *);
-Result Heap(HeapFn convert, const Bytes &in, size_t zeros = 4)
+static Result Heap(HeapFn convert, const Bytes &in, size_t zeros = 4)
 {
    char *out = nullptr;
    size_t size = 0;
@@ -65,7 +58,7 @@ Result Heap(HeapFn convert, const Bytes &in, size_t zeros = 4)
    return r;
 }
 
-Bytes Utf16(const std::u16string &s, bool bigEndian)
+static Bytes Utf16(const std::u16string &s, bool bigEndian)
 {
    Bytes out;
    for (char16_t u : s) {
@@ -83,7 +76,7 @@ class CodeSetTest : public ::testing::Test {
    void UseIcu(bool on)
    {
       if (on) {
-         std::ofstream(dir_ / (U_ICUDATA_NAME ".dat")) << "x";
+         testsupport::WriteFile(dir_ / (U_ICUDATA_NAME ".dat"), "x");
       }
       CodeSet_Init(on ? dir_.Path().c_str() : "/nonexistent/icu-data-directory");
    }
@@ -97,9 +90,7 @@ TEST_F(CodeSetTest, InitTurnsIcuOnOnlyForAnExistingDataFile)
    EXPECT_TRUE(CodeSet_Init(dir_.Path().c_str())); /* directory without the file */
    EXPECT_FALSE(Convert("UTF-8", "a", "ISO-8859-2").ok);
    UseIcu(true);
-   Result r = Convert("UTF-8", "\xC5\x82", "ISO-8859-2");
-   EXPECT_TRUE(r.ok);
-   EXPECT_EQ(r.bytes, "\xB3");
+   EXPECT_EQ(Convert("UTF-8", "\xC5\x82", "ISO-8859-2").bytes, "\xB3");
    EXPECT_STREQ(CodeSet_GetCurrentCodeSet(), "UTF-8");
 }
 
@@ -118,8 +109,7 @@ TEST_F(CodeSetTest, BuiltinPairs)
    /* Nothing to convert succeeds and appends nothing. */
    Result none = IntoDynBuf(
        [](DynBuf *db) { return CodeSet_ConvertToDynBuf("UTF-8", nullptr, 5, "nonsense", 0, db); });
-   EXPECT_TRUE(none.ok);
-   EXPECT_EQ(none.bytes, "");
+   EXPECT_TRUE(none.ok && none.bytes.empty());
 }
 
 TEST_F(CodeSetTest, OutputsInBothModes)
@@ -136,8 +126,7 @@ TEST_F(CodeSetTest, OutputsInBothModes)
 
       char *out = nullptr;
       size_t size = 0;
-      ASSERT_TRUE(CodeSet_Convert("UTF-8", "abc", 3, "UTF-16LE", 0, &out, &size));
-      EXPECT_EQ(size, 6u);
+      ASSERT_TRUE(CodeSet_Convert("UTF-8", "abc", 3, "UTF-16LE", 0, &out, &size) && size == 6);
       EXPECT_EQ(Bytes(out, 10), Bytes("a\0b\0c\0\0\0\0\0", 10));
       free(out);
       EXPECT_EQ(Heap(CodeSet_Utf16leToUtf8, Bytes("h\0i\0", 4)).bytes, "hi");
@@ -225,8 +214,7 @@ TEST_F(CodeSetTest, MalformedUtf8)
             EXPECT_FALSE(Convert("UTF-8", input, "UTF-16LE", 2).ok);
             continue;
          }
-         EXPECT_TRUE(sub.ok);
-         EXPECT_EQ(sub.bytes, substituted);
+         EXPECT_TRUE(sub.ok && sub.bytes == substituted);
          Bytes kept;
          for (char ch : substituted) {
             kept += (unsigned char)ch < 0x80 ? Bytes(1, ch) : Bytes();
@@ -237,7 +225,7 @@ TEST_F(CodeSetTest, MalformedUtf8)
 }
 
 /* Random text built from every code-point class, with some bytes broken. */
-Bytes RandomText(std::mt19937 &rng, bool breakSome)
+static Bytes RandomText(std::mt19937 &rng, bool breakSome)
 {
    // clang-format off
    static const std::vector<Bytes> pieces = {
@@ -304,5 +292,3 @@ TEST_F(CodeSetTest, BuiltinAgreesWithIcu)
       }
    }
 }
-
-}  // namespace

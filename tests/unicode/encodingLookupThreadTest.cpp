@@ -1,16 +1,10 @@
 /*
  * The encoding-name cache is created and filled by racing threads.
  */
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <thread>
-#include <vector>
 
 #include "testSupport.h"
 #include "unicodeTypes.h"
-
-namespace {
 
 TEST(EncodingLookupThread, RacingLookupsAgree)
 {
@@ -37,5 +31,3 @@ TEST(EncodingLookupThread, InitRunsOnce)
    testsupport::RunThreads(4, [](int) { Unicode_Init(nullptr); });
    EXPECT_EQ(Unicode_ResolveEncoding(-1), 0);
 }
-
-}  // namespace
