@@ -4,39 +4,30 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <thread>
 
 #include "hostinfo.h"
 #include "testSupport.h"
 
 using testsupport::LogCapture;
+using testsupport::ReadFile;
 using testsupport::ScratchDir;
 
-namespace {
-
-using testsupport::ReadFile;
-
 // Starts the probe detached; it writes its report to reportPath, then sleeps for seconds.
-bool Start(const std::string &reportPath, const char *seconds, unsigned flags,
-           const char *pidPath = nullptr, const int *keep = nullptr, size_t numKeep = 0)
+static bool Start(const std::string &reportPath, const char *seconds, unsigned flags,
+                  const char *pidPath = nullptr, const int *keep = nullptr, size_t numKeep = 0)
 {
    const char *argv[] = {"daemonProbe", reportPath.c_str(), seconds, nullptr};
    return Hostinfo_Daemonize(DAEMON_PROBE, (char *const *)argv, flags, pidPath, keep, numKeep);
 }
 
 // The probe's report, waiting up to five seconds for it.
-std::string Report(const std::string &path)
+static std::string Report(const std::string &path)
 {
    for (int i = 0; i < 500 && access(path.c_str(), F_OK) != 0; i++) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
    }
    return ReadFile(path);
 }
-
-}  // namespace
 
 TEST(Daemonize, DetachedDaemonKeepsOnlyChosenDescriptors)
 {
