@@ -132,11 +132,9 @@ TEST(Daemonize, ExitFlagEndsTheCaller)
 
 TEST(Daemonize, ModulePath)
 {
-   char *path = Hostinfo_GetModulePath(1);
    char real[4096] = {};
    ASSERT_GT(readlink("/proc/self/exe", real, sizeof real - 1), 0);
-   EXPECT_STREQ(path, real);
-   free(path);
+   EXPECT_EQ(testsupport::Take(Hostinfo_GetModulePath(1)), real);
 
    LogCapture log;
    EXPECT_EQ(Hostinfo_GetModulePath(2), nullptr);

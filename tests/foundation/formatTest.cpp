@@ -170,14 +170,12 @@ TEST(Format, CapturedArguments)
                          {MSGFMT_ARG_STRING8_MSGID, {.string8 = (char *)"@&!*@*@(msg.id)Hi there"}},
                          {MSGFMT_ARG_INT32_ALT, {.signed32 = 'Z'}}};
    size_t length = 0;
-   char *s = MsgFmt_Asprintf(
-       &length, "%1$d %2$lld %2$jd %3$p %4$.1f %4$g %5$s %6$S %6$ls %7$s %8$c %1$u %8$x", args, 8);
-   ASSERT_NE(s, nullptr);
-   EXPECT_STREQ(s,
-                "-5 -9223372036854775808 -9223372036854775808 0xabc 2.5 2.5 text w\xC3\xA9 "
-                "w\xC3\xA9 Hi there Z 4294967291 5a");
-   EXPECT_EQ(length, strlen(s));
-   free(s);
+   std::string s = testsupport::Take(MsgFmt_Asprintf(
+       &length, "%1$d %2$lld %2$jd %3$p %4$.1f %4$g %5$s %6$S %6$ls %7$s %8$c %1$u %8$x", args, 8));
+   EXPECT_EQ(s,
+             "-5 -9223372036854775808 -9223372036854775808 0xabc 2.5 2.5 text w\xC3\xA9 "
+             "w\xC3\xA9 Hi there Z 4294967291 5a");
+   EXPECT_EQ(length, s.size());
    args[5].type = MSGFMT_ARG_STRING32_ALT;
    char buf[16];
    EXPECT_EQ(MsgFmt_Snprintf(buf, sizeof buf, "%6$S", args, 8), 3);
@@ -190,9 +188,8 @@ TEST(Format, CapturedArguments)
    MsgFmt_Arg ids[3] = {{MSGFMT_ARG_STRING8, {.string8 = (char *)"@&!*@*@(open"}},
                         {MSGFMT_ARG_STRING8, {.string8 = (char *)"@&!*@*@()bare"}},
                         {MSGFMT_ARG_STRING8, {.string8 = (char *)"x@&!*@*@(a)b"}}};
-   s = MsgFmt_Asprintf(nullptr, "%s|%s|%s|%1$.2s", ids, 3);
-   EXPECT_STREQ(s, "@&!*@*@(open|bare|x@&!*@*@(a)b|@&");
-   free(s);
+   EXPECT_EQ(testsupport::Take(MsgFmt_Asprintf(nullptr, "%s|%s|%s|%1$.2s", ids, 3)),
+             "@&!*@*@(open|bare|x@&!*@*@(a)b|@&");
 
    // A conversion that does not match the captured type, or no argument at all, fails.
    MsgFmt_Arg pair[2] = {{MSGFMT_ARG_INT32, {.signed32 = 1}},

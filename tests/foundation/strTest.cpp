@@ -74,9 +74,7 @@ TEST(Str, SprintfAndAsprintf)
    length = 99;
    EXPECT_EQ(Str_Asprintf(&length, "%lc", kUnconvertible), nullptr);
    EXPECT_EQ(length, 99u);
-   s = Str_SafeAsprintf(nullptr, "%s", "");
-   EXPECT_STREQ(s, "");
-   free(s);
+   EXPECT_EQ(testsupport::Take(Str_SafeAsprintf(nullptr, "%s", "")), "");
    EXPECT_PANIC_MATCHING(Str_SafeAsprintf(nullptr, "%lc", kUnconvertible),
                          "VERIFY lib/string/str:[0-9]+\n");
 }

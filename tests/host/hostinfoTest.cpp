@@ -99,10 +99,7 @@ TEST(HostinfoOS, ReleaseFileVersionAndDescription)
        std::to_string(Hostinfo_OSVersion(0)) + "." + std::to_string(Hostinfo_OSVersion(1)) + ".";
    EXPECT_EQ(std::string(u.release).rfind(numbers, 0), 0u) << u.release;
    EXPECT_EQ(Hostinfo_OSVersion(99), 0);
-   char *name = Hostinfo_GetOSName();
-   ASSERT_NE(name, nullptr);
-   std::string description(name);
-   free(name);
+   std::string description = testsupport::Take(Hostinfo_GetOSName());
    EXPECT_TRUE(std::regex_match(
        description, std::regex(std::string(R"([^ ].* [^ ]+ \([^ ]+\) )") + u.sysname + " " +
                                testsupport::RegexQuote(u.release))))
@@ -140,10 +137,7 @@ TEST(HostinfoProcess, StartTimes)
 TEST(HostinfoQueries, CpuidSignatureIsStableAcrossProcessors)
 {
 #if defined(__x86_64__) || defined(__i386__)
-   char *signature = Hostinfo_GetCpuidSignature();
-   ASSERT_NE(signature, nullptr);
-   std::string first(signature);
-   free(signature);
+   std::string first = testsupport::Take(Hostinfo_GetCpuidSignature());
    EXPECT_TRUE(
        std::regex_match(first, std::regex("00000000:[0-9A-F]{32}-([0-9A-F]{8}:[0-9A-F]{32}-)*")))
        << first;
@@ -157,10 +151,8 @@ TEST(HostinfoQueries, CpuidSignatureIsStableAcrossProcessors)
             CPU_ZERO(&one);
             CPU_SET(cpu, &one);
             ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
-            char *again = Hostinfo_GetCpuidSignature();
-            ASSERT_NE(again, nullptr);
-            EXPECT_EQ(again, first) << "processor " << cpu;
-            free(again);
+            EXPECT_EQ(testsupport::Take(Hostinfo_GetCpuidSignature()), first)
+                << "processor " << cpu;
          }).join();
       }
    }

@@ -18,22 +18,27 @@ struct Result {
    Bytes bytes;
 };
 
+/* The buffer's contents after convert, which starts from `initial`. */
 template <typename Fn>
-static Result IntoDynBuf(Fn convert)
+static Result IntoDynBuf(Fn convert, const Bytes &initial = "")
 {
    DynBuf db;
    DynBuf_Init(&db);
+   EXPECT_TRUE(DynBuf_Append(&db, initial.data(), initial.size()));
    bool ok = convert(&db);
-   Result r{ok, ok ? Bytes(db.data == nullptr ? "" : db.data, db.size) : Bytes()};
+   Result r{ok, Bytes(db.data == nullptr ? "" : db.data, db.size)};
    DynBuf_Destroy(&db);
    return r;
 }
 
-static Result Convert(const char *from, const Bytes &in, const char *to, int policy = 0)
+static Result Convert(const char *from, const Bytes &in, const char *to, int policy = 0,
+                      const Bytes &initial = "")
 {
-   return IntoDynBuf([&](DynBuf *db) {
-      return CodeSet_ConvertToDynBuf(from, in.data(), in.size(), to, policy, db);
-   });
+   return IntoDynBuf(
+       [&](DynBuf *db) {
+          return CodeSet_ConvertToDynBuf(from, in.data(), in.size(), to, policy, db);
+       },
+       initial);
 }
 
 static Result Builtin(StringEncoding from, const Bytes &in, StringEncoding to, int policy = 0)
@@ -83,7 +88,7 @@ class CodeSetTest : public ::testing::Test {
    testsupport::ScratchDir dir_;
 };
 
-TEST_F(CodeSetTest, InitTurnsIcuOnOnlyForAnExistingDataFile)
+TEST_F(CodeSetTest, IcuOnlyWithAnExistingDataFileElseBuiltinPairs)
 {
    EXPECT_TRUE(CodeSet_Init("/nonexistent"));
    EXPECT_FALSE(Convert("UTF-8", "a", "ISO-8859-2").ok);
@@ -92,10 +97,8 @@ TEST_F(CodeSetTest, InitTurnsIcuOnOnlyForAnExistingDataFile)
    UseIcu(true);
    EXPECT_EQ(Convert("UTF-8", "\xC5\x82", "ISO-8859-2").bytes, "\xB3");
    EXPECT_STREQ(CodeSet_GetCurrentCodeSet(), "UTF-8");
-}
 
-TEST_F(CodeSetTest, BuiltinPairs)
-{
+   UseIcu(false);
    EXPECT_FALSE(Convert("UTF-8", "a", "UTF-16BE").ok); /* not a built-in pair */
    EXPECT_FALSE(Convert("UTF-16LE", Bytes("\x41\x00\x42", 3), "UTF-8").ok);
    EXPECT_EQ(Convert("US-ASCII", "\x41\x80", "UTF-8").bytes, "\x41\xEF\xBF\xBD");
@@ -116,13 +119,8 @@ TEST_F(CodeSetTest, OutputsInBothModes)
 {
    for (bool icu : {false, true}) {
       UseIcu(icu);
-      /* A failure leaves the buffer as it was. */
-      DynBuf db;
-      DynBuf_Init(&db);
-      ASSERT_TRUE(DynBuf_Append(&db, "keep", 4));
-      EXPECT_FALSE(CodeSet_ConvertToDynBuf("UTF-8", "ab\xFF", 3, "UTF-16LE", 0, &db));
-      EXPECT_EQ(Bytes(db.data, db.size), "keep");
-      DynBuf_Destroy(&db);
+      Result kept = Convert("UTF-8", "ab\xFF", "UTF-16LE", 0, "keep");
+      EXPECT_TRUE(!kept.ok && kept.bytes == "keep");  // a failure leaves the buffer as it was
 
       char *out = nullptr;
       size_t size = 0;
@@ -136,7 +134,7 @@ TEST_F(CodeSetTest, OutputsInBothModes)
    }
 }
 
-TEST_F(CodeSetTest, Validate)
+TEST_F(CodeSetTest, ValidateAndNormalize)
 {
    for (bool icu : {false, true}) {
       UseIcu(icu);
@@ -151,10 +149,6 @@ TEST_F(CodeSetTest, Validate)
    EXPECT_TRUE(CodeSet_IsEncodingSupported("ISO-8859-2"));
    EXPECT_FALSE(CodeSet_IsEncodingSupported("no-such-encoding"));
    EXPECT_PANIC(CodeSet_Validate("a", 1, "no-such-encoding"), "VERIFY lib/misc/codeset:");
-}
-
-TEST_F(CodeSetTest, Normalize)
-{
    EXPECT_EQ(Heap(CodeSet_Utf8NormalizeD, "\xC3\xA9", 1).bytes, "e\xCC\x81");
    EXPECT_EQ(Heap(CodeSet_Utf8NormalizeC, "e\xCC\x81!", 1).bytes, "\xC3\xA9!");
    EXPECT_FALSE(Heap(CodeSet_Utf8NormalizeC, "\xC3").ok);
