@@ -61,8 +61,7 @@ TEST(Daemonize, DetachedDaemonKeepsOnlyChosenDescriptors)
 TEST(Daemonize, KeepFlagsLeaveDirectorySessionAndStreams)
 {
    ScratchDir scratch;
-   char cwd[4096];
-   char stdoutTarget[4096] = {};
+   char cwd[4096], stdoutTarget[4096] = {};
    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
    ASSERT_GT(readlink("/proc/self/fd/1", stdoutTarget, sizeof stdoutTarget - 1), 0);
 

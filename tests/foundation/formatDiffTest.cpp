@@ -25,8 +25,7 @@ class Grid {
    template <typename... Args>
    void Check(const std::string &fmt, const std::string &theirFmt, Args... args)
    {
-      char ours[512];
-      char theirs[512];
+      char ours[512], theirs[512];
       int ourLength = Str_Snprintf(ours, sizeof ours, fmt.c_str(), args...);
       int theirLength = snprintf(theirs, sizeof theirs, theirFmt.c_str(), args...);
       checked_++;
@@ -49,8 +48,7 @@ class Grid {
    {
       for (const char *width : kWidths) {
          for (const char *precision : precisions) {
-            bool starWidth = width[0] == '*';
-            bool starPrecision = strcmp(precision, ".*") == 0;
+            bool starWidth = width[0] == '*', starPrecision = strcmp(precision, ".*") == 0;
             if (starPrecision ? skip(3) || skip(-1)
                               : skip(precision[0] == '\0' ? -1 : atoi(precision + 1))) {
                continue;
@@ -70,8 +68,7 @@ class Grid {
    }
 
   private:
-   int checked_ = 0;
-   int mismatches_ = 0;
+   int checked_ = 0, mismatches_ = 0;
 };
 
 const std::vector<const char *> kPrecisions = {"", ".", ".0", ".1", ".5", ".17", ".*"};
@@ -83,17 +80,12 @@ static bool EcvtAgreesWithPrintf(double value, int ndigits)
    if (!isfinite(value) || value == 0) {
       return true;
    }
-   int decpt;
-   int sign;
+   int decpt, sign;
    std::string digits = ecvt(value, ndigits, &decpt, &sign);
    char printed[64];
    snprintf(printed, sizeof printed, "%.*e", ndigits - 1, fabs(value));
-   std::string expected;
-   for (const char *p = printed; *p != 'e'; p++) {
-      if (*p != '.') {
-         expected += *p;
-      }
-   }
+   std::string expected(printed, strchr(printed, 'e'));
+   std::erase(expected, '.');
    return digits == expected && decpt - 1 == atoi(strchr(printed, 'e') + 1);
 }
 

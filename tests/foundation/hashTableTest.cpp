@@ -30,8 +30,7 @@ static std::vector<const void *> KeysInOrder(HashTable *ht)
 {
    const void **keys = nullptr;
    void **values = nullptr;
-   size_t count = 99;
-   size_t valueCount = 99;
+   size_t count = 99, valueCount = 99;
    HashTable_KeyArray(ht, &keys, &count);
    HashTable_ValueArray(ht, &values, &valueCount);
    EXPECT_TRUE(count == valueCount && (count == 0) == (keys == nullptr && values == nullptr));

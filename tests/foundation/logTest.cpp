@@ -33,6 +33,7 @@ TEST(Log, DisabledDescriptorWritesNothingButPanicStillExits)
    LogCapture log;
    Log_SetOutputFd(-1);
    Log("lost\n");
+   EXPECT_EQ(log.Text(), "");
    EXPECT_EXIT(Panic("gone\n"), ::testing::ExitedWithCode(1), "^$");
 }
 

@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <deque>
 #include <regex>
 
 #include "hostinfo.h"
@@ -17,29 +16,27 @@
 
 using testsupport::LogCapture;
 
-/* An interface list such as getifaddrs returns. */
-class FakeInterfaces {
-  public:
-   FakeInterfaces &Add(const char *name, std::vector<unsigned char> address, int family = AF_PACKET)
-   {
-      sockaddr_ll &link = addresses_.emplace_back();
-      link.sll_family = static_cast<unsigned short>(family);
-      link.sll_halen = static_cast<unsigned char>(address.size());
-      std::copy(address.begin(), address.end(), link.sll_addr);
-      ifaddrs &entry = entries_.emplace_back();
-      entry.ifa_name = const_cast<char *>(name);
-      entry.ifa_addr = reinterpret_cast<sockaddr *>(&link);
-      if (entries_.size() > 1) {
-         entries_[entries_.size() - 2].ifa_next = &entry;
-      }
-      return *this;
-   }
-   const ifaddrs *List() const { return &entries_.front(); }
-
-  private:
-   std::deque<ifaddrs> entries_;
-   std::deque<sockaddr_ll> addresses_;
+struct FakeInterface {
+   const char *name;
+   std::vector<unsigned char> address;
+   int family = AF_PACKET;
 };
+
+/* The hardware identifier chosen from an interface list such as getifaddrs returns. */
+static uint64_t SelectFrom(const std::vector<FakeInterface> &list)
+{
+   std::vector<sockaddr_ll> links(list.size());
+   std::vector<ifaddrs> entries(list.size());
+   for (size_t i = 0; i < list.size(); i++) {
+      links[i].sll_family = static_cast<unsigned short>(list[i].family);
+      links[i].sll_halen = static_cast<unsigned char>(list[i].address.size());
+      std::copy(list[i].address.begin(), list[i].address.end(), links[i].sll_addr);
+      entries[i].ifa_next = i + 1 < list.size() ? &entries[i + 1] : nullptr;
+      entries[i].ifa_name = const_cast<char *>(list[i].name);
+      entries[i].ifa_addr = reinterpret_cast<sockaddr *>(&links[i]);
+   }
+   return HostinfoSelectHardwareID(entries.data());
+}
 
 TEST(HostinfoMachineID, HostNameHashAndInterfaceOrder)
 {
@@ -47,24 +44,21 @@ TEST(HostinfoMachineID, HostNameHashAndInterfaceOrder)
    EXPECT_EQ(HostinfoHostNameHash("\xff"), 177828u);     /* bytes are unsigned */
    EXPECT_EQ(HostinfoHostNameHash("hello"), 261238937u); /* wraps at 32 bits */
 
-   FakeInterfaces en;
-   en.Add("en0", {1, 1, 1, 1, 1, 1}, AF_INET) /* not link level */
-       .Add("en0", {})                        /* no hardware address */
-       .Add("eth0", {9, 9, 9, 9, 9, 9})       /* "en" names come first */
-       .Add("en2", {2, 2, 2, 2, 2, 2})
-       .Add("en1", {0x02, 0xfc, 0x00, 0x11, 0x22, 0x33});
-   EXPECT_EQ(HostinfoSelectHardwareID(en.List()), 0x33221100fc02ull);
-   FakeInterfaces eth;
-   eth.Add("lo", {0, 0, 0, 0, 0, 0})
-       .Add("eth10", {1, 1, 1, 1, 1, 1})
-       .Add("eth7", {7, 0, 0, 0, 0, 0});
-   EXPECT_EQ(HostinfoSelectHardwareID(eth.List()), 7u);
-
+   EXPECT_EQ(SelectFrom({{"en0", {1, 1, 1, 1, 1, 1}, AF_INET}, /* not link level */
+                         {"en0", {}},                          /* no hardware address */
+                         {"eth0", {9, 9, 9, 9, 9, 9}},         /* "en" names come first */
+                         {"en2", {2, 2, 2, 2, 2, 2}},
+                         {"en1", {0x02, 0xfc, 0x00, 0x11, 0x22, 0x33}}}),
+             0x33221100fc02ull);
+   EXPECT_EQ(SelectFrom({{"lo", {0, 0, 0, 0, 0, 0}},
+                         {"eth10", {1, 1, 1, 1, 1, 1}},
+                         {"eth7", {7, 0, 0, 0, 0, 0}}}),
+             7u);
    LogCapture log;
-   FakeInterfaces none;
-   none.Add("enp0s3", {1, 2, 3, 4, 5, 6}).Add("en8", {1, 2, 3, 4, 5, 6});
-   none.Add("eth0", {1, 2, 3, 4, 5, 6}, AF_INET);
-   EXPECT_EQ(HostinfoSelectHardwareID(none.List()), 0u);
+   EXPECT_EQ(SelectFrom({{"enp0s3", {1, 2, 3, 4, 5, 6}},
+                         {"en8", {1, 2, 3, 4, 5, 6}},
+                         {"eth0", {1, 2, 3, 4, 5, 6}, AF_INET}}),
+             0u);
    EXPECT_EQ(HostinfoSelectHardwareID(nullptr), 0u);
    EXPECT_EQ(log.Text(), "");
 }

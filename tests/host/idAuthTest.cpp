@@ -106,8 +106,7 @@ class PolkitAuth : public IdAuth {
 
    ScratchDir scratch_;
    std::string address_;
-   pid_t daemon_ = -1;
-   pid_t mock_ = -1;
+   pid_t daemon_ = -1, mock_ = -1;
 };
 
 /* Another process that hands over its reference's form and lives until released. */

@@ -105,5 +105,5 @@ TEST(UUID, RandomIdentifiersCarryTheirKind)
    EXPECT_NE(Take(UUID_CreateRandom(UUID_RANDOM_PLAIN, 0)), plain);
    uint8_t bytes[16];
    EXPECT_TRUE(UUID_ParseText(plain.c_str(), bytes));
-   EXPECT_PANIC(UUID_CreateRandom(4, 0), "NOT_REACHED lib/uuid/uuid:304\n");
+   EXPECT_PANIC(UUID_CreateRandom(4, 0), "NOT_REACHED lib/uuid/uuid:");
 }

@@ -67,8 +67,7 @@ TEST(MXUserThreads, WaitersWakeOnSignalAndBroadcastWithTheirNesting)
    auto begin = std::chrono::steady_clock::now();
    MXUserRecLock *lock = MXUser_CreateRecLock("queue", 0);
    MXUserCondVar *cv = MXUser_CreateCondVarRecLock(lock);
-   int ready = 0;
-   int woken = 0;
+   int ready = 0, woken = 0;
    RunThreads(4, [&](int i) {
       if (i == 3) {  // the signaller
          for (bool all = false; !all; std::this_thread::yield()) {
