@@ -28,26 +28,19 @@ TEST(Log, EntriesCarryStampPrefixAndNoLineEndOfTheirOwn)
              "Fn: Unable to retrieve path to executable.next\nWarning: " + std::string(1023, 'x'));
 }
 
-TEST(Log, DisabledDescriptorWritesNothingButPanicStillExits)
-{
-   LogCapture log;
-   Log_SetOutputFd(-1);
-   Log("lost\n");
-   EXPECT_EQ(log.Text(), "");
-   EXPECT_EXIT(Panic("gone\n"), ::testing::ExitedWithCode(1), "^$");
-}
-
-TEST(Log, SetOutputFileWritesThereAndFailureSilences)
+TEST(Log, OutputFileThenDisabledOutputWritesNothingButPanicStillExits)
 {
    testsupport::ScratchDir dir;
-   int previous = Log_GetOutputFd();
+   LogCapture log;  // restores the output at the end
    int fd = Log_SetOutputFile((dir / "log.txt").c_str());
    ASSERT_GE(fd, 0);
    Log("one\n");
-   EXPECT_EQ(Log_SetOutputFile((dir / "missing/log.txt").c_str()), -1);
+   EXPECT_EQ(Log_SetOutputFile((dir / "missing/log.txt").c_str()), -1);  // failure disables
    EXPECT_EQ(Log_GetOutputFd(), -1);
-   Log_SetOutputFd(previous);
+   Log("lost\n");
+   EXPECT_EXIT(Panic("gone\n"), ::testing::ExitedWithCode(1), "^$");
    close(fd);
+   EXPECT_EQ(log.Text(), "");
    EXPECT_EQ(testsupport::StripStamps(testsupport::ReadFile(dir / "log.txt")), "one\n");
 }
 

@@ -15,7 +15,7 @@ static MsgList *CreateUnchecked(const char *idFmt, ...)
    return list;
 }
 
-TEST(MsgList, MessagesChainNewestFirst)
+TEST(MsgList, MessagesChainNewestFirstListsMoveAndCopyInOrder)
 {
    MsgList *list = nullptr;
    MsgList_Append(&list, "a");
@@ -42,11 +42,9 @@ TEST(MsgList, MessagesChainNewestFirst)
    MsgList_Append(nullptr, "ignored %d", 1);
    EXPECT_EQ(MsgList_GetMsgID(nullptr), nullptr);
    EXPECT_EQ(MsgList_ToString(nullptr), nullptr);
-}
 
-TEST(MsgList, ListsMoveAndCopyInOrder)
-{
-   MsgList *list = MsgList_Create("a");
+   // Lists move and copy in order.
+   list = MsgList_Create("a");
    MsgList_Append(&list, "b\n");
    EXPECT_EQ(Take(MsgList_ToString(list)), "b\na\n");
 

@@ -11,6 +11,7 @@
 #include <regex>
 
 #include "hostinfo.h"
+#include "id.h"
 #include "misc/hostinfoInt.h"
 #include "testSupport.h"
 
@@ -100,8 +101,9 @@ TEST(HostinfoOS, ReleaseFileVersionAndDescription)
        << description;
 }
 
-TEST(HostinfoProcess, StartTimes)
+TEST(HostinfoProcess, StartTimesAndExistence)
 {
+   EXPECT_EQ(Id_ProcessExists(getpid()), ID_PROCESS_EXISTS);
    uint64_t before, renamed = 0, startUs;
    ASSERT_TRUE(Hostinfo_GetProcessStartTicks(getpid(), &before));
    /* A command name with ")" and numbers in it does not shift the fields. */
@@ -123,6 +125,7 @@ TEST(HostinfoProcess, StartTimes)
       _exit(0);
    }
    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+   EXPECT_EQ(Id_ProcessExists(child), ID_PROCESS_GONE);
    EXPECT_FALSE(Hostinfo_GetProcessStartTicks(child, &before) || errno != ENOENT);
    EXPECT_FALSE(Hostinfo_GetProcessStartTime(0, &startUs) || errno != EINVAL);
    EXPECT_FALSE(Hostinfo_GetProcessStartTime(-1, &startUs));

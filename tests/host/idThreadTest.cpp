@@ -1,6 +1,5 @@
 #include <errno.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <future>
@@ -89,15 +88,4 @@ TEST_F(IdThread, SettersChangeTheCallingThreadOnly)
    ASSERT_EQ(getresuid(&r, &e, &s), 0);
    EXPECT_EQ(r + e + s, 0u);
    EXPECT_EQ(getgid(), 0u);
-}
-
-TEST(IdProcessExists, LiveAndGone)
-{
-   EXPECT_EQ(Id_ProcessExists(getpid()), ID_PROCESS_EXISTS);
-   pid_t child = fork();
-   if (child == 0) {
-      _exit(0);
-   }
-   ASSERT_EQ(waitpid(child, nullptr, 0), child);
-   EXPECT_EQ(Id_ProcessExists(child), ID_PROCESS_GONE);
 }

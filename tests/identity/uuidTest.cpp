@@ -54,7 +54,7 @@ TEST(UUID, TextFormsAndParser)
                          "lib/string/str:[0-9]+ Buffer too small\n");
 }
 
-TEST(UUID, HostIdentifierHashesTheMachineIdentity)
+TEST(UUID, HostAndLocationIdentifiersHashMachineIdentityAndCanonicalPath)
 {
    uint32_t hostId = 0;
    uint64_t hardwareId = 0;
@@ -64,17 +64,12 @@ TEST(UUID, HostIdentifierHashesTheMachineIdentity)
    std::string host = Take(UUID_GetHostUUID());
    EXPECT_EQ(host, Sha1Spaced(identity, "R"));
    EXPECT_EQ(Take(UUID_GetHostUUID()), host);
-}
 
-TEST(UUID, LocationIdentifierFollowsCanonicalPathAndHost)
-{
    testsupport::ScratchDir dir;
    std::string file = dir / "f";
    ASSERT_EQ(symlink(file.c_str(), (dir / "link").c_str()), 0);
    ASSERT_EQ(mkdir(file.c_str(), 0700), 0);
    std::string canonical = Take(realpath(file.c_str(), nullptr));
-
-   std::string host = Take(UUID_GetHostUUID());
    std::string id = Take(UUID_CreateLocation(file.c_str(), 0));
    EXPECT_EQ(id, Sha1Spaced(host + canonical, "KD"));
    EXPECT_EQ(Take(UUID_CreateLocation((dir / "link").c_str(), 1)), id);
