@@ -21,10 +21,7 @@
 static std::string Punct(const char *grouping, char separator, const char *point, const char *fmt,
                          ...)
 {
-   bsdfmt::Punctuation punct;
-   punct.grouping = grouping;
-   punct.thousandsSep = separator;
-   punct.decimalPoint = point;
+   bsdfmt::Punctuation punct{grouping, separator, point};
    va_list args;
    va_start(args, fmt);
    bsdfmt::VaListSource source(fmt, args);

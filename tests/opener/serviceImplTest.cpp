@@ -39,10 +39,8 @@ static size_t OpenDescriptorCount()
 
 TEST(ServiceImpl, DescriptorCrossesWithTheMessageByte)
 {
-   int pair[2];
-   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-   int pipeFds[2];
-   ASSERT_EQ(pipe(pipeFds), 0);
+   int pair[2], pipeFds[2];
+   ASSERT_TRUE(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0 && pipe(pipeFds) == 0);
 
    gServiceImplMessageByte = 'G';
    ASSERT_TRUE(ServiceImplSendFd(pair[0], pipeFds[1]));
