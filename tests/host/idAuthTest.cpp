@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <memory>
 
 #include "hostinfo.h"
 #include "id.h"
@@ -156,13 +157,12 @@ TEST_F(IdAuth, SetAcceptsOneValidFormOnce)
    FormDonor donor;
    std::vector<unsigned char> &form = donor.form;
    LogCapture log;
-   EXPECT_FALSE(Id_AuthSet(form.data(), 31));
-   EXPECT_FALSE(Id_AuthSet(form.data(), 33));
-   EXPECT_FALSE(Id_AuthSet(nullptr, 32));
-   EXPECT_EQ(log.Text(),
-             "Warning: Id_AuthSet: Invalid argument.\n"
-             "Warning: Id_AuthSet: Invalid argument.\n"
-             "Warning: Id_AuthSet: Invalid argument.\n");
+   for (auto [data, size] :
+        {std::pair<void *, size_t>{form.data(), 31}, {form.data(), 33}, {nullptr, 32}}) {
+      log.Clear();
+      EXPECT_FALSE(Id_AuthSet(data, size)) << size;
+      EXPECT_EQ(log.Text(), "Warning: Id_AuthSet: Invalid argument.\n");
+   }
 
    const std::string refused = "Warning: AuthorizationCreateFromExternalForm failed.\n";
    for (size_t byte : {0u, 4u, 16u, 31u}) { /* magic, version, start time, reserved */
@@ -176,10 +176,8 @@ TEST_F(IdAuth, SetAcceptsOneValidFormOnce)
    log.Clear();
    ASSERT_TRUE(Id_AuthSet(form.data(), form.size()));
    size_t size = 0;
-   void *current = Id_AuthGetExternal(&size);
-   ASSERT_EQ(size, 32u);
-   EXPECT_EQ(memcmp(current, form.data(), size), 0);
-   free(current);
+   std::unique_ptr<void, decltype(&free)> current(Id_AuthGetExternal(&size), free);
+   EXPECT_TRUE(size == 32 && memcmp(current.get(), form.data(), size) == 0);
    EXPECT_EQ(log.Text(), "");
    EXPECT_PANIC(Id_AuthSet(form.data(), form.size()), "NOT_IMPLEMENTED lib/misc/idLinux:");
 
