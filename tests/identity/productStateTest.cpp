@@ -73,10 +73,8 @@ TEST(ProductState, ReaderIsOrderIndependentSkipsUnknownKeysAndRefusesMalformedPi
    ProductStateData state;
    EXPECT_TRUE(
        state.Deserialize("future=x;bundleidentifier=id;buildnumber=5;=;name=N#3b;product=3;"));
-   EXPECT_EQ(state.Product(), 3u);
-   EXPECT_EQ(state.BuildNumber(), 5u);
-   EXPECT_STREQ(state.Name(), "N;");
-   EXPECT_STREQ(state.BundleIdentifier(), "id");
+   EXPECT_EQ(Take(state.Serialize(0x01 | 0x02 | 0x08 | 0x80)),
+             "product=3;name=N#3B;buildnumber=5;bundleidentifier=id;");
    EXPECT_TRUE(state.Deserialize(""));
 
    /* Each bad piece is refused; the good ones still apply. */
@@ -85,12 +83,9 @@ TEST(ProductState, ReaderIsOrderIndependentSkipsUnknownKeysAndRefusesMalformedPi
        bad.Deserialize("product=12x;buildnumber=-1;capabilities=18446744073709551616;"
                        "nameonly;name=Good;version=bad#4;bundleidentifier=nul#00x;"
                        "product=4294967295;"));
-   EXPECT_EQ(bad.Product(), 4294967295u);
-   EXPECT_EQ(bad.BuildNumber(), 0u);
-   EXPECT_EQ(bad.Capabilities(), 0u);
-   EXPECT_STREQ(bad.Name(), "Good");
-   EXPECT_STREQ(bad.Version(), kProductStateBuiltInVersion);
-   EXPECT_STREQ(bad.BundleIdentifier(), "");
+   EXPECT_EQ(Take(bad.Serialize(kAll)),
+             "product=4294967295;name=Good;version=" + std::string(kProductStateBuiltInVersion) +
+                 ";buildnumber=0;capabilities=0;bundleidentifier=;");
 
    /* A repeated key is a second override, refused; an unterminated tail is refused. */
    ProductStateData again;
