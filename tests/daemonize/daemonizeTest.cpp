@@ -4,39 +4,30 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <thread>
 
 #include "hostinfo.h"
 #include "testSupport.h"
 
 using testsupport::LogCapture;
+using testsupport::ReadFile;
 using testsupport::ScratchDir;
 
-namespace {
-
-using testsupport::ReadFile;
-
 // Starts the probe detached; it writes its report to reportPath, then sleeps for seconds.
-bool Start(const std::string &reportPath, const char *seconds, unsigned flags,
-           const char *pidPath = nullptr, const int *keep = nullptr, size_t numKeep = 0)
+static bool Start(const std::string &reportPath, const char *seconds, unsigned flags,
+                  const char *pidPath = nullptr, const int *keep = nullptr, size_t numKeep = 0)
 {
    const char *argv[] = {"daemonProbe", reportPath.c_str(), seconds, nullptr};
    return Hostinfo_Daemonize(DAEMON_PROBE, (char *const *)argv, flags, pidPath, keep, numKeep);
 }
 
 // The probe's report, waiting up to five seconds for it.
-std::string Report(const std::string &path)
+static std::string Report(const std::string &path)
 {
    for (int i = 0; i < 500 && access(path.c_str(), F_OK) != 0; i++) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
    }
    return ReadFile(path);
 }
-
-}  // namespace
 
 TEST(Daemonize, DetachedDaemonKeepsOnlyChosenDescriptors)
 {
@@ -70,8 +61,7 @@ TEST(Daemonize, DetachedDaemonKeepsOnlyChosenDescriptors)
 TEST(Daemonize, KeepFlagsLeaveDirectorySessionAndStreams)
 {
    ScratchDir scratch;
-   char cwd[4096];
-   char stdoutTarget[4096] = {};
+   char cwd[4096], stdoutTarget[4096] = {};
    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
    ASSERT_GT(readlink("/proc/self/fd/1", stdoutTarget, sizeof stdoutTarget - 1), 0);
 
@@ -141,11 +131,9 @@ TEST(Daemonize, ExitFlagEndsTheCaller)
 
 TEST(Daemonize, ModulePath)
 {
-   char *path = Hostinfo_GetModulePath(1);
    char real[4096] = {};
    ASSERT_GT(readlink("/proc/self/exe", real, sizeof real - 1), 0);
-   EXPECT_STREQ(path, real);
-   free(path);
+   EXPECT_EQ(testsupport::Take(Hostinfo_GetModulePath(1)), real);
 
    LogCapture log;
    EXPECT_EQ(Hostinfo_GetModulePath(2), nullptr);

@@ -1,22 +1,19 @@
-#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <optional>
 #include <random>
-#include <string>
 
 #include "base64.h"
-
-namespace {
+#include "testSupport.h"
 
 /* Byte strings throughout: std::string holds any bytes. */
-const uint8_t *U(const std::string &bytes)
+static const uint8_t *U(const std::string &bytes)
 {
    return reinterpret_cast<const uint8_t *>(bytes.data());
 }
 
-std::string Encode(const std::string &data)
+static std::string Encode(const std::string &data)
 {
    std::string out(Base64_EncodedLength(U(data), data.size()), '?');
    size_t length = 99;
@@ -25,7 +22,7 @@ std::string Encode(const std::string &data)
    return out.c_str();
 }
 
-std::optional<std::string> Decode(const std::string &text, size_t room)
+static std::optional<std::string> Decode(const std::string &text, size_t room)
 {
    std::string out(room + 1, '?');
    size_t length = 99;
@@ -35,17 +32,18 @@ std::optional<std::string> Decode(const std::string &text, size_t room)
    return out.substr(0, length);
 }
 
-}  // namespace
-
-TEST(Base64, KnownTexts)
+TEST(Base64, KnownTextsSizesAndBounds)
 {
-   EXPECT_EQ(Encode(""), "");
-   EXPECT_EQ(Encode("a"), "YQ==");
-   EXPECT_EQ(Encode("ab"), "YWI=");
-   EXPECT_EQ(Encode("\xFB\xFF\xBF"), "+/+/");
-   EXPECT_EQ(Encode("The quick brown fox jumps over the lazy dog"),
-             "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVyIHRoZSBsYXp5IGRvZw==");
-
+   const std::pair<std::string, std::string> encoded[] = {
+       {"", ""},
+       {"a", "YQ=="},
+       {"ab", "YWI="},
+       {"\xFB\xFF\xBF", "+/+/"},
+       {"The quick brown fox jumps over the lazy dog",
+        "VGhlIHF1aWNrIGJyb3duIGZveCBqdW1wcyBvdmVyIHRoZSBsYXp5IGRvZw=="}};
+   for (const auto &[data, text] : encoded) {
+      EXPECT_EQ(Encode(data), text);
+   }
    EXPECT_EQ(Decode("YW I=", 2), "ab");
    EXPECT_EQ(Decode(" Y\tW\nJ\rj\v\f", 3), "abc");
    EXPECT_EQ(Decode("YQ==*garbage", 1), "a");  // "=" and NUL end the text
@@ -59,34 +57,29 @@ TEST(Base64, KnownTexts)
    EXPECT_TRUE(Base64_ChunkDecode("YWJjZGVm", 6, out, sizeof out, &length));  // stops at 6
    EXPECT_EQ(std::string((char *)out, length), "abcd");
    EXPECT_TRUE(Base64_ChunkDecode("YWJj*", 4, out, sizeof out, &length));
-
    EXPECT_TRUE(Base64_ValidEncoding("AZaz09+/==", 10));
    EXPECT_TRUE(Base64_ValidEncoding("YW*I", 2));
    EXPECT_FALSE(Base64_ValidEncoding("YW I=", 5));
    EXPECT_FALSE(Base64_ValidEncoding("YW\0I", 4));
-}
 
-TEST(Base64, SizesAndBounds)
-{
    const uint8_t data[6] = {1, 2, 3, 4, 5, 6};
-   char out[16];
-   size_t length = 7;
-   EXPECT_FALSE(Base64_Encode(data, 6, out, 0, &length));
+   char text[16];
+   length = 7;
+   EXPECT_FALSE(Base64_Encode(data, 6, text, 0, &length));
    EXPECT_EQ(length, 0u);
-   EXPECT_FALSE(Base64_Encode(data, 6, out, 8, &length));
-   EXPECT_TRUE(Base64_Encode(data, 6, out, 9, &length));
-   EXPECT_FALSE(Base64_Encode(data, SIZE_MAX - 1, out, sizeof out, &length));
-   char *text = out;
-   EXPECT_FALSE(Base64_EasyEncode(data, SIZE_MAX - 1, &text));  // the size formula wraps
-   EXPECT_EQ(text, nullptr);
-
-   EXPECT_EQ(Base64_DecodedLength("==", 2), 0u);
-   EXPECT_EQ(Base64_DecodedLength("YQ==", 4), 1u);
-   EXPECT_EQ(Base64_DecodedLength("YW I=", 5), 2u);
-   EXPECT_EQ(Base64_DecodedLength("YWJjZA", 6), 3u);
+   EXPECT_FALSE(Base64_Encode(data, 6, text, 8, &length));
+   EXPECT_TRUE(Base64_Encode(data, 6, text, 9, &length));
+   EXPECT_FALSE(Base64_Encode(data, SIZE_MAX - 1, text, sizeof text, &length));
+   char *allocated = text;
+   EXPECT_FALSE(Base64_EasyEncode(data, SIZE_MAX - 1, &allocated));  // the size formula wraps
+   EXPECT_EQ(allocated, nullptr);
+   for (auto [in, n] :
+        {std::pair<const char *, size_t>{"==", 0}, {"YQ==", 1}, {"YW I=", 2}, {"YWJjZA", 3}}) {
+      EXPECT_EQ(Base64_DecodedLength(in, strlen(in)), n) << in;
+   }
    uint8_t *decoded = nullptr;
    EXPECT_FALSE(Base64_EasyDecode("AAA", &decoded, &length));  // two bytes, bound 0
-   EXPECT_FALSE(Base64_DecodeFixed("YWJjZA==", out, 3));
+   EXPECT_FALSE(Base64_DecodeFixed("YWJjZA==", text, 3));
 }
 
 TEST(Base64, RandomDataRoundTripsThroughEveryDecoderWithExactRoom)

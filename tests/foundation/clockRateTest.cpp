@@ -1,9 +1,7 @@
-#include <cstdint>
-
 #include "clockRate.h"
 #include "testSupport.h"
 
-TEST(ClockRate, RatioLimitsAndRounding)
+TEST(ClockRate, RatioLimitsRoundingAndOffset)
 {
    uint32_t mult = 0, shift = 0;
    ASSERT_TRUE(ClockRate_ComputeRatio(1000000, 1000, &mult, &shift));
@@ -24,10 +22,8 @@ TEST(ClockRate, RatioLimitsAndRounding)
    ASSERT_TRUE(ClockRate_ComputeRatio(0xFFFFFFFFFFFF, 0xFFFFFFFFFFFE, &mult, &shift));
    EXPECT_EQ(mult, 1u << 31);
    EXPECT_EQ(shift, 31u);
-}
 
-TEST(ClockRate, OffsetMapsTheSourceValueOntoTheTargetValue)
-{
+   // The offset maps the source value onto the target value.
    ClockRateParams params;
    ASSERT_TRUE(ClockRate_ComputeParams(1000000, 5000000, 1000, 77, &params));
    EXPECT_EQ(params.add, 77 - 5000);

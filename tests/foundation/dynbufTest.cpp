@@ -1,27 +1,22 @@
-#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
-
-#include <string>
 
 #include "dynbuf.h"
 #include "testSupport.h"
 
-namespace {
+using testsupport::Take;
 
 /* Far more than any allocator will hand out, but small enough not to overflow the size. */
-constexpr size_t kImpossible = SIZE_MAX / 2;
+static constexpr size_t kImpossible = SIZE_MAX / 2;
 
 /* A buffer holding `size` bytes of 'x' in exactly `size` allocated bytes. */
-void FillExactly(DynBuf *b, size_t size)
+static void FillExactly(DynBuf *b, size_t size)
 {
    DynBuf_Init(b);
    ASSERT_TRUE(DynBuf_Enlarge(b, size) && DynBuf_Trim(b));
    ASSERT_TRUE(DynBuf_Append(b, std::string(size, 'x').data(), size));
    ASSERT_EQ(DynBuf_GetAllocatedSize(b), size);
 }
-
-}  // namespace
 
 TEST(DynBuf, GrowthDoublesThenStepsBy256KiB)
 {
@@ -64,13 +59,9 @@ TEST(DynBuf, FailureLeavesBufferIntact)
 TEST(DynBuf, InsertDetachAttachTrimCopySetString)
 {
    DynBuf b = {};
-   char *empty = DynBuf_DetachString(&b);
-   EXPECT_STREQ(empty, "");
-   free(empty);
+   EXPECT_EQ(Take(DynBuf_DetachString(&b)), "");
    FillExactly(&b, 200);  // a full buffer grows for the NUL
-   char *full = DynBuf_DetachString(&b);
-   EXPECT_EQ(std::string(full), std::string(200, 'x'));
-   free(full);
+   EXPECT_EQ(Take(DynBuf_DetachString(&b)), std::string(200, 'x'));
    DynBuf_Init(&b);  // detaching left the size behind
 
    ASSERT_TRUE(DynBuf_AppendString(&b, "held"));  // the NUL is kept out of the size
@@ -82,10 +73,8 @@ TEST(DynBuf, InsertDetachAttachTrimCopySetString)
    ASSERT_TRUE(DynBuf_Insert(&b, 2, nullptr, 0));
    DynBuf_SafeAppend(&b, "!", 1);
    DynBuf_SafeInsert(&b, 0, "^", 1);
-   char *text = DynBuf_DetachString(&b);
-   EXPECT_STREQ(text, "^<he-ld>!");
+   EXPECT_EQ(Take(DynBuf_DetachString(&b)), "^<he-ld>!");
    EXPECT_TRUE(b.data == nullptr && b.allocated == 0 && b.size == 9);  // the size stays
-   free(text);
 
    char *block = strdup("fresh");  // attached as 6 bytes; enlarging doubles that
    DynBuf_Attach(&b, 6, block);

@@ -3,37 +3,25 @@
 #include <string.h>
 #include <sys/resource.h>
 
-#include <string>
-
 #include "escape.h"
 #include "testSupport.h"
 
-namespace {
+using testsupport::Take;
 
 /* Calls routine(args..., &size) and takes ownership of its result (NULs included). */
 template <typename Result, typename... Params, typename... Args>
-std::string Call(Result *(*routine)(Params...), Args... args)
+static std::string Call(Result *(*routine)(Params...), Args... args)
 {
    size_t size = 0;
    char *result = static_cast<char *>(routine(args..., &size));
-   if (result == nullptr) {
-      return "<null>";
-   }
-   EXPECT_EQ(result[size], '\0');
-   std::string text(result, size);
-   free(result);
-   return text;
-}
-
-std::string Take(char *result)
-{
-   std::string text = result != nullptr ? result : "<null>";
+   EXPECT_TRUE(result == nullptr || result[size] == '\0');
+   std::string text = result != nullptr ? std::string(result, size) : "(null)";
    free(result);
    return text;
 }
 
 /* Flags '%', '/', NUL, 0xFF and line feed. */
-struct EscapeTable {
+static const struct EscapeTable {
    int flags[256] = {};
    EscapeTable()
    {
@@ -41,19 +29,17 @@ struct EscapeTable {
          flags[c] = 1;
       }
    }
-} const kTable;
+} kTable;
 
-std::string Do(char esc, const std::string &in)
+static std::string Do(char esc, const std::string &in)
 {
    return Call(Escape_Do, esc, kTable.flags, in.data(), in.size());
 }
 
-std::string Undo(char esc, const std::string &in)
+static std::string Undo(char esc, const std::string &in)
 {
    return Call(Escape_Undo, esc, in.data(), in.size());
 }
-
-}  // namespace
 
 TEST(Escape, DoWritesUpperCaseHexAndUndoReverses)
 {
@@ -88,39 +74,34 @@ TEST(Escape, DoWritesUpperCaseHexAndUndoReverses)
    EXPECT_STREQ(buf, "%4");
 }
 
-TEST(Escape, StripCRShellQuoteRegexSpecials)
+TEST(Escape, QuotingStrchrUnescapeAndCommas)
 {
    EXPECT_EQ(Call(Escape_StripCR, "a\r\nb\rc\r\r\n\r", 10), "a\nb\rc\r\n\r");
    EXPECT_EQ(Call(Escape_ShellQuote, "a'b", 3), "'a'\"'\"'b'");
    EXPECT_EQ(Call(Escape_ShellQuote, "", 0), "''");
    EXPECT_EQ(Call(Escape_RegexSpecials, "$a*.[\\]^b+?(", 12), "\\$a\\*\\.\\[\\\\\\]\\^b+?(");
-}
 
-TEST(Escape, StrchrUnescapeAndCommas)
-{
-   const char *text = "a\\,b,c";
-   EXPECT_EQ(Escape_Strchr('\\', text, ','), text + 4);
-   const char *escapedEscape = "\\\\,";
-   EXPECT_EQ(Escape_Strchr('\\', escapedEscape, ','), escapedEscape + 2);
-   EXPECT_EQ(Escape_Strchr('\\', "a\\,b", ','), nullptr);
-   EXPECT_EQ(Escape_Strchr('\\', "", ','), nullptr);
-   const char *escapes = "x\\\\y\\";
-   EXPECT_EQ(Escape_Strchr('\\', escapes, '\\'), escapes + 1);  // an unescaped escape character
-
+   // Offset of the first unescaped match, -1 for none; an escaped escape does not escape.
+   const std::tuple<const char *, char, int> strchr[] = {{"a\\,b,c", ',', 4},
+                                                         {"\\\\,", ',', 2},
+                                                         {"a\\,b", ',', -1},
+                                                         {"", ',', -1},
+                                                         {"x\\\\y\\", '\\', 1}};
+   for (auto [text, c, offset] : strchr) {
+      const char *found = Escape_Strchr('\\', text, c);
+      EXPECT_EQ(found == nullptr ? -1 : found - text, offset) << text;
+   }
    EXPECT_EQ(Take(Escape_Unescape('\\', "a\\,b\\\\c\\")), "a,b\\c");
    EXPECT_EQ(Take(Escape_Unescape('%', "")), "");
    EXPECT_EQ(Take(Escape_Commas("a,b\\c,,")), "a\\,b\\\\c\\,\\,");
    EXPECT_EQ(Escape_Commas(nullptr), nullptr);
-}
 
-TEST(Escape, UnescapeCStringInPlace)
-{
    // Fewer than three octal digits leave the backslash alone and read nothing beyond the end.
-   const std::pair<std::string, std::string> cases[] = {
+   const std::pair<std::string, std::string> cString[] = {
        {"\\101", "A"},     {"\\q", "\\q"},       {"a\\\\b\\nc", "a\\b\nc"},
        {"\\1012", "A2"},   {"\\12", "\\12"},     {"\\18x", "\\18x"},
        {"end\\", "end\\"}, {"\\\\101", "\\101"}, {"\\377", "\xff"}};
-   for (auto [text, expected] : cases) {
+   for (auto [text, expected] : cString) {
       Escape_UnescapeCString(text.data());
       EXPECT_EQ(text.c_str(), expected);
    }
@@ -140,20 +121,17 @@ TEST(Escape, MemoryFailureGivesNullAndENOMEM)
    GTEST_SKIP() << "sanitizers reserve more address space than the limit allows";
 #endif
    // Caps the address space 24 MB above its current size, so tripling 16 MB cannot fit.
-   auto escapeUnderLimit = [] {
+   EXPECT_TRUE(testsupport::InChild([] {
       std::string input(16 << 20, '%');
       FILE *statm = fopen("/proc/self/statm", "r");
       rlim_t pages = 0;
       if (statm == nullptr || fscanf(statm, "%lu", &pages) != 1) {
-         exit(2);
+         return false;
       }
       struct rlimit limit = {pages * 4096 + (24 << 20), pages * 4096 + (24 << 20)};
       errno = 0;
-      exit(setrlimit(RLIMIT_AS, &limit) == 0 &&
-                   Escape_Do('%', kTable.flags, input.data(), input.size(), nullptr) == nullptr &&
-                   errno == ENOMEM
-               ? 0
-               : 1);
-   };
-   EXPECT_EXIT(escapeUnderLimit(), ::testing::ExitedWithCode(0), "");
+      return setrlimit(RLIMIT_AS, &limit) == 0 &&
+             Escape_Do('%', kTable.flags, input.data(), input.size(), nullptr) == nullptr &&
+             errno == ENOMEM;
+   }));
 }

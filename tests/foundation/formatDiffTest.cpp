@@ -6,19 +6,13 @@
 #include <float.h>
 #include <limits.h>
 #include <math.h>
-#include <stdint.h>
 #include <stdio.h>
-
-#include <string>
-#include <vector>
 
 #include "str.h"
 #include "testSupport.h"
 
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
-
-namespace {
 
 const char *const kFlags[] = {"", "-", "+", " ", "#", "0", "'", "+0", "- ", "#-", "0#", "+ #0"};
 const char *const kWidths[] = {"", "1", "5", "12", "*"};
@@ -31,8 +25,7 @@ class Grid {
    template <typename... Args>
    void Check(const std::string &fmt, const std::string &theirFmt, Args... args)
    {
-      char ours[512];
-      char theirs[512];
+      char ours[512], theirs[512];
       int ourLength = Str_Snprintf(ours, sizeof ours, fmt.c_str(), args...);
       int theirLength = snprintf(theirs, sizeof theirs, theirFmt.c_str(), args...);
       checked_++;
@@ -55,8 +48,7 @@ class Grid {
    {
       for (const char *width : kWidths) {
          for (const char *precision : precisions) {
-            bool starWidth = width[0] == '*';
-            bool starPrecision = strcmp(precision, ".*") == 0;
+            bool starWidth = width[0] == '*', starPrecision = strcmp(precision, ".*") == 0;
             if (starPrecision ? skip(3) || skip(-1)
                               : skip(precision[0] == '\0' ? -1 : atoi(precision + 1))) {
                continue;
@@ -65,10 +57,8 @@ class Grid {
             for (int sign : {1, -1}) {
                if (starWidth && starPrecision) {
                   Check(fmt, fmt, 7 * sign, 3 * sign, value);
-               } else if (starWidth) {
-                  Check(fmt, fmt, 7 * sign, value);
-               } else if (starPrecision) {
-                  Check(fmt, fmt, 3 * sign, value);
+               } else if (starWidth || starPrecision) {
+                  Check(fmt, fmt, (starWidth ? 7 : 3) * sign, value);
                } else if (sign == 1) {
                   Check(fmt, fmt, value);
                }
@@ -78,30 +68,24 @@ class Grid {
    }
 
   private:
-   int checked_ = 0;
-   int mismatches_ = 0;
+   int checked_ = 0, mismatches_ = 0;
 };
 
 const std::vector<const char *> kPrecisions = {"", ".", ".0", ".1", ".5", ".17", ".*"};
 const auto kNoSkip = [](int) { return false; };
 
 /* Whether ecvt's digits for value are the ones the C library's %e prints. */
-bool EcvtAgreesWithPrintf(double value, int ndigits)
+static bool EcvtAgreesWithPrintf(double value, int ndigits)
 {
    if (!isfinite(value) || value == 0) {
       return true;
    }
-   int decpt;
-   int sign;
+   int decpt, sign;
    std::string digits = ecvt(value, ndigits, &decpt, &sign);
    char printed[64];
    snprintf(printed, sizeof printed, "%.*e", ndigits - 1, fabs(value));
-   std::string expected;
-   for (const char *p = printed; *p != 'e'; p++) {
-      if (*p != '.') {
-         expected += *p;
-      }
-   }
+   std::string expected(printed, strchr(printed, 'e'));
+   std::erase(expected, '.');
    return digits == expected && decpt - 1 == atoi(strchr(printed, 'e') + 1);
 }
 
@@ -198,5 +182,3 @@ TEST(FormatDiff, MixedAndPositionalFormats)
    same("%3$lld %2$hhd %1$s", "x", 300, INT64_MIN);
    same("%9$d %8$d %7$d %6$d %5$d %4$d %3$d %2$d %1$s", "1", 2, 3, 4, 5, 6, 7, 8, 9);
 }
-
-}  // namespace

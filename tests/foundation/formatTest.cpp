@@ -4,13 +4,9 @@
  */
 #include <limits.h>
 #include <math.h>
-#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <wchar.h>
-
-#include <string>
-#include <vector>
 
 #include "msgfmt.h"
 #include "str.h"
@@ -21,15 +17,11 @@
 #pragma GCC diagnostic ignored "-Wformat-extra-args"
 #pragma GCC diagnostic ignored "-Wformat-zero-length"
 
-namespace {
-
 /* Formats in allocating mode with the given punctuation ("<error>" on failure). */
-std::string Punct(const char *grouping, char separator, const char *point, const char *fmt, ...)
+static std::string Punct(const char *grouping, char separator, const char *point, const char *fmt,
+                         ...)
 {
-   bsdfmt::Punctuation punct;
-   punct.grouping = grouping;
-   punct.thousandsSep = separator;
-   punct.decimalPoint = point;
+   bsdfmt::Punctuation punct{grouping, separator, point};
    va_list args;
    va_start(args, fmt);
    bsdfmt::VaListSource source(fmt, args);
@@ -45,7 +37,7 @@ std::string Punct(const char *grouping, char separator, const char *point, const
 #define Fmt(...) Punct(nullptr, ',', ".", __VA_ARGS__)
 
 /* Through the exported entry in fixed mode. */
-int FixedPosix(char *buf, size_t size, const char *fmt, ...)
+static int FixedPosix(char *buf, size_t size, const char *fmt, ...)
 {
    va_list args;
    va_start(args, fmt);
@@ -113,21 +105,24 @@ TEST(Format, PositionalArguments)
 
 TEST(Format, CountStoresEveryWidthAndLimit)
 {
-   signed char hh = 0;
-   short h = 0;
-   int plain = 0;
-   long l = -1;
-   long long ll = -1;
-   intmax_t j = -1;
-   size_t z = 0;
-   int64_t i64 = -1;
+   struct {
+      signed char hh;
+      short h;
+      int plain;
+      long l;
+      long long ll;
+      intmax_t j;
+      size_t z;
+      int64_t i64;
+   } n = {0, 0, 0, -1, -1, -1, 0, -1};
    std::string pad(200, 'x');
-   EXPECT_EQ(
-       Fmt("%s%hhn%hn%n%ln%lln%jn%zn%I64n|", pad.c_str(), &hh, &h, &plain, &l, &ll, &j, &z, &i64),
-       pad + "|");
-   EXPECT_EQ(hh, (signed char)200);
-   EXPECT_TRUE(h == 200 && plain == 200 && l == 200 && ll == 200 && j == 200 && z == 200 &&
-               i64 == 200);
+   EXPECT_EQ(Fmt("%s%hhn%hn%n%ln%lln%jn%zn%I64n|", pad.c_str(), &n.hh, &n.h, &n.plain, &n.l, &n.ll,
+                 &n.j, &n.z, &n.i64),
+             pad + "|");
+   EXPECT_EQ(n.hh, (signed char)200);
+   EXPECT_TRUE(n.h == 200 && n.plain == 200 && n.l == 200 && n.ll == 200 && n.j == 200 &&
+               n.z == 200 && n.i64 == 200);
+   int plain = 0;
 
    // Fixed mode drops what does not fit but goes on counting, up to INT_MAX.
    char buf[8];
@@ -172,14 +167,12 @@ TEST(Format, CapturedArguments)
                          {MSGFMT_ARG_STRING8_MSGID, {.string8 = (char *)"@&!*@*@(msg.id)Hi there"}},
                          {MSGFMT_ARG_INT32_ALT, {.signed32 = 'Z'}}};
    size_t length = 0;
-   char *s = MsgFmt_Asprintf(
-       &length, "%1$d %2$lld %2$jd %3$p %4$.1f %4$g %5$s %6$S %6$ls %7$s %8$c %1$u %8$x", args, 8);
-   ASSERT_NE(s, nullptr);
-   EXPECT_STREQ(s,
-                "-5 -9223372036854775808 -9223372036854775808 0xabc 2.5 2.5 text w\xC3\xA9 "
-                "w\xC3\xA9 Hi there Z 4294967291 5a");
-   EXPECT_EQ(length, strlen(s));
-   free(s);
+   std::string s = testsupport::Take(MsgFmt_Asprintf(
+       &length, "%1$d %2$lld %2$jd %3$p %4$.1f %4$g %5$s %6$S %6$ls %7$s %8$c %1$u %8$x", args, 8));
+   EXPECT_EQ(s,
+             "-5 -9223372036854775808 -9223372036854775808 0xabc 2.5 2.5 text w\xC3\xA9 "
+             "w\xC3\xA9 Hi there Z 4294967291 5a");
+   EXPECT_EQ(length, s.size());
    args[5].type = MSGFMT_ARG_STRING32_ALT;
    char buf[16];
    EXPECT_EQ(MsgFmt_Snprintf(buf, sizeof buf, "%6$S", args, 8), 3);
@@ -192,9 +185,8 @@ TEST(Format, CapturedArguments)
    MsgFmt_Arg ids[3] = {{MSGFMT_ARG_STRING8, {.string8 = (char *)"@&!*@*@(open"}},
                         {MSGFMT_ARG_STRING8, {.string8 = (char *)"@&!*@*@()bare"}},
                         {MSGFMT_ARG_STRING8, {.string8 = (char *)"x@&!*@*@(a)b"}}};
-   s = MsgFmt_Asprintf(nullptr, "%s|%s|%s|%1$.2s", ids, 3);
-   EXPECT_STREQ(s, "@&!*@*@(open|bare|x@&!*@*@(a)b|@&");
-   free(s);
+   EXPECT_EQ(testsupport::Take(MsgFmt_Asprintf(nullptr, "%s|%s|%s|%1$.2s", ids, 3)),
+             "@&!*@*@(open|bare|x@&!*@*@(a)b|@&");
 
    // A conversion that does not match the captured type, or no argument at all, fails.
    MsgFmt_Arg pair[2] = {{MSGFMT_ARG_INT32, {.signed32 = 1}},
@@ -206,5 +198,3 @@ TEST(Format, CapturedArguments)
    }
    EXPECT_EQ(MsgFmt_Snprintf(buf, sizeof buf, "%1$*1$d|", pair, 2), 2);
 }
-
-}  // namespace

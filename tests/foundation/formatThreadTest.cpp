@@ -4,10 +4,6 @@
  */
 #include <stdio.h>
 
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "str.h"
 #include "testSupport.h"
 
@@ -15,8 +11,7 @@ TEST(FormatThread, FloatConversionsDoNotMixDigits)
 {
    testsupport::RunThreads(6, [](int t) {
       double value = 1000.0 * (t + 1) + 0.25;
-      char expected[64];
-      char buf[64];
+      char expected[64], buf[64];
       snprintf(expected, sizeof expected, "%.2f %e %g", value, value, value);
       int failures = 0;
       for (int i = 0; i < 2000; i++) {

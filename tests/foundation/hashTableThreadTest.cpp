@@ -1,31 +1,17 @@
-#include <stdint.h>
-
 #include <atomic>
-#include <barrier>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "hashTable.h"
 #include "testSupport.h"
 
-namespace {
+using testsupport::RunThreads;
 
-constexpr int kThreads = 4;
-std::atomic<int> gFreeCalls{0};
+static constexpr int kThreads = 4;
+static std::atomic<int> gFreeCalls{0};
 
-void *V(uintptr_t n)
+static void *V(uintptr_t n)
 {
    return reinterpret_cast<void *>(n);
 }
-
-template <typename Body>
-void RunThreads(Body body)
-{
-   testsupport::RunThreads(kThreads, body);
-}
-
-}  // namespace
 
 TEST(HashTableThread, ConcurrentInsertsOfOverlappingKeysCountEachOnce)
 {
@@ -35,18 +21,18 @@ TEST(HashTableThread, ConcurrentInsertsOfOverlappingKeysCountEachOnce)
    constexpr int kKeys = 2000;
    std::atomic<int> inserted{0};
    std::vector<std::vector<void *>> seen(kThreads, std::vector<void *>(kKeys));
-   RunThreads([&](int t) {
+   RunThreads(kThreads, [&](int t) {
       for (int i = 0; i < kKeys; i++) {
          // Each thread walks the keys from a different place and reads back what won.
          int k = (i + t * kKeys / kThreads) % kKeys;
          std::string key = "k" + std::to_string(k);
          inserted += HashTable_Insert(ht, key.c_str(), V(t + 1)) ? 1 : 0;
          seen[t][k] = HashTable_LookupOrInsert(ht, key.c_str(), V(99));
-         void *other = nullptr;  // a key another thread may be inserting right now
-         if (HashTable_Lookup(ht, ("k" + std::to_string((k + kKeys / 2) % kKeys)).c_str(),
-                              &other)) {
-            EXPECT_LT(reinterpret_cast<uintptr_t>(other) - 1,
-                      uintptr_t{kThreads});  // a thread number
+         // A key another thread may be inserting right now holds a thread number, if anything.
+         void *other = nullptr;
+         std::string otherKey = "k" + std::to_string((k + kKeys / 2) % kKeys);
+         if (HashTable_Lookup(ht, otherKey.c_str(), &other)) {
+            EXPECT_LT(reinterpret_cast<uintptr_t>(other) - 1, uintptr_t{kThreads});
          }
       }
    });
@@ -69,7 +55,7 @@ TEST(HashTableThread, AtomicReplaceLosesNoUpdate)
        HashTable_Alloc(4, HASH_INT_KEY | HASH_FLAG_ATOMIC, [](void *) { gFreeCalls++; });
    HashTable_Insert(ht, V(1), V(0));
    constexpr int kIncrements = 2000;
-   RunThreads([&](int t) {
+   RunThreads(kThreads, [&](int t) {
       for (int i = 0; i < kIncrements; i++) {
          // A counter built on compare-and-swap: retry until our increment lands.
          void *current = nullptr;
@@ -93,7 +79,7 @@ TEST(HashTableThread, AllocSharedHasOneWinner)
    for (int round = 0; round < 20; round++) {
       HashTable *shared = nullptr;
       std::vector<HashTable *> got(kThreads);
-      RunThreads([&](int t) {
+      RunThreads(kThreads, [&](int t) {
          got[t] = HashTable_AllocShared(
              &shared, 16, HASH_STRING_KEY | HASH_FLAG_ATOMIC | HASH_FLAG_COPYKEY, nullptr);
          HashTable_Insert(got[t], ("t" + std::to_string(t)).c_str(), V(1));

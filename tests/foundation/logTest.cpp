@@ -1,8 +1,6 @@
 #include <unistd.h>
 
-#include <fstream>
 #include <regex>
-#include <string>
 
 #include "log.h"
 #include "testSupport.h"
@@ -30,28 +28,20 @@ TEST(Log, EntriesCarryStampPrefixAndNoLineEndOfTheirOwn)
              "Fn: Unable to retrieve path to executable.next\nWarning: " + std::string(1023, 'x'));
 }
 
-TEST(Log, DisabledDescriptorWritesNothingButPanicStillExits)
-{
-   LogCapture log;
-   Log_SetOutputFd(-1);
-   Log("lost\n");
-   EXPECT_EXIT(Panic("gone\n"), ::testing::ExitedWithCode(1), "^$");
-}
-
-TEST(Log, SetOutputFileWritesThereAndFailureSilences)
+TEST(Log, OutputFileThenDisabledOutputWritesNothingButPanicStillExits)
 {
    testsupport::ScratchDir dir;
-   int previous = Log_GetOutputFd();
+   LogCapture log;  // restores the output at the end
    int fd = Log_SetOutputFile((dir / "log.txt").c_str());
    ASSERT_GE(fd, 0);
    Log("one\n");
-   EXPECT_EQ(Log_SetOutputFile((dir / "missing/log.txt").c_str()), -1);
+   EXPECT_EQ(Log_SetOutputFile((dir / "missing/log.txt").c_str()), -1);  // failure disables
    EXPECT_EQ(Log_GetOutputFd(), -1);
-   Log_SetOutputFd(previous);
+   Log("lost\n");
+   EXPECT_EXIT(Panic("gone\n"), ::testing::ExitedWithCode(1), "^$");
    close(fd);
-   std::ifstream in(dir / "log.txt");
-   std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-   EXPECT_EQ(testsupport::StripStamps(text), "one\n");
+   EXPECT_EQ(log.Text(), "");
+   EXPECT_EQ(testsupport::StripStamps(testsupport::ReadFile(dir / "log.txt")), "one\n");
 }
 
 TEST(LogDeath, FatalChecksNameTheSourceWithoutExtension)

@@ -1,19 +1,12 @@
 #include <stdarg.h>
-#include <stdlib.h>
-
-#include <string>
 
 #include "msgList.h"
 #include "testSupport.h"
 
-using testsupport::LogCapture;
-
-namespace {
-
 using testsupport::Take;
 
 /* Formats the compiler cannot check: literal texts with percent signs, deliberate faults. */
-MsgList *CreateUnchecked(const char *idFmt, ...)
+static MsgList *CreateUnchecked(const char *idFmt, ...)
 {
    va_list args;
    va_start(args, idFmt);
@@ -22,9 +15,7 @@ MsgList *CreateUnchecked(const char *idFmt, ...)
    return list;
 }
 
-}  // namespace
-
-TEST(MsgList, MessagesChainNewestFirst)
+TEST(MsgList, MessagesChainNewestFirstListsMoveAndCopyInOrder)
 {
    MsgList *list = nullptr;
    MsgList_Append(&list, "a");
@@ -38,7 +29,7 @@ TEST(MsgList, MessagesChainNewestFirst)
    EXPECT_STREQ(MsgList_GetMsgID(list), "msg.literal");
    EXPECT_EQ(Take(MsgList_ToString(list)), "Cannot open /x: 13\na\n");
 
-   LogCapture log;
+   testsupport::LogCapture log;
    MsgList_Log(list);
    EXPECT_EQ(log.Text(), "[file.open] Cannot open /x: 13\n[msg.literal] a\n");
    MsgList_Free(list);
@@ -51,11 +42,9 @@ TEST(MsgList, MessagesChainNewestFirst)
    MsgList_Append(nullptr, "ignored %d", 1);
    EXPECT_EQ(MsgList_GetMsgID(nullptr), nullptr);
    EXPECT_EQ(MsgList_ToString(nullptr), nullptr);
-}
 
-TEST(MsgList, ListsMoveAndCopyInOrder)
-{
-   MsgList *list = MsgList_Create("a");
+   // Lists move and copy in order.
+   list = MsgList_Create("a");
    MsgList_Append(&list, "b\n");
    EXPECT_EQ(Take(MsgList_ToString(list)), "b\na\n");
 

@@ -1,8 +1,5 @@
 #include <stdlib.h>
 
-#include <cstdint>
-#include <vector>
-
 #include "random.h"
 #include "testSupport.h"
 

@@ -1,29 +1,25 @@
 /*
  * Str: bounded copying and formatting, the UTF-8 safe cut and every panic.
  */
-#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <wchar.h>
 
 #include <algorithm>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "str.h"
+#include "strutil.h"
 #include "testSupport.h"
 
 #pragma GCC diagnostic ignored "-Wformat"
 #pragma GCC diagnostic ignored "-Wformat-extra-args"
 
-namespace {
-
 // Each fixed-buffer routine reports the overflow with its own source line.
-const char kTooSmall[] = "lib/string/str:[0-9]+ Buffer too small\n";
+static const char kTooSmall[] = "lib/string/str:[0-9]+ Buffer too small\n";
 
 /* A wide character no locale can convert: the engine fails on it. */
-constexpr wint_t kUnconvertible = 0x110000;
+static constexpr wint_t kUnconvertible = 0x110000;
 
 TEST(Str, SnprintfCutsAtWholeCharacterForEverySize)
 {
@@ -71,16 +67,11 @@ TEST(Str, SprintfAndAsprintf)
    EXPECT_PANIC_MATCHING(Str_Sprintf(buf, sizeof buf, "%lc", kUnconvertible), kTooSmall);
 
    size_t length = 99;
-   char *s = Str_Asprintf(&length, "%s=%d", "key", -7);
-   EXPECT_STREQ(s, "key=-7");
+   EXPECT_EQ(testsupport::Take(Str_Asprintf(&length, "%s=%d", "key", -7)), "key=-7");
    EXPECT_EQ(length, 6u);
-   free(s);
-   length = 99;
    EXPECT_EQ(Str_Asprintf(&length, "%lc", kUnconvertible), nullptr);
-   EXPECT_EQ(length, 99u);
-   s = Str_SafeAsprintf(nullptr, "%s", "");
-   EXPECT_STREQ(s, "");
-   free(s);
+   EXPECT_EQ(length, 6u);  // untouched on failure
+   EXPECT_EQ(testsupport::Take(Str_SafeAsprintf(nullptr, "%s", "")), "");
    EXPECT_PANIC_MATCHING(Str_SafeAsprintf(nullptr, "%lc", kUnconvertible),
                          "VERIFY lib/string/str:[0-9]+\n");
 }
@@ -120,4 +111,17 @@ TEST(Str, SearchingAndCase)
    EXPECT_STREQ(Str_ToUpper(text), "MIXED \xC3\x89T\xC3\xA9 1Z");
 }
 
-}  // namespace
+TEST(StrUtil, FormatByteCount)
+{
+   // Within 0.01 of a whole number prints it whole (1023.999 KB, 1.0098 KB, 2.997 KB), but
+   // 1.0107 KB and 2.988 KB keep their decimal.
+   const std::pair<uint64_t, const char *> cases[] = {
+       {0, "0 bytes"},         {1, "1 byte"},           {1023, "1023 bytes"},
+       {1024, "1 KB"},         {1536, "1.5 KB"},        {1048064, "1023.5 KB"},
+       {2684354560, "2.5 GB"}, {1099511627776, "1 TB"}, {UINT64_MAX, "16777216 TB"},
+       {1048575, "1024 KB"},   {1034, "1 KB"},          {3069, "3 KB"},
+       {1035, "1.0 KB"},       {3060, "3.0 KB"}};
+   for (const auto &[count, expected] : cases) {
+      EXPECT_EQ(testsupport::Take(StrUtil_FormatByteCount(count)), expected);
+   }
+}

@@ -4,24 +4,19 @@
 #include <unistd.h>
 
 #include <optional>
-#include <string>
 
 #include "testSupport.h"
 #include "util.h"
 
 using testsupport::LogCapture;
 
-namespace {
-
-std::optional<std::string> Expand(const std::string &name)
+static std::optional<std::string> Expand(const std::string &name)
 {
    char *result = Util_ExpandString(name.c_str());
    std::optional<std::string> text = result != nullptr ? std::optional(result) : std::nullopt;
    free(result);
    return text;
 }
-
-}  // namespace
 
 TEST(ExpandString, Variables)
 {

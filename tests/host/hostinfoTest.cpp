@@ -8,45 +8,36 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <deque>
 #include <regex>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "hostinfo.h"
+#include "id.h"
 #include "misc/hostinfoInt.h"
 #include "testSupport.h"
 
 using testsupport::LogCapture;
 
-namespace {
-
-/* An interface list such as getifaddrs returns. */
-class FakeInterfaces {
-  public:
-   FakeInterfaces &Add(const char *name, std::vector<unsigned char> address, int family = AF_PACKET)
-   {
-      sockaddr_ll &link = addresses_.emplace_back();
-      link.sll_family = static_cast<unsigned short>(family);
-      link.sll_halen = static_cast<unsigned char>(address.size());
-      std::copy(address.begin(), address.end(), link.sll_addr);
-      ifaddrs &entry = entries_.emplace_back();
-      entry.ifa_name = const_cast<char *>(name);
-      entry.ifa_addr = reinterpret_cast<sockaddr *>(&link);
-      if (entries_.size() > 1) {
-         entries_[entries_.size() - 2].ifa_next = &entry;
-      }
-      return *this;
-   }
-   const ifaddrs *List() const { return &entries_.front(); }
-
-  private:
-   std::deque<ifaddrs> entries_;
-   std::deque<sockaddr_ll> addresses_;
+struct FakeInterface {
+   const char *name;
+   std::vector<unsigned char> address;
+   int family = AF_PACKET;
 };
 
-}  // namespace
+/* The hardware identifier chosen from an interface list such as getifaddrs returns. */
+static uint64_t SelectFrom(const std::vector<FakeInterface> &list)
+{
+   std::vector<sockaddr_ll> links(list.size());
+   std::vector<ifaddrs> entries(list.size());
+   for (size_t i = 0; i < list.size(); i++) {
+      links[i].sll_family = static_cast<unsigned short>(list[i].family);
+      links[i].sll_halen = static_cast<unsigned char>(list[i].address.size());
+      std::copy(list[i].address.begin(), list[i].address.end(), links[i].sll_addr);
+      entries[i].ifa_next = i + 1 < list.size() ? &entries[i + 1] : nullptr;
+      entries[i].ifa_name = const_cast<char *>(list[i].name);
+      entries[i].ifa_addr = reinterpret_cast<sockaddr *>(&links[i]);
+   }
+   return HostinfoSelectHardwareID(entries.data());
+}
 
 TEST(HostinfoMachineID, HostNameHashAndInterfaceOrder)
 {
@@ -54,24 +45,21 @@ TEST(HostinfoMachineID, HostNameHashAndInterfaceOrder)
    EXPECT_EQ(HostinfoHostNameHash("\xff"), 177828u);     /* bytes are unsigned */
    EXPECT_EQ(HostinfoHostNameHash("hello"), 261238937u); /* wraps at 32 bits */
 
-   FakeInterfaces en;
-   en.Add("en0", {1, 1, 1, 1, 1, 1}, AF_INET) /* not link level */
-       .Add("en0", {})                        /* no hardware address */
-       .Add("eth0", {9, 9, 9, 9, 9, 9})       /* "en" names come first */
-       .Add("en2", {2, 2, 2, 2, 2, 2})
-       .Add("en1", {0x02, 0xfc, 0x00, 0x11, 0x22, 0x33});
-   EXPECT_EQ(HostinfoSelectHardwareID(en.List()), 0x33221100fc02ull);
-   FakeInterfaces eth;
-   eth.Add("lo", {0, 0, 0, 0, 0, 0})
-       .Add("eth10", {1, 1, 1, 1, 1, 1})
-       .Add("eth7", {7, 0, 0, 0, 0, 0});
-   EXPECT_EQ(HostinfoSelectHardwareID(eth.List()), 7u);
-
+   EXPECT_EQ(SelectFrom({{"en0", {1, 1, 1, 1, 1, 1}, AF_INET}, /* not link level */
+                         {"en0", {}},                          /* no hardware address */
+                         {"eth0", {9, 9, 9, 9, 9, 9}},         /* "en" names come first */
+                         {"en2", {2, 2, 2, 2, 2, 2}},
+                         {"en1", {0x02, 0xfc, 0x00, 0x11, 0x22, 0x33}}}),
+             0x33221100fc02ull);
+   EXPECT_EQ(SelectFrom({{"lo", {0, 0, 0, 0, 0, 0}},
+                         {"eth10", {1, 1, 1, 1, 1, 1}},
+                         {"eth7", {7, 0, 0, 0, 0, 0}}}),
+             7u);
    LogCapture log;
-   FakeInterfaces none;
-   none.Add("enp0s3", {1, 2, 3, 4, 5, 6}).Add("en8", {1, 2, 3, 4, 5, 6});
-   none.Add("eth0", {1, 2, 3, 4, 5, 6}, AF_INET);
-   EXPECT_EQ(HostinfoSelectHardwareID(none.List()), 0u);
+   EXPECT_EQ(SelectFrom({{"enp0s3", {1, 2, 3, 4, 5, 6}},
+                         {"en8", {1, 2, 3, 4, 5, 6}},
+                         {"eth0", {1, 2, 3, 4, 5, 6}, AF_INET}}),
+             0u);
    EXPECT_EQ(HostinfoSelectHardwareID(nullptr), 0u);
    EXPECT_EQ(log.Text(), "");
 }
@@ -96,8 +84,8 @@ TEST(HostinfoOS, ReleaseFileVersionAndDescription)
       EXPECT_EQ(value, result);
    }
    std::string value;
-   EXPECT_FALSE(HostinfoOSReleaseValue(text, "VERSION_ID", &value));
-   EXPECT_FALSE(HostinfoOSReleaseValue(text, "NAM", &value));
+   EXPECT_FALSE(HostinfoOSReleaseValue(text, "VERSION_ID", &value) ||
+                HostinfoOSReleaseValue(text, "NAM", &value));
 
    struct utsname u;
    ASSERT_EQ(uname(&u), 0);
@@ -106,18 +94,16 @@ TEST(HostinfoOS, ReleaseFileVersionAndDescription)
        std::to_string(Hostinfo_OSVersion(0)) + "." + std::to_string(Hostinfo_OSVersion(1)) + ".";
    EXPECT_EQ(std::string(u.release).rfind(numbers, 0), 0u) << u.release;
    EXPECT_EQ(Hostinfo_OSVersion(99), 0);
-   char *name = Hostinfo_GetOSName();
-   ASSERT_NE(name, nullptr);
-   std::string description(name);
-   free(name);
+   std::string description = testsupport::Take(Hostinfo_GetOSName());
    EXPECT_TRUE(std::regex_match(
        description, std::regex(std::string(R"([^ ].* [^ ]+ \([^ ]+\) )") + u.sysname + " " +
                                testsupport::RegexQuote(u.release))))
        << description;
 }
 
-TEST(HostinfoProcess, StartTimes)
+TEST(HostinfoProcess, StartTimesAndExistence)
 {
+   EXPECT_EQ(Id_ProcessExists(getpid()), ID_PROCESS_EXISTS);
    uint64_t before, renamed = 0, startUs;
    ASSERT_TRUE(Hostinfo_GetProcessStartTicks(getpid(), &before));
    /* A command name with ")" and numbers in it does not shift the fields. */
@@ -132,28 +118,23 @@ TEST(HostinfoProcess, StartTimes)
    struct timeval now;
    gettimeofday(&now, nullptr);
    uint64_t nowUs = static_cast<uint64_t>(now.tv_sec) * 1000000 + now.tv_usec;
-   EXPECT_LE(startUs, nowUs);
-   EXPECT_GT(startUs + 3600ull * 1000000, nowUs); /* this test started within the hour */
+   EXPECT_TRUE(startUs <= nowUs && startUs + 3600ull * 1000000 > nowUs); /* within the hour */
 
    pid_t child = fork();
    if (child == 0) {
       _exit(0);
    }
    ASSERT_EQ(waitpid(child, nullptr, 0), child);
-   EXPECT_FALSE(Hostinfo_GetProcessStartTicks(child, &before));
-   EXPECT_EQ(errno, ENOENT);
-   EXPECT_FALSE(Hostinfo_GetProcessStartTime(0, &startUs));
-   EXPECT_EQ(errno, EINVAL);
+   EXPECT_EQ(Id_ProcessExists(child), ID_PROCESS_GONE);
+   EXPECT_FALSE(Hostinfo_GetProcessStartTicks(child, &before) || errno != ENOENT);
+   EXPECT_FALSE(Hostinfo_GetProcessStartTime(0, &startUs) || errno != EINVAL);
    EXPECT_FALSE(Hostinfo_GetProcessStartTime(-1, &startUs));
 }
 
 TEST(HostinfoQueries, CpuidSignatureIsStableAcrossProcessors)
 {
 #if defined(__x86_64__) || defined(__i386__)
-   char *signature = Hostinfo_GetCpuidSignature();
-   ASSERT_NE(signature, nullptr);
-   std::string first(signature);
-   free(signature);
+   std::string first = testsupport::Take(Hostinfo_GetCpuidSignature());
    EXPECT_TRUE(
        std::regex_match(first, std::regex("00000000:[0-9A-F]{32}-([0-9A-F]{8}:[0-9A-F]{32}-)*")))
        << first;
@@ -167,10 +148,8 @@ TEST(HostinfoQueries, CpuidSignatureIsStableAcrossProcessors)
             CPU_ZERO(&one);
             CPU_SET(cpu, &one);
             ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
-            char *again = Hostinfo_GetCpuidSignature();
-            ASSERT_NE(again, nullptr);
-            EXPECT_EQ(again, first) << "processor " << cpu;
-            free(again);
+            EXPECT_EQ(testsupport::Take(Hostinfo_GetCpuidSignature()), first)
+                << "processor " << cpu;
          }).join();
       }
    }
@@ -194,15 +173,13 @@ TEST(HostinfoQueries, LoadMemoryAndSlabs)
    uint64_t total = 0, available = 0;
    ASSERT_TRUE(Hostinfo_GetMemoryInfoInPages(&total, &available));
    EXPECT_EQ(total, static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)));
-   EXPECT_GT(available, 0u);
-   EXPECT_LE(available, total);
+   EXPECT_TRUE(available > 0 && available <= total);
 
    if (access("/sys/kernel/slab/kmalloc-64/object_size", R_OK) == 0 ||
        access("/proc/slabinfo", R_OK) == 0) {
       EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("kmalloc-64"), 64u);
    }
-   EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("no-such-cache"), 0u);
-   EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("../slab/kmalloc-64"), 0u);
-   EXPECT_EQ(Hostinfo_GetKernelZoneElemSize(""), 0u);
-   EXPECT_EQ(Hostinfo_GetKernelZoneElemSize(nullptr), 0u);
+   for (const char *bad : {"no-such-cache", "../slab/kmalloc-64", "", (const char *)nullptr}) {
+      EXPECT_EQ(Hostinfo_GetKernelZoneElemSize(bad), 0u) << (bad != nullptr ? bad : "NULL");
+   }
 }

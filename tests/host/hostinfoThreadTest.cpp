@@ -2,10 +2,6 @@
 #include <limits.h>
 #include <unistd.h>
 
-#include <latch>
-#include <thread>
-#include <vector>
-
 #include "hostinfo.h"
 #include "misc/hostinfoInt.h"
 #include "testSupport.h"

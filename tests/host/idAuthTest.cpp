@@ -6,8 +6,7 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <string>
-#include <vector>
+#include <memory>
 
 #include "hostinfo.h"
 #include "id.h"
@@ -17,10 +16,8 @@
 using testsupport::LogCapture;
 using testsupport::ScratchDir;
 
-namespace {
-
 /* Runs argv[0] with output to a file; the interpreter's search paths are not inherited. */
-pid_t Spawn(const std::vector<std::string> &argv, const std::string &output = "/dev/null")
+static pid_t Spawn(const std::vector<std::string> &argv, const std::string &output = "/dev/null")
 {
    pid_t pid = fork();
    if (pid == 0) {
@@ -40,7 +37,7 @@ pid_t Spawn(const std::vector<std::string> &argv, const std::string &output = "/
    return pid;
 }
 
-int RunToExit(const std::vector<std::string> &argv)
+static int RunToExit(const std::vector<std::string> &argv)
 {
    int status = 0;
    pid_t pid = Spawn(argv);
@@ -110,8 +107,7 @@ class PolkitAuth : public IdAuth {
 
    ScratchDir scratch_;
    std::string address_;
-   pid_t daemon_ = -1;
-   pid_t mock_ = -1;
+   pid_t daemon_ = -1, mock_ = -1;
 };
 
 /* Another process that hands over its reference's form and lives until released. */
@@ -151,25 +147,22 @@ class FormDonor {
    int end_ = -1;
 };
 
-std::string Pattern(const char *key, const char *type, uint64_t value)
+static std::string Pattern(const char *key, const char *type, uint64_t value)
 {
    return std::string("'") + key + "'): dbus." + type + "(" + std::to_string(value) + ",";
 }
-
-}  // namespace
 
 TEST_F(IdAuth, SetAcceptsOneValidFormOnce)
 {
    FormDonor donor;
    std::vector<unsigned char> &form = donor.form;
    LogCapture log;
-   EXPECT_FALSE(Id_AuthSet(form.data(), 31));
-   EXPECT_FALSE(Id_AuthSet(form.data(), 33));
-   EXPECT_FALSE(Id_AuthSet(nullptr, 32));
-   EXPECT_EQ(log.Text(),
-             "Warning: Id_AuthSet: Invalid argument.\n"
-             "Warning: Id_AuthSet: Invalid argument.\n"
-             "Warning: Id_AuthSet: Invalid argument.\n");
+   for (auto [data, size] :
+        {std::pair<void *, size_t>{form.data(), 31}, {form.data(), 33}, {nullptr, 32}}) {
+      log.Clear();
+      EXPECT_FALSE(Id_AuthSet(data, size)) << size;
+      EXPECT_EQ(log.Text(), "Warning: Id_AuthSet: Invalid argument.\n");
+   }
 
    const std::string refused = "Warning: AuthorizationCreateFromExternalForm failed.\n";
    for (size_t byte : {0u, 4u, 16u, 31u}) { /* magic, version, start time, reserved */
@@ -183,10 +176,8 @@ TEST_F(IdAuth, SetAcceptsOneValidFormOnce)
    log.Clear();
    ASSERT_TRUE(Id_AuthSet(form.data(), form.size()));
    size_t size = 0;
-   void *current = Id_AuthGetExternal(&size);
-   ASSERT_EQ(size, 32u);
-   EXPECT_EQ(memcmp(current, form.data(), size), 0);
-   free(current);
+   std::unique_ptr<void, decltype(&free)> current(Id_AuthGetExternal(&size), free);
+   EXPECT_TRUE(size == 32 && memcmp(current.get(), form.data(), size) == 0);
    EXPECT_EQ(log.Text(), "");
    EXPECT_PANIC(Id_AuthSet(form.data(), form.size()), "NOT_IMPLEMENTED lib/misc/idLinux:");
 

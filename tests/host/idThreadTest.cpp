@@ -1,10 +1,8 @@
 #include <errno.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <future>
-#include <thread>
 
 #include "id.h"
 #include "testSupport.h"
@@ -15,10 +13,8 @@ using testsupport::LogCapture;
  * Credential changes are made on threads of their own, which take them along when they end;
  * the main thread stays root throughout.
  */
-namespace {
-
-constexpr uid_t kNobody = 65534;
-constexpr uid_t kNoUid = static_cast<uid_t>(-1);
+static constexpr uid_t kNobody = 65534;
+static constexpr uid_t kNoUid = static_cast<uid_t>(-1);
 
 class IdThread : public ::testing::Test {
   protected:
@@ -29,8 +25,6 @@ class IdThread : public ::testing::Test {
       }
    }
 };
-
-}  // namespace
 
 TEST_F(IdThread, SuperUserBracketActsOnTheCallingThreadOnly)
 {
@@ -94,15 +88,4 @@ TEST_F(IdThread, SettersChangeTheCallingThreadOnly)
    ASSERT_EQ(getresuid(&r, &e, &s), 0);
    EXPECT_EQ(r + e + s, 0u);
    EXPECT_EQ(getgid(), 0u);
-}
-
-TEST(IdProcessExists, LiveAndGone)
-{
-   EXPECT_EQ(Id_ProcessExists(getpid()), ID_PROCESS_EXISTS);
-   pid_t child = fork();
-   if (child == 0) {
-      _exit(0);
-   }
-   ASSERT_EQ(waitpid(child, nullptr, 0), child);
-   EXPECT_EQ(Id_ProcessExists(child), ID_PROCESS_GONE);
 }

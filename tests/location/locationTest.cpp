@@ -3,19 +3,16 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <string>
 
 #include "testSupport.h"
 
 namespace fs = std::filesystem;
 using testsupport::ScratchDir;
 
-namespace {
-
-const char kOpenerRel[] = "/Contents/Library/services/Open BRIX Services";
+static const char kOpenerRel[] = "/Contents/Library/services/Open BRIX Services";
 
 // Runs a copy of the probe at exe with args; returns its output without log stamps.
-std::string RunProbe(const std::string &exe, const std::string &args)
+static std::string RunProbe(const std::string &exe, const std::string &args)
 {
    FILE *pipe = popen(("'" + exe + "' " + args).c_str(), "r");
    std::string text;
@@ -27,14 +24,12 @@ std::string RunProbe(const std::string &exe, const std::string &args)
    return testsupport::StripStamps(text);
 }
 
-std::string InstallProbe(const std::string &exe)
+static std::string InstallProbe(const std::string &exe)
 {
    fs::create_directories(fs::path(exe).parent_path());
    fs::copy_file(LOCATION_PROBE, exe);
    return exe;
 }
-
-}  // namespace
 
 TEST(Location, RootIsFoundAboveTheExecutable)
 {

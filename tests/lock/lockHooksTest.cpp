@@ -1,9 +1,5 @@
-#include <string>
-
 #include "testSupport.h"
 #include "userlock.h"
-
-namespace {
 
 /* A host mutex that only counts what is asked of it. */
 struct HostMutex {
@@ -12,28 +8,25 @@ struct HostMutex {
    const char *name = nullptr;
 };
 
-HostMutex *Host(const MX_MutexRec *m)
+static HostMutex *Host(const MX_MutexRec *m)
 {
    return reinterpret_cast<HostMutex *>(const_cast<MX_MutexRec *>(m));
 }
 
-int setInPanicCalls = 0;
-bool hostInPanic = false;
+static int gSetInPanicCalls = 0;
+static bool gHostInPanic = false;
 
-std::string DumpOf(MXUserRecLock *lock)
+static std::string DumpOf(MXUserRecLock *lock)
 {
    testsupport::LogCapture log;
    MXUser_DumpRecLock(lock);
    return log.Text();
 }
 
-}  // namespace
-
 /* The hooks are process-wide and install once, so this program checks them in one sequence. */
 TEST(MXUserHooks, BindingNeedsHooksAndForwardsEveryOperation)
 {
-   HostMutex host;
-   host.name = "hostlock";
+   HostMutex host{.name = "hostlock"};
    auto *rec = reinterpret_cast<MX_MutexRec *>(&host);
    EXPECT_EQ(MXUser_BindMXMutexRec(rec, 1), nullptr);
    EXPECT_FALSE(MXUser_InPanic());
@@ -43,8 +36,8 @@ TEST(MXUserHooks, BindingNeedsHooksAndForwardsEveryOperation)
        [](MX_MutexRec *m) { Host(m)->unlocks++, Host(m)->held = false; },
        [](MX_MutexRec *m) { return Host(m)->tries++, false; },
        [](const MX_MutexRec *m) { return Host(m)->held; },
-       [](const MX_MutexRec *m) { return Host(m)->name; }, [] { setInPanicCalls++; },
-       [] { return hostInPanic; });
+       [](const MX_MutexRec *m) { return Host(m)->name; }, [] { gSetInPanicCalls++; },
+       [] { return gHostInPanic; });
    /* A second installation is ignored. */
    auto ignore = [](MX_MutexRec *) {};
    MXUserInstallMxHooks(nullptr, nullptr, ignore, ignore, nullptr, nullptr, nullptr, nullptr,
@@ -52,16 +45,13 @@ TEST(MXUserHooks, BindingNeedsHooksAndForwardsEveryOperation)
 
    MXUserRecLock *bound = MXUser_BindMXMutexRec(rec, 7);
    ASSERT_NE(bound, nullptr);
-   EXPECT_EQ(MXUser_GetRecLockVmm(bound), rec);
-   EXPECT_EQ(MXUser_GetRecLockRank(bound), 7u);
+   EXPECT_TRUE(MXUser_GetRecLockVmm(bound) == rec && MXUser_GetRecLockRank(bound) == 7);
    MXUser_AcquireRecLock(bound);
    EXPECT_TRUE(MXUser_IsCurThreadHoldingRecLock(bound));
    MXUser_ReleaseRecLock(bound);
    EXPECT_FALSE(MXUser_IsCurThreadHoldingRecLock(bound));
    EXPECT_FALSE(MXUser_TryAcquireRecLock(bound));
-   EXPECT_EQ(host.locks, 1);
-   EXPECT_EQ(host.unlocks, 1);
-   EXPECT_EQ(host.tries, 1);
+   EXPECT_TRUE(host.locks == 1 && host.unlocks == 1 && host.tries == 1);
 
    char lines[128];
    snprintf(lines, sizeof lines, "Warning: \treference count 1\nWarning: \tvmmLock %p\n",
@@ -79,11 +69,11 @@ TEST(MXUserHooks, BindingNeedsHooksAndForwardsEveryOperation)
    MXUser_DestroyRecLock(unnamed);
 
    /* The panic query asks the host until the library's own flag is set. */
-   hostInPanic = true;
+   gHostInPanic = true;
    EXPECT_TRUE(MXUser_InPanic());
-   hostInPanic = false;
+   gHostInPanic = false;
    EXPECT_FALSE(MXUser_InPanic());
    MXUser_SetInPanic();
-   EXPECT_EQ(setInPanicCalls, 1);
+   EXPECT_EQ(gSetInPanicCalls, 1);
    EXPECT_TRUE(MXUser_InPanic());
 }

@@ -1,35 +1,30 @@
 #include <math.h>
 #include <stdarg.h>
-#include <stdio.h>
 
 #include <algorithm>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "lock/ulInt.h"
 #include "testSupport.h"
 #include "userlock.h"
 
-namespace {
+static std::vector<std::string> gLines;
 
-std::vector<std::string> lines;
-
-void CollectLine(void *context, const char *fmt, ...)
+static void CollectLine(void *context, const char *fmt, ...)
 {
-   EXPECT_EQ(context, &lines);
+   EXPECT_EQ(context, &gLines);
    char buf[4096];
    va_list args;
    va_start(args, fmt);
    vsnprintf(buf, sizeof buf, fmt, args);
    va_end(args);
-   lines.emplace_back(buf);
+   gLines.emplace_back(buf);
 }
 
-size_t CountMatching(const std::string &pattern)
+static size_t CountMatching(const std::string &pattern)
 {
    std::regex re(pattern);
-   return std::count_if(lines.begin(), lines.end(),
+   return std::count_if(gLines.begin(), gLines.end(),
                         [&](const std::string &line) { return std::regex_search(line, re); });
 }
 
@@ -37,16 +32,14 @@ class MXUserStats : public ::testing::Test {
   protected:
    void SetUp() override
    {
-      lines.clear();
-      MXUser_SetStatsFunc(&lines, 256, CollectLine);
+      gLines.clear();
+      MXUser_SetStatsFunc(&gLines, 256, CollectLine);
       MXUser_SetContentionRatio(0.0, 0, 0);
       header.serialNumber = 9;
    }
    void TearDown() override { MXUser_SetStatsMode(0); }
    MXUserHeader header{};
 };
-
-}  // namespace
 
 TEST_F(MXUserStats, HistogramBinsAreHundredthsOfADecadeAndTheLineStopsWhereTheBufferEnds)
 {
@@ -62,11 +55,11 @@ TEST_F(MXUserStats, HistogramBinsAreHundredthsOfADecadeAndTheLineStopsWhereTheBu
    MXUserDumpHisto(histo, &header);
    /* Then room for the first two bins and not the third. */
    std::string head = "MXUser: h l=9 t=a min=1000 max=10000000000\n";
-   MXUser_SetStatsFunc(&lines, static_cast<uint32_t>(head.size() + 12), CollectLine);
+   MXUser_SetStatsFunc(&gLines, static_cast<uint32_t>(head.size() + 12), CollectLine);
    MXUserDumpHisto(histo, &header);
-   EXPECT_EQ(lines, (std::vector<std::string>{
-                        "MXUser: h l=9 t=a min=1000 max=10000000000 0-2 100-1 149-1 200-1 699-1\n",
-                        "MXUser: h l=9 t=a min=1000 max=10000000000 0-2 100-1\n"}));
+   EXPECT_EQ(gLines, (std::vector<std::string>{
+                         "MXUser: h l=9 t=a min=1000 max=10000000000 0-2 100-1 149-1 200-1 699-1\n",
+                         "MXUser: h l=9 t=a min=1000 max=10000000000 0-2 100-1\n"}));
    MXUserHistoTearDown(histo);
 }
 
@@ -88,9 +81,10 @@ TEST_F(MXUserStats, BasicStatisticsLines)
       for (uint64_t v : c.samples) {
          MXUserBasicStatsSample(&stats, v);
       }
-      lines.clear();
+      gLines.clear();
       MXUserDumpBasicStats(&stats, &header);
-      EXPECT_EQ(lines, std::vector<std::string>{std::string("MXUser: e l=9 t=h ") + c.line + "\n"});
+      EXPECT_EQ(gLines,
+                std::vector<std::string>{std::string("MXUser: e l=9 t=h ") + c.line + "\n"});
    }
 }
 
@@ -151,7 +145,7 @@ TEST_F(MXUserStats, ModesAndThePerLockReport)
    std::string acq = std::to_string(acquisitionsOnly->header.serialNumber);
    MXUser_AcquireRecLock(acquisitionsOnly);
    MXUser_ReleaseRecLock(acquisitionsOnly);
-   lines.clear();
+   gLines.clear();
    MXUser_PerLockData();
    EXPECT_EQ(CountMatching("^MXUser: e l=" + acq + " t=a "), 1u);
    EXPECT_EQ(CountMatching("^MXUser: e l=" + acq + " t=h "), 0u);
@@ -160,7 +154,7 @@ TEST_F(MXUserStats, ModesAndThePerLockReport)
 
    MXUser_AcquireExclLock(lock);
    MXUser_ReleaseExclLock(lock);
-   lines.clear();
+   gLines.clear();
    MXUser_PerLockData();
    EXPECT_EQ(CountMatching("^MXUser: n "), 0u);
    EXPECT_EQ(CountMatching("^MXUser: ce l=" + l + " a=5 "), 1u);

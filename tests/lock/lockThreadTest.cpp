@@ -1,18 +1,11 @@
 #include <atomic>
-#include <barrier>
 #include <chrono>
-#include <thread>
-#include <vector>
 
 #include "lock/ulInt.h"
 #include "testSupport.h"
 #include "userlock.h"
 
-namespace {
-
 using testsupport::RunThreads;
-
-}  // namespace
 
 TEST(MXUserThreads, LazyCreationRacesEndWithOneLock)
 {
@@ -20,16 +13,14 @@ TEST(MXUserThreads, LazyCreationRacesEndWithOneLock)
    for (int round = 0; round < 20; round++) {
       MXUserRecLock *recSlot = nullptr;
       MXUserExclLock *exclSlot = nullptr;
-      MXUserRecLock *recSeen[kThreads];
-      MXUserExclLock *exclSeen[kThreads];
+      std::vector<MXUserRecLock *> recSeen(kThreads);
+      std::vector<MXUserExclLock *> exclSeen(kThreads);
       RunThreads(kThreads, [&](int i) {
          recSeen[i] = MXUser_CreateSingletonRecLock(&recSlot, "lazyRec", 0);
          exclSeen[i] = MXUser_CreateSingletonExclLock(&exclSlot, "lazyExcl", 0);
       });
-      for (int i = 0; i < kThreads; i++) {
-         EXPECT_EQ(recSeen[i], recSlot);
-         EXPECT_EQ(exclSeen[i], exclSlot);
-      }
+      EXPECT_EQ(recSeen, std::vector(kThreads, recSlot));
+      EXPECT_EQ(exclSeen, std::vector(kThreads, exclSlot));
       EXPECT_EQ(MXUser_CreateSingletonRecLock(&recSlot, "again", 0), recSlot);
       MXUser_DestroyRecLock(recSlot);
       MXUser_DestroyExclLock(exclSlot);
@@ -61,8 +52,7 @@ TEST(MXUserThreads, LocksExcludeOtherThreadsNestForTheOwnerAndCountEveryAttempt)
          MXUser_ReleaseExclLock(excl);
       }
    });
-   EXPECT_EQ(recCount, 40000);
-   EXPECT_EQ(exclCount, 40000);
+   EXPECT_TRUE(recCount == 40000 && exclCount == 40000) << recCount << " " << exclCount;
    MXUserAcquisitionStats *acquired = excl->acquireStatsMem.load();
    EXPECT_EQ(acquired->numAttempts.load(), 40000 + failedTries.load());
    EXPECT_EQ(acquired->numSuccesses, 40000u);
@@ -77,40 +67,32 @@ TEST(MXUserThreads, WaitersWakeOnSignalAndBroadcastWithTheirNesting)
    auto begin = std::chrono::steady_clock::now();
    MXUserRecLock *lock = MXUser_CreateRecLock("queue", 0);
    MXUserCondVar *cv = MXUser_CreateCondVarRecLock(lock);
-   int ready = 0;
-   int woken = 0;
-   std::vector<std::thread> waiters;
-   for (int i = 0; i < 3; i++) {
-      waiters.emplace_back([&, i] {
-         MXUser_AcquireRecLock(lock);
-         MXUser_AcquireRecLock(lock);
-         ready++;
-         while (woken == 0) {
-            if (i == 0) {
-               MXUser_TimedWaitCondVarRecLock(lock, cv, 10000);
-            } else {
-               MXUser_WaitCondVarRecLock(lock, cv);
+   int ready = 0, woken = 0;
+   RunThreads(4, [&](int i) {
+      if (i == 3) {  // the signaller
+         for (bool all = false; !all; std::this_thread::yield()) {
+            MXUser_AcquireRecLock(lock);
+            if ((all = ready == 3)) {
+               woken = 1;
+               MXUser_SignalCondVar(cv);
+               MXUser_BroadcastCondVar(cv);
             }
+            MXUser_ReleaseRecLock(lock);
          }
-         woken++;
-         MXUser_ReleaseRecLock(lock);
-         EXPECT_TRUE(MXUser_IsCurThreadHoldingRecLock(lock));
-         MXUser_ReleaseRecLock(lock);
-      });
-   }
-   for (bool all = false; !all; std::this_thread::yield()) {
-      MXUser_AcquireRecLock(lock);
-      all = ready == 3;
-      if (all) {
-         woken = 1;
-         MXUser_SignalCondVar(cv);
-         MXUser_BroadcastCondVar(cv);
+         return;
       }
+      MXUser_AcquireRecLock(lock);
+      MXUser_AcquireRecLock(lock);
+      ready++;
+      while (woken == 0) {
+         i == 0 ? MXUser_TimedWaitCondVarRecLock(lock, cv, 10000)
+                : MXUser_WaitCondVarRecLock(lock, cv);
+      }
+      woken++;
       MXUser_ReleaseRecLock(lock);
-   }
-   for (auto &t : waiters) {
-      t.join();
-   }
+      EXPECT_TRUE(MXUser_IsCurThreadHoldingRecLock(lock));
+      MXUser_ReleaseRecLock(lock);
+   });
    EXPECT_EQ(woken, 4);
    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
    MXUser_DestroyCondVar(cv);

@@ -4,17 +4,14 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <vector>
 
 #include "serviceImplIO.h"
 #include "testSupport.h"
 
 using testsupport::LogCapture;
 
-namespace {
-
 // Sends one byte with one SCM_RIGHTS control header per entry of headers.
-void SendRaw(int sock, const std::vector<std::vector<int>> &headers)
+static void SendRaw(int sock, const std::vector<std::vector<int>> &headers)
 {
    alignas(struct cmsghdr) char control[256] = {};
    char byte = 'x';
@@ -34,20 +31,16 @@ void SendRaw(int sock, const std::vector<std::vector<int>> &headers)
    ASSERT_EQ(sendmsg(sock, &msg, MSG_NOSIGNAL), 1);
 }
 
-size_t OpenDescriptorCount()
+static size_t OpenDescriptorCount()
 {
    auto entries = std::filesystem::directory_iterator("/proc/self/fd");
    return (size_t)std::distance(begin(entries), end(entries));
 }
 
-}  // namespace
-
 TEST(ServiceImpl, DescriptorCrossesWithTheMessageByte)
 {
-   int pair[2];
-   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-   int pipeFds[2];
-   ASSERT_EQ(pipe(pipeFds), 0);
+   int pair[2], pipeFds[2];
+   ASSERT_TRUE(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0 && pipe(pipeFds) == 0);
 
    gServiceImplMessageByte = 'G';
    ASSERT_TRUE(ServiceImplSendFd(pair[0], pipeFds[1]));

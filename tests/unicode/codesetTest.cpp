@@ -1,22 +1,15 @@
 /*
  * CodeSet: the built-in converters, the ICU path and where the two must agree.
  */
-#include <gtest/gtest.h>
-
 #include <stdlib.h>
 #include <unicode/utypes.h>
 
-#include <fstream>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "codeset.h"
 #include "misc/codesetBuiltin.h"
 #include "testSupport.h"
 #include "unicode.h"
-
-namespace {
 
 using Bytes = std::string;
 
@@ -25,25 +18,30 @@ struct Result {
    Bytes bytes;
 };
 
+/* The buffer's contents after convert, which starts from `initial`. */
 template <typename Fn>
-Result IntoDynBuf(Fn convert)
+static Result IntoDynBuf(Fn convert, const Bytes &initial = "")
 {
    DynBuf db;
    DynBuf_Init(&db);
+   EXPECT_TRUE(DynBuf_Append(&db, initial.data(), initial.size()));
    bool ok = convert(&db);
-   Result r{ok, ok ? Bytes(db.data == nullptr ? "" : db.data, db.size) : Bytes()};
+   Result r{ok, Bytes(db.data == nullptr ? "" : db.data, db.size)};
    DynBuf_Destroy(&db);
    return r;
 }
 
-Result Convert(const char *from, const Bytes &in, const char *to, int policy = 0)
+static Result Convert(const char *from, const Bytes &in, const char *to, int policy = 0,
+                      const Bytes &initial = "")
 {
-   return IntoDynBuf([&](DynBuf *db) {
-      return CodeSet_ConvertToDynBuf(from, in.data(), in.size(), to, policy, db);
-   });
+   return IntoDynBuf(
+       [&](DynBuf *db) {
+          return CodeSet_ConvertToDynBuf(from, in.data(), in.size(), to, policy, db);
+       },
+       initial);
 }
 
-Result Builtin(StringEncoding from, const Bytes &in, StringEncoding to, int policy = 0)
+static Result Builtin(StringEncoding from, const Bytes &in, StringEncoding to, int policy = 0)
 {
    return IntoDynBuf([&](DynBuf *db) {
       return CodeSetBuiltinConvert(from, to, in.data(), in.size(), policy, db);
@@ -52,7 +50,7 @@ Result Builtin(StringEncoding from, const Bytes &in, StringEncoding to, int poli
 
 /* Runs a heap-result conversion; a result must be followed by `zeros` zero bytes. */
 using HeapFn = bool (*)(const char *, size_t, char **, size_t *);
-Result Heap(HeapFn convert, const Bytes &in, size_t zeros = 4)
+static Result Heap(HeapFn convert, const Bytes &in, size_t zeros = 4)
 {
    char *out = nullptr;
    size_t size = 0;
@@ -65,7 +63,7 @@ Result Heap(HeapFn convert, const Bytes &in, size_t zeros = 4)
    return r;
 }
 
-Bytes Utf16(const std::u16string &s, bool bigEndian)
+static Bytes Utf16(const std::u16string &s, bool bigEndian)
 {
    Bytes out;
    for (char16_t u : s) {
@@ -83,28 +81,24 @@ class CodeSetTest : public ::testing::Test {
    void UseIcu(bool on)
    {
       if (on) {
-         std::ofstream(dir_ / (U_ICUDATA_NAME ".dat")) << "x";
+         testsupport::WriteFile(dir_ / (U_ICUDATA_NAME ".dat"), "x");
       }
       CodeSet_Init(on ? dir_.Path().c_str() : "/nonexistent/icu-data-directory");
    }
    testsupport::ScratchDir dir_;
 };
 
-TEST_F(CodeSetTest, InitTurnsIcuOnOnlyForAnExistingDataFile)
+TEST_F(CodeSetTest, IcuOnlyWithAnExistingDataFileElseBuiltinPairs)
 {
    EXPECT_TRUE(CodeSet_Init("/nonexistent"));
    EXPECT_FALSE(Convert("UTF-8", "a", "ISO-8859-2").ok);
    EXPECT_TRUE(CodeSet_Init(dir_.Path().c_str())); /* directory without the file */
    EXPECT_FALSE(Convert("UTF-8", "a", "ISO-8859-2").ok);
    UseIcu(true);
-   Result r = Convert("UTF-8", "\xC5\x82", "ISO-8859-2");
-   EXPECT_TRUE(r.ok);
-   EXPECT_EQ(r.bytes, "\xB3");
+   EXPECT_EQ(Convert("UTF-8", "\xC5\x82", "ISO-8859-2").bytes, "\xB3");
    EXPECT_STREQ(CodeSet_GetCurrentCodeSet(), "UTF-8");
-}
 
-TEST_F(CodeSetTest, BuiltinPairs)
-{
+   UseIcu(false);
    EXPECT_FALSE(Convert("UTF-8", "a", "UTF-16BE").ok); /* not a built-in pair */
    EXPECT_FALSE(Convert("UTF-16LE", Bytes("\x41\x00\x42", 3), "UTF-8").ok);
    EXPECT_EQ(Convert("US-ASCII", "\x41\x80", "UTF-8").bytes, "\x41\xEF\xBF\xBD");
@@ -118,26 +112,19 @@ TEST_F(CodeSetTest, BuiltinPairs)
    /* Nothing to convert succeeds and appends nothing. */
    Result none = IntoDynBuf(
        [](DynBuf *db) { return CodeSet_ConvertToDynBuf("UTF-8", nullptr, 5, "nonsense", 0, db); });
-   EXPECT_TRUE(none.ok);
-   EXPECT_EQ(none.bytes, "");
+   EXPECT_TRUE(none.ok && none.bytes.empty());
 }
 
 TEST_F(CodeSetTest, OutputsInBothModes)
 {
    for (bool icu : {false, true}) {
       UseIcu(icu);
-      /* A failure leaves the buffer as it was. */
-      DynBuf db;
-      DynBuf_Init(&db);
-      ASSERT_TRUE(DynBuf_Append(&db, "keep", 4));
-      EXPECT_FALSE(CodeSet_ConvertToDynBuf("UTF-8", "ab\xFF", 3, "UTF-16LE", 0, &db));
-      EXPECT_EQ(Bytes(db.data, db.size), "keep");
-      DynBuf_Destroy(&db);
+      Result kept = Convert("UTF-8", "ab\xFF", "UTF-16LE", 0, "keep");
+      EXPECT_TRUE(!kept.ok && kept.bytes == "keep");  // a failure leaves the buffer as it was
 
       char *out = nullptr;
       size_t size = 0;
-      ASSERT_TRUE(CodeSet_Convert("UTF-8", "abc", 3, "UTF-16LE", 0, &out, &size));
-      EXPECT_EQ(size, 6u);
+      ASSERT_TRUE(CodeSet_Convert("UTF-8", "abc", 3, "UTF-16LE", 0, &out, &size) && size == 6);
       EXPECT_EQ(Bytes(out, 10), Bytes("a\0b\0c\0\0\0\0\0", 10));
       free(out);
       EXPECT_EQ(Heap(CodeSet_Utf16leToUtf8, Bytes("h\0i\0", 4)).bytes, "hi");
@@ -147,7 +134,7 @@ TEST_F(CodeSetTest, OutputsInBothModes)
    }
 }
 
-TEST_F(CodeSetTest, Validate)
+TEST_F(CodeSetTest, ValidateAndNormalize)
 {
    for (bool icu : {false, true}) {
       UseIcu(icu);
@@ -162,10 +149,6 @@ TEST_F(CodeSetTest, Validate)
    EXPECT_TRUE(CodeSet_IsEncodingSupported("ISO-8859-2"));
    EXPECT_FALSE(CodeSet_IsEncodingSupported("no-such-encoding"));
    EXPECT_PANIC(CodeSet_Validate("a", 1, "no-such-encoding"), "VERIFY lib/misc/codeset:");
-}
-
-TEST_F(CodeSetTest, Normalize)
-{
    EXPECT_EQ(Heap(CodeSet_Utf8NormalizeD, "\xC3\xA9", 1).bytes, "e\xCC\x81");
    EXPECT_EQ(Heap(CodeSet_Utf8NormalizeC, "e\xCC\x81!", 1).bytes, "\xC3\xA9!");
    EXPECT_FALSE(Heap(CodeSet_Utf8NormalizeC, "\xC3").ok);
@@ -225,19 +208,16 @@ TEST_F(CodeSetTest, MalformedUtf8)
             EXPECT_FALSE(Convert("UTF-8", input, "UTF-16LE", 2).ok);
             continue;
          }
-         EXPECT_TRUE(sub.ok);
-         EXPECT_EQ(sub.bytes, substituted);
-         Bytes kept;
-         for (char ch : substituted) {
-            kept += (unsigned char)ch < 0x80 ? Bytes(1, ch) : Bytes();
-         }
+         EXPECT_TRUE(sub.ok && sub.bytes == substituted);
+         Bytes kept = substituted;
+         std::erase_if(kept, [](char ch) { return (unsigned char)ch >= 0x80; });
          EXPECT_EQ(Convert("UTF-8", input, "UTF-8", 2).bytes, kept);
       }
    }
 }
 
 /* Random text built from every code-point class, with some bytes broken. */
-Bytes RandomText(std::mt19937 &rng, bool breakSome)
+static Bytes RandomText(std::mt19937 &rng, bool breakSome)
 {
    // clang-format off
    static const std::vector<Bytes> pieces = {
@@ -257,15 +237,11 @@ Bytes RandomText(std::mt19937 &rng, bool breakSome)
 /* Where both paths are defined to agree, the built-in converters give what ICU gives. */
 TEST_F(CodeSetTest, BuiltinAgreesWithIcu)
 {
+   const StringEncoding u8 = STRING_ENCODING_UTF8, le = STRING_ENCODING_UTF16_LE,
+                        be = STRING_ENCODING_UTF16_BE, ascii = STRING_ENCODING_US_ASCII;
    const std::pair<StringEncoding, StringEncoding> pairs[] = {
-       {STRING_ENCODING_UTF8, STRING_ENCODING_UTF16_LE},
-       {STRING_ENCODING_UTF8, STRING_ENCODING_UTF8},
-       {STRING_ENCODING_UTF16_LE, STRING_ENCODING_UTF8},
-       {STRING_ENCODING_UTF16_BE, STRING_ENCODING_UTF8},
-       {STRING_ENCODING_ISO_8859_1, STRING_ENCODING_UTF8},
-       {STRING_ENCODING_US_ASCII, STRING_ENCODING_UTF8},
-       {STRING_ENCODING_UTF8, STRING_ENCODING_US_ASCII},
-       {STRING_ENCODING_UTF16_LE, STRING_ENCODING_UTF16_LE}};
+       {u8, le},    {u8, u8},    {le, u8}, {be, u8}, {STRING_ENCODING_ISO_8859_1, u8},
+       {ascii, u8}, {u8, ascii}, {le, le}};
    UseIcu(true);
    std::mt19937 rng(12345);
    for (int round = 0; round < 3000; round++) {
@@ -274,27 +250,27 @@ TEST_F(CodeSetTest, BuiltinAgreesWithIcu)
          const char *fromName = Unicode_EncodingEnumToName(from);
          const char *toName = Unicode_EncodingEnumToName(to);
          Bytes input = text;
-         if (from == STRING_ENCODING_UTF16_LE || from == STRING_ENCODING_UTF16_BE) {
+         if (from == le || from == be) {
             /* Valid text as UTF-16; broken text as raw units, lone surrogates included. */
             input = round % 2 == 0 ? Convert("UTF-8", text, fromName).bytes : text;
             input.resize(input.size() & ~(size_t)1); /* odd lengths differ by design */
-         } else if (from == STRING_ENCODING_US_ASCII) {
+         } else if (from == ascii) {
             for (char &c : input) {
                c &= 0x7F; /* other bytes: the built-in path substitutes under every policy */
             }
-         } else if (to == STRING_ENCODING_US_ASCII && round % 2 == 1) {
+         } else if (to == ascii && round % 2 == 1) {
             continue; /* broken sequences: the built-in path replaces byte by byte */
          }
          for (int policy = 0; policy <= 2; policy++) {
-            if (from == to && from != STRING_ENCODING_UTF8 && policy != 0) {
+            if (from == to && from != u8 && policy != 0) {
                continue; /* equal pairs other than UTF-8 only validate */
             }
             Result ours = Builtin(from, input, to, policy);
             SCOPED_TRACE(std::string(fromName) + "->" + toName + " policy " +
                          std::to_string(policy) + " " + testing::PrintToString(input));
-            if (policy != 0 && to != STRING_ENCODING_US_ASCII && !Builtin(from, input, to).ok) {
-               ASSERT_FALSE(
-                   ours.ok); /* ill-formed input fails the built-in path under every policy */
+            /* Ill-formed input fails the built-in path under every policy. */
+            if (policy != 0 && to != ascii && !Builtin(from, input, to).ok) {
+               ASSERT_FALSE(ours.ok);
                continue;
             }
             Result icu = Convert(fromName, input, toName, policy);
@@ -304,5 +280,3 @@ TEST_F(CodeSetTest, BuiltinAgreesWithIcu)
       }
    }
 }
-
-}  // namespace

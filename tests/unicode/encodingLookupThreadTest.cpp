@@ -1,18 +1,12 @@
 /*
  * The encoding-name cache is created and filled by racing threads.
  */
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <thread>
-#include <vector>
 
 #include "testSupport.h"
 #include "unicodeTypes.h"
 
-namespace {
-
-TEST(EncodingLookupThread, RacingLookupsAgree)
+TEST(EncodingLookupThread, RacingLookupsAgreeAndRacingInitsSettle)
 {
    const std::pair<const char *, StringEncoding> lookups[] = {
        {"UTF-8", 0},     {"utf8", 0},           {"latin1", 8},          {"windows-1252", 35},
@@ -30,12 +24,6 @@ TEST(EncodingLookupThread, RacingLookupsAgree)
       ASSERT_EQ(wrong.load(), 0);
    }
    Unicode_Shutdown();
-}
-
-TEST(EncodingLookupThread, InitRunsOnce)
-{
    testsupport::RunThreads(4, [](int) { Unicode_Init(nullptr); });
    EXPECT_EQ(Unicode_ResolveEncoding(-1), 0);
 }
-
-}  // namespace

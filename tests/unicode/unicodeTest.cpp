@@ -2,21 +2,13 @@
  * System strings: construction from encoded buffers, encoding back, bounded copies, size
  * bounds, unescaping, and the code-point operations.
  */
-#include <gtest/gtest.h>
-
 #include <stdlib.h>
 #include <string.h>
-
 #include <unicode/utypes.h>
-
-#include <fstream>
-#include <string>
 
 #include "codeset.h"
 #include "testSupport.h"
 #include "unicode.h"
-
-namespace {
 
 using testsupport::Take;
 
@@ -79,7 +71,7 @@ TEST(UnicodeBytes, GetAllocBytesAndValidity)
 TEST(UnicodeBytes, CopyBytesTruncates)
 {
    testsupport::ScratchDir icu; /* ICU serves the encodings without a built-in converter */
-   std::ofstream(icu / (U_ICUDATA_NAME ".dat")) << "x";
+   testsupport::WriteFile(icu / (U_ICUDATA_NAME ".dat"), "x");
    CodeSet_Init(icu.Path().c_str());
    const char *grin = "a\xF0\x9F\x98\x80"; /* "a" and U+1F600 */
    const struct {
@@ -170,30 +162,28 @@ TEST(UnicodeOperations, SubstringsAndSearches)
                 "Unicode_FindLastSubstrInRange: invalid UTF8 string @ ");
 }
 
-TEST(UnicodeOperations, CompareRange)
+TEST(UnicodeOperations, CompareRangeAndJoin)
 {
-   EXPECT_EQ(Unicode_CompareRange("abc", 0, -1, "abc", 0, -1, false), 0);
-   EXPECT_EQ(Unicode_CompareRange("abc", 0, -1, "abd", 0, -1, false), -1);
-   EXPECT_EQ(Unicode_CompareRange("abc", 0, -1, "ab", 0, -1, false), 1);
-   EXPECT_EQ(Unicode_CompareRange("ABC", 0, -1, "abc", 0, -1, false), -1);
-   EXPECT_EQ(Unicode_CompareRange("ABC", 0, -1, "abc", 0, -1, true), 0);
-   /* Simple folding beyond ASCII: E-acute, Greek sigma forms, Kelvin sign. */
-   EXPECT_EQ(Unicode_CompareRange("\xC3\x89", 0, -1, "\xC3\xA9", 0, -1, true), 0);
-   EXPECT_EQ(Unicode_CompareRange("\xCE\xA3", 0, -1, "\xCF\x82", 0, -1, true), 0);
-   EXPECT_EQ(Unicode_CompareRange("\xE2\x84\xAA", 0, -1, "k", 0, -1, true), 0);
+   // Simple folding beyond ASCII (E-acute, Greek sigma forms, Kelvin sign); characters above
+   // U+FFFF order after every BMP character; a string that is not UTF-8 compares as smaller.
+   const std::tuple<const char *, const char *, bool, int> whole[] = {
+       {"abc", "abc", false, 0},
+       {"abc", "abd", false, -1},
+       {"abc", "ab", false, 1},
+       {"ABC", "abc", false, -1},
+       {"ABC", "abc", true, 0},
+       {"\xC3\x89", "\xC3\xA9", true, 0},
+       {"\xCE\xA3", "\xCF\x82", true, 0},
+       {"\xE2\x84\xAA", "k", true, 0},
+       {"\xF0\x90\x80\x80", "\xEF\xBF\xBF", false, 1},
+       {"\xEF\xBC\xA1", "\xF0\x90\x80\x80", true, -1},
+       {"\xFF", "a", false, -1}};
+   for (auto [a, b, fold, expected] : whole) {
+      EXPECT_EQ(Unicode_CompareRange(a, 0, -1, b, 0, -1, fold), expected) << a << " " << b;
+   }
    /* Ranges by code point. */
    EXPECT_EQ(Unicode_CompareRange("xx\xC3\xA9y", 2, 2, "\xC3\x89Y", 0, -1, true), 0);
-   /* Characters above U+FFFF order after every BMP character. */
-   EXPECT_EQ(Unicode_CompareRange("\xF0\x90\x80\x80", 0, -1, "\xEF\xBF\xBF", 0, -1, false), 1);
-   EXPECT_EQ(Unicode_CompareRange("\xEF\xBC\xA1", 0, -1, "\xF0\x90\x80\x80", 0, -1, true), -1);
-   /* A whole string that is not UTF-8 compares as smaller. */
-   EXPECT_EQ(Unicode_CompareRange("\xFF", 0, -1, "a", 0, -1, false), -1);
-}
 
-TEST(UnicodeOperations, Join)
-{
    EXPECT_EQ(Unicode_Join(nullptr, "a", nullptr), nullptr);
    EXPECT_EQ(Take(Unicode_Join("a", "b\xC3\xA9", "", "c", nullptr)), "ab\u00E9c");
 }
-
-}  // namespace
