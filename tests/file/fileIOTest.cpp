@@ -5,15 +5,13 @@
  */
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
-#include <unistd.h>
-
 #include <sys/syscall.h>
+#include <sys/uio.h>
 
 #include <csignal>
-#include <thread>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "err.h"
@@ -22,12 +20,9 @@
 #include "fileInt.h"
 #include "fileTestUtil.h"
 #include "id.h"
-#include "testSupport.h"
 
-using filetest::ReadFile;
-using filetest::WriteFile;
+using namespace filetest;
 using testsupport::LogCapture;
-using testsupport::ScratchDir;
 
 namespace {
 
@@ -61,17 +56,15 @@ TEST(FileIOResults, TextsAndErrnoMapping)
    EXPECT_EQ(log.Text(), "Warning: FileIO_MsgError: bad code 13\n");
    EXPECT_PANIC(FileIO_MsgError(FILEIO_ERROR_LAST), "NOT_IMPLEMENTED lib/file/fileIO:");
 
-   const std::pair<int, FileIOResult> kMap[] = {
-       {ENOENT, FILEIO_FILE_NOT_FOUND},
-       {EACCES, FILEIO_NO_PERMISSION},
-       {EEXIST, FILEIO_OPEN_ERROR_EXIST},
-       {EFBIG, FILEIO_WRITE_ERROR_FBIG},
-       {ENOSPC, FILEIO_WRITE_ERROR_NOSPC},
-       {ENAMETOOLONG, FILEIO_FILE_NAME_TOO_LONG},
-       {EDQUOT, FILEIO_WRITE_ERROR_DQUOT},
-       {EIO, FILEIO_ERROR},
-       {EPERM, FILEIO_ERROR},
-   };
+   const std::pair<int, FileIOResult> kMap[] = {{ENOENT, FILEIO_FILE_NOT_FOUND},
+                                                {EACCES, FILEIO_NO_PERMISSION},
+                                                {EEXIST, FILEIO_OPEN_ERROR_EXIST},
+                                                {EFBIG, FILEIO_WRITE_ERROR_FBIG},
+                                                {ENOSPC, FILEIO_WRITE_ERROR_NOSPC},
+                                                {ENAMETOOLONG, FILEIO_FILE_NAME_TOO_LONG},
+                                                {EDQUOT, FILEIO_WRITE_ERROR_DQUOT},
+                                                {EIO, FILEIO_ERROR},
+                                                {EPERM, FILEIO_ERROR}};
    for (const auto &[err, result] : kMap) {
       EXPECT_EQ(FileIO_ErrnoToResult(err), result) << err;
    }
@@ -86,14 +79,12 @@ TEST(FileIOOpen, ActionsReadsAndWrites)
       FileIOOpenAction action;
       bool exists;
       FileIOResult result;
-   } const kActions[] = {
-       {FILEIO_OPEN, false, FILEIO_FILE_NOT_FOUND},
-       {FILEIO_OPEN_CREATE_SAFE, false, FILEIO_SUCCESS},
-       {FILEIO_OPEN_CREATE_SAFE, true, FILEIO_OPEN_ERROR_EXIST},
-       {FILEIO_OPEN_CREATE, true, FILEIO_SUCCESS},
-       {FILEIO_OPEN_EMPTY, true, FILEIO_SUCCESS},
-       {FILEIO_OPEN_CREATE_EMPTY, true, FILEIO_SUCCESS},
-   };
+   } const kActions[] = {{FILEIO_OPEN, false, FILEIO_FILE_NOT_FOUND},
+                         {FILEIO_OPEN_CREATE_SAFE, false, FILEIO_SUCCESS},
+                         {FILEIO_OPEN_CREATE_SAFE, true, FILEIO_OPEN_ERROR_EXIST},
+                         {FILEIO_OPEN_CREATE, true, FILEIO_SUCCESS},
+                         {FILEIO_OPEN_EMPTY, true, FILEIO_SUCCESS},
+                         {FILEIO_OPEN_CREATE_EMPTY, true, FILEIO_SUCCESS}};
    for (const auto &a : kActions) {
       if (!a.exists) {
          unlink(path.c_str());
@@ -124,7 +115,7 @@ TEST(FileIOOpen, ActionsReadsAndWrites)
    ASSERT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_DELETE_ASAP,
                          FILEIO_OPEN),
              FILEIO_SUCCESS);
-   EXPECT_FALSE(filetest::Exists(path));
+   EXPECT_FALSE(Exists(path));
    FileIO_Close(&fd);
    errno = 0;
    EXPECT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_PRIVILEGED,
@@ -141,7 +132,7 @@ TEST(FileIOOpen, ActionsReadsAndWrites)
                          FILEIO_OPEN_CREATE),
              FILEIO_FILE_NOT_FOUND);
    EXPECT_FALSE(FileIO_IsValid(&fd));
-   EXPECT_FALSE(filetest::Exists(path));
+   EXPECT_FALSE(Exists(path));
    EXPECT_NE(log.Text().find("Warning: FILE: FileIO_Lock on '" + lost + "' failed: "),
              std::string::npos);
    EXPECT_EQ(FileIO_Open(&fd, nullptr, FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN), FILEIO_ERROR);
@@ -165,12 +156,12 @@ TEST(FileIOOpen, FullFileSystemsAndSizeLimits)
       return r == FILEIO_WRITE_ERROR_FBIG && written == 100000;
    }));
 
-   if (!filetest::PrivateMounts()) {
+   if (!PrivateMounts()) {
       GTEST_SKIP() << "needs root to mount a small file system";
    }
    std::string small = dir / "small";
    mkdir(small.c_str(), 0755);
-   ASSERT_TRUE(filetest::MountTmpfs(small, "256k"));
+   ASSERT_TRUE(MountTmpfs(small, "256k"));
    path = small + "/f";
    ASSERT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE, FILEIO_OPEN_CREATE_EMPTY),
              FILEIO_SUCCESS);
@@ -192,7 +183,7 @@ int CountingOpener(const char *path, int flags)
 
 TEST(FileIOOpen, PrivilegedOpenRaisesOnlyAroundTheOpen)
 {
-   if (!filetest::IsRoot()) {
+   if (geteuid() != 0) {
       GTEST_SKIP() << "needs root to lower and raise a thread's identity";
    }
    ScratchDir dir;
@@ -222,17 +213,6 @@ TEST(FileIOOpen, PrivilegedOpenRaisesOnlyAroundTheOpen)
    worker.join();
 }
 
-TEST(FileIOVectored, GatheringThresholds)
-{
-   // More than five entries with an average below 16 KiB are gathered into one buffer.
-   EXPECT_TRUE(FileIOWouldCoalesce(6, 6 * 1024, false));
-   EXPECT_FALSE(FileIOWouldCoalesce(5, 5 * 1024, false));
-   EXPECT_FALSE(FileIOWouldCoalesce(6, 6 * 16384, false));
-   EXPECT_TRUE(FileIOWouldCoalesce(6, 6 * 16384 - 6, false));
-   EXPECT_FALSE(FileIOWouldCoalesce(1, 10, true));
-   EXPECT_TRUE(FileIOWouldCoalesce(2, 1 << 20, true));
-}
-
 TEST(FileIOVectored, TransfersRoundTrip)
 {
    ScratchDir dir;
@@ -243,47 +223,43 @@ TEST(FileIOVectored, TransfersRoundTrip)
              FILEIO_SUCCESS);
    // Gathered (64 small entries), plain (3 entries) and more than 1024 entries in one call.
    for (int count : {64, 3, 1500}) {
+      SCOPED_TRACE(count);
       std::vector<std::string> parts;
+      std::vector<std::string> back;
       std::vector<struct iovec> v;
+      std::vector<struct iovec> rv;
       std::string expected;
       for (int i = 0; i < count; i++) {
-         parts.push_back(
-             std::string(static_cast<size_t>(1 + i % 7), static_cast<char>('a' + i % 26)));
+         parts.emplace_back(static_cast<size_t>(1 + i % 7), static_cast<char>('a' + i % 26));
          expected += parts.back();
       }
-      for (auto &p : parts) {
-         v.push_back({p.data(), p.size()});
+      back = parts;
+      for (size_t i = 0; i < parts.size(); i++) {
+         v.push_back({parts[i].data(), parts[i].size()});
+         rv.push_back({back[i].data(), back[i].size()});
       }
+      const size_t size = expected.size();
       size_t done = 0;
       ASSERT_EQ(FileIO_Truncate(&fd, 0), FILEIO_SUCCESS);
       FileIO_Seek(&fd, 0, SEEK_SET);
-      EXPECT_EQ(FileIO_Writev(&fd, v.data(), count, expected.size(), &done), FILEIO_SUCCESS);
-      EXPECT_EQ(done, expected.size());
+      EXPECT_EQ(FileIO_Writev(&fd, v.data(), count, size, &done), FILEIO_SUCCESS);
+      EXPECT_EQ(done, size);
       EXPECT_EQ(ReadFile(path), expected);
-
-      std::vector<std::string> back;
-      std::vector<struct iovec> rv;
-      for (auto &p : parts) {
-         back.push_back(std::string(p.size(), '?'));
-      }
-      for (auto &b : back) {
-         rv.push_back({b.data(), b.size()});
-      }
-      FileIO_Seek(&fd, 0, SEEK_SET);
-      EXPECT_EQ(FileIO_Readv(&fd, rv.data(), count, expected.size(), &done), FILEIO_SUCCESS);
-      EXPECT_EQ(back, parts);
-      for (auto &b : back) {
-         b.assign(b.size(), '?');
-      }
-      EXPECT_EQ(FileIO_Preadv(&fd, rv.data(), count, 0, expected.size(), &done), FILEIO_SUCCESS);
-      EXPECT_EQ(back, parts);
-      EXPECT_EQ(FileIO_Pwritev(&fd, v.data(), count, expected.size(), expected.size(), &done),
-                FILEIO_SUCCESS);
+      EXPECT_EQ(FileIO_Pwritev(&fd, v.data(), count, size, size, &done), FILEIO_SUCCESS);
       EXPECT_EQ(ReadFile(path), expected + expected);
+      for (int preadv = 0; preadv < 2; preadv++) {
+         for (auto &b : back) {
+            b.assign(b.size(), '?');
+         }
+         FileIO_Seek(&fd, size, SEEK_SET);
+         EXPECT_EQ(preadv ? FileIO_Preadv(&fd, rv.data(), count, 0, size, &done)
+                          : FileIO_Readv(&fd, rv.data(), count, size, &done),
+                   FILEIO_SUCCESS);
+         EXPECT_EQ(back, parts);
+      }
       // Past the end: result 5.
-      EXPECT_EQ(
-          FileIO_Preadv(&fd, rv.data(), count, expected.size() * 2 - 1, expected.size(), &done),
-          FILEIO_READ_ERROR_EOF);
+      EXPECT_EQ(FileIO_Preadv(&fd, rv.data(), count, size * 2 - 1, size, &done),
+                FILEIO_READ_ERROR_EOF);
       EXPECT_EQ(done, 1u);
    }
    // More bytes asked for than the entries hold.
@@ -333,7 +309,7 @@ TEST(FileIOAtomic, UpdateKeepsModeOwnerGroupAndContents)
    chmod(path.c_str(), 0640);
    uid_t owner = geteuid();
    gid_t group = getegid();
-   if (filetest::IsRoot()) {
+   if (geteuid() == 0) {
       owner = 65534;
       group = 65534;
       ASSERT_EQ(chown(path.c_str(), owner, group), 0);
@@ -349,7 +325,7 @@ TEST(FileIOAtomic, UpdateKeepsModeOwnerGroupAndContents)
    EXPECT_EQ(FileIO_Write(&temp, "new", 3, nullptr), FILEIO_SUCCESS);
    ASSERT_TRUE(FileIO_AtomicUpdateEx(&temp, &current));
    EXPECT_FALSE(FileIO_IsValid(&temp));
-   EXPECT_FALSE(filetest::Exists(tempPath));
+   EXPECT_FALSE(Exists(tempPath));
    EXPECT_EQ(ReadFile(path), "new");
    struct stat st;
    ASSERT_EQ(stat(path.c_str(), &st), 0);

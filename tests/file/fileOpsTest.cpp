@@ -5,8 +5,6 @@
  */
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <functional>
@@ -17,18 +15,11 @@
 #include "file.h"
 #include "fileInt.h"
 #include "fileTestUtil.h"
-#include "testSupport.h"
 
-using filetest::Exists;
-using filetest::ReadFile;
-using filetest::TakeMessageIds;
-using filetest::WriteFile;
+using namespace filetest;
 using testsupport::LogCapture;
-using testsupport::ScratchDir;
 
 namespace {
-
-using testsupport::Take;
 
 /* Runs body in a child process as the unprivileged user 65534; true when it returned true. */
 bool AsNobody(const std::function<bool()> &body)
@@ -98,9 +89,7 @@ TEST(FilePaths, Arithmetic)
 TEST(FilePaths, FullPathCwdAndSearch)
 {
    ScratchDir dir;
-   char *real = realpath(dir.Path().c_str(), nullptr);
-   std::string base = real;
-   free(real);
+   std::string base = RealPath(dir.Path());
    mkdir((dir / "sub").c_str(), 0755);
    WriteFile(dir / "sub/tool", "x");
    EXPECT_EQ(Take(File_FullPath((dir / "sub/../sub//tool").c_str())), base + "/sub/tool");
@@ -231,7 +220,7 @@ TEST(FileCopy, FaultsAndMessages)
    EXPECT_EQ(ReadFile(dir / "existing"), "keep me");
    EXPECT_FALSE(Exists(dir / "out"));
 
-   if (filetest::IsRoot()) {
+   if (geteuid() == 0) {
       // Permission denied for an unprivileged user.
       chmod((dir / "src").c_str(), 0600);
       EXPECT_TRUE(AsNobody([&] {
@@ -239,15 +228,15 @@ TEST(FileCopy, FaultsAndMessages)
                 TakeMessageIds() == std::vector<std::string>{"msg.File.Copy.open.failure"};
       }));
    }
-   if (!filetest::PrivateMounts()) {
+   if (!PrivateMounts()) {
       GTEST_SKIP() << "needs root for the full and read-only file systems";
    }
    std::string full = dir / "full";
    std::string ro = dir / "ro";
    mkdir(full.c_str(), 0755);
    mkdir(ro.c_str(), 0755);
-   ASSERT_TRUE(filetest::MountTmpfs(full, "64k"));
-   ASSERT_TRUE(filetest::MakeReadOnly(ro));
+   ASSERT_TRUE(MountTmpfs(full, "64k"));
+   ASSERT_TRUE(MakeReadOnly(ro));
    // Disk full: false, the write message, and no partial destination.
    EXPECT_FALSE(File_Copy((dir / "src").c_str(), (full + "/out").c_str(), true));
    EXPECT_EQ(TakeMessageIds(), std::vector<std::string>{"msg.File.CopyFromFdToFd.write.failure"});
@@ -269,7 +258,7 @@ TEST(FileCopy, FaultsAndMessages)
    umount2(ro.c_str(), MNT_DETACH);
    mkdir((ro + "/sub").c_str(), 0755);
    WriteFile(ro + "/sub/f", "x");
-   ASSERT_TRUE(filetest::MakeReadOnly(ro));
+   ASSERT_TRUE(MakeReadOnly(ro));
    EXPECT_FALSE(File_DeleteDirectoryTree((ro + "/sub").c_str()));
    EXPECT_EQ(errno, EROFS);
    EXPECT_TRUE(Exists(ro + "/sub/f"));
@@ -296,9 +285,7 @@ TEST(FileRotate, ByRenameAndByRenumber)
    for (const char *n : {"b.log", "b-3.log", "b-7.log", "b-0.log", "b-01.log", "b-x.log"}) {
       WriteFile(dir2 / n, n);
    }
-   char *real = realpath(dir2.Path().c_str(), nullptr);
-   std::string base = real;
-   free(real);
+   std::string base = RealPath(dir2.Path());
    File_Rotate(b.c_str(), 2, true, &newName);
    EXPECT_EQ(Take(newName), base + "/b-8.log");
    EXPECT_EQ(ReadFile(dir2 / "b-8.log"), "b.log");
@@ -310,9 +297,7 @@ TEST(FileRotate, ByRenameAndByRenumber)
    ScratchDir dir3;
    WriteFile(dir3 / "c.log", "current");
    WriteFile(dir3 / "c-4294967295.log", "max");
-   real = realpath(dir3.Path().c_str(), nullptr);
-   base = real;
-   free(real);
+   base = RealPath(dir3.Path());
    File_Rotate((dir3 / "c.log").c_str(), 5, true, &newName);
    EXPECT_EQ(Take(newName), base + "/c-2.log");
    EXPECT_EQ(ReadFile(dir3 / "c-1.log"), "max");
@@ -438,7 +423,7 @@ TEST(FileAttributes, StatTimesPermissionsAndSpace)
    EXPECT_FALSE(File_IsOnVirtualDevice(fd));
    close(fd);
 
-   if (filetest::IsRoot()) {
+   if (geteuid() == 0) {
       mkdir((dir / "g").c_str(), 0700);
       chmod((dir / "g").c_str(), 0770);
       chown((dir / "g").c_str(), 0, 65534);
