@@ -2,11 +2,8 @@
  * User messages: catalogue lookup per locale, posting, auto-answers, question callbacks, the
  * console question through a pipe, size texts and error texts.
  */
-#include <gtest/gtest.h>
-
 #include <stdio.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <string>
@@ -18,10 +15,7 @@
 
 namespace {
 
-using testsupport::Take;
-
-using testsupport::LogCapture;
-using testsupport::ScratchDir;
+using namespace testsupport;
 
 class MsgTest : public ::testing::Test {
   protected:
@@ -211,31 +205,23 @@ TEST_F(MsgTest, QuestionCallbackRepliesOutOfRange)
    EXPECT_EQ(r.buttonsSeen, 9);
 }
 
-TEST_F(MsgTest, ConsoleQuestionThroughAPipe)
+TEST_F(MsgTest, ConsoleQuestionAsksUntilAValidReply)
 {
-   int in[2];
-   ASSERT_EQ(pipe(in), 0);
-   const char replies[] = "7\nabc\n2\n1x\n 1\n1  \n";
-   ASSERT_EQ(write(in[1], replies, sizeof replies - 1), (ssize_t)(sizeof replies - 1));
-   close(in[1]);
-   FILE *input = fdopen(in[0], "r");
+   char replies[] = "7\nabc\n2\n1x\n 1\n1  \n";
+   FILE *input = fmemopen(replies, sizeof replies - 1, "r");
    char *shown = nullptr;
    size_t shownSize = 0;
    FILE *output = open_memstream(&shown, &shownSize);
    const char *buttons[] = {"Yes", "No"};
    EXPECT_EQ(Msg_ConsoleQuestion(input, output, buttons, 2, "Proceed?\n"), 1u);
    fclose(output);
-   std::string text(shown, shownSize);
-   free(shown);
-   EXPECT_NE(text.find("Question:\nProceed?\n0) Yes\n1) No\n\nSelect a number from 0-1: "),
-             std::string::npos)
-       << text;
-   size_t prompts = 0;
-   for (size_t p = text.find("Select a number"); p != std::string::npos;
-        p = text.find("Select a number", p + 1)) {
-      prompts++;
+   std::string text = Take(shown);
+   // Six replies, five of them invalid: six prompts and nothing after them.
+   std::string prompts;
+   for (int i = 0; i < 6; i++) {
+      prompts += "Select a number from 0-1: ";
    }
-   EXPECT_EQ(prompts, 6u);
+   EXPECT_TRUE(text.ends_with("Question:\nProceed?\n0) Yes\n1) No\n\n" + prompts)) << text;
    // A closed input ends with an invalid reply, which the caller replaces by the default.
    EXPECT_EQ(Msg_ConsoleQuestion(input, fopen("/dev/null", "w"), buttons, 2, "Again?\n"), 2u);
    fclose(input);
@@ -243,28 +229,23 @@ TEST_F(MsgTest, ConsoleQuestionThroughAPipe)
 
 TEST_F(MsgTest, SizeTextsAtEveryUnitBoundary)
 {
-   struct Case {
-      uint64_t size;
-      const char *text;
-   } cases[] = {
+   const std::pair<uint64_t, const char *> cases[] = {
        {0, "0 bytes"},
        {1, "1 byte"},
-       {2, "2 bytes"},
        {1023, "1023 bytes"},
        {1024, "1 KB"},
        {1536, "1.5 KB"},
-       {2048, "2 KB"},
        {(1ull << 20) - 1, "1024 KB"},
        {1ull << 20, "1 MB"},
        {(1ull << 20) + (1ull << 19), "1.5 MB"},
        {(1ull << 30) - 1, "1024 MB"},
        {1ull << 30, "1 GB"},
-       {(1ull << 30) * 3 / 10 * 10 + (1ull << 30) / 10, "3.1 GB"},
        {1ull << 40, "1 TB"},
+       {(1ull << 30) * 3 / 10 * 10 + (1ull << 30) / 10, "3.1 GB"},
        {~0ull, "16777216 TB"},
    };
-   for (const auto &c : cases) {
-      EXPECT_EQ(Take(Msg_FormatSizeInBytes(c.size)), c.text) << c.size;
+   for (const auto &[size, text] : cases) {
+      EXPECT_EQ(Take(Msg_FormatSizeInBytes(size)), text) << size;
    }
    Catalogue("fr", "msg.msg.kilobyte.abbreviation = \"%s Ko\"\n");
    ASSERT_TRUE(Msg_SetLocaleEx("fr", "app", dir_.Path().c_str()));
