@@ -181,26 +181,21 @@ class FileLockMachines : public ::testing::Test {
    }
 };
 
-TEST_F(FileLockMachines, EachMachineHasItsOwnIdentity)
+TEST_F(FileLockMachines, TwoMachinesWithTheirOwnIdentitiesCountUnderOneLock)
 {
    std::string one = Output(Machine(1, {"id"}));
-   std::string two = Output(Machine(2, {"id"}));
    EXPECT_EQ(one.rfind("uuid=", 0), 0u) << one;
-   EXPECT_NE(one, two);
+   EXPECT_NE(one, Output(Machine(2, {"id"})));
    EXPECT_NE(one, std::string(FileLockGetMachineID()) + "\n");
-}
-
-TEST_F(FileLockMachines, TwoMachinesCountUnderOneLock)
-{
    ScratchDir dir;
    ProbeState *state = MapProbeState((dir / "state").c_str(), true);
    long rounds = Rounds(40) / 2;
    std::vector<std::string> args = {"count", dir / "file", dir / "state", std::to_string(rounds),
                                     "4"};
-   pid_t one = Spawn(Machine(1, args));
-   pid_t two = Spawn(Machine(2, args));
-   EXPECT_EQ(WaitBounded(one, 170000), 0);
-   EXPECT_EQ(WaitBounded(two, 170000), 0);
+   pid_t first = Spawn(Machine(1, args));
+   pid_t second = Spawn(Machine(2, args));
+   EXPECT_EQ(WaitBounded(first, 170000), 0);
+   EXPECT_EQ(WaitBounded(second, 170000), 0);
    EXPECT_EQ(Counter(dir), 8 * rounds);
    EXPECT_EQ(state->overlaps.load(), 0);
 }

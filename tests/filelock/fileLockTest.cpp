@@ -53,16 +53,26 @@ std::string DeadExecutionID()
    return std::to_string(child) + "-1234";
 }
 
-/* Tries the lock, timing the attempt; returns the token (the caller unlocks). */
-FileLockToken *TimedLock(const std::string &path, bool shared, uint32_t waitMs, int *err,
-                         long *elapsedMs)
+/* One timed attempt at the lock; a lock it got is released when the attempt goes. */
+struct Attempt {
+   FileLockToken *token;
+   int err;
+   long ms;
+   ~Attempt()
+   {
+      if (token != nullptr) {
+         EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
+      }
+   }
+};
+
+Attempt TryLock(const std::string &path, bool shared, uint32_t waitMs)
 {
    auto start = std::chrono::steady_clock::now();
-   FileLockToken *token = FileLock_Lock(path.c_str(), shared, waitMs, err, nullptr);
-   *elapsedMs = std::chrono::duration_cast<std::chrono::milliseconds>(
-                    std::chrono::steady_clock::now() - start)
-                    .count();
-   return token;
+   int err = 0;
+   FileLockToken *token = FileLock_Lock(path.c_str(), shared, waitMs, &err, nullptr);
+   auto elapsed = std::chrono::steady_clock::now() - start;
+   return {token, err, std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()};
 }
 
 }  // namespace
@@ -131,7 +141,6 @@ TEST(FileLockMember, NamesChecksumsAndIdentities)
    const char *mine = FileLockGetMachineID();
    EXPECT_EQ(std::string(mine).rfind("uuid=", 0), 0u);
    EXPECT_EQ(strchr(mine, ' '), nullptr);
-   EXPECT_EQ(FileLockGetMachineID(), mine);  // cached
    const char *old = FileLockGetOldMachineID();
    EXPECT_EQ(strlen(old), 16u);
    EXPECT_EQ(strchr(old, '/'), nullptr);
@@ -173,10 +182,12 @@ TEST(FileLock, LockUnlockAndIsLocked)
    EXPECT_EQ(err, 0);
    EXPECT_TRUE(FileLock_IsLocked(path.c_str(), &err, nullptr));
    // A second locker in this process waits like anybody else.
-   long elapsed = 0;
-   EXPECT_EQ(TimedLock(path, true, 0, &err, &elapsed), nullptr);
-   EXPECT_EQ(err, EAGAIN);
-   EXPECT_LT(elapsed, 100);
+   {
+      Attempt second = TryLock(path, true, 0);
+      EXPECT_EQ(second.token, nullptr);
+      EXPECT_EQ(second.err, EAGAIN);
+      EXPECT_LT(second.ms, 100);
+   }
    EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
    EXPECT_FALSE(Exists(path + ".lck"));
    EXPECT_FALSE(FileLock_IsLocked(path.c_str(), &err, nullptr));
@@ -231,17 +242,10 @@ TEST(FileLock, OrderAndConflicts)
    for (const auto &[theirs, shared, granted] : cases) {
       SCOPED_TRACE(std::string(theirs) + (shared ? " shared" : " exclusive"));
       WriteMember(lockDir, "M00007.lck", MemberText(kOtherMachine, "999-1", 41, theirs));
-      int err = 0;
-      long elapsed = 0;
-      FileLockToken *token = TimedLock(path, shared, 300, &err, &elapsed);
-      EXPECT_EQ(token != nullptr, granted);
-      if (token != nullptr) {
-         EXPECT_LT(elapsed, 150);
-         EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
-      } else {
-         EXPECT_EQ(err, EAGAIN);
-         EXPECT_GE(elapsed, 300);
-      }
+      Attempt a = TryLock(path, shared, 300);
+      EXPECT_EQ(a.token != nullptr, granted);
+      EXPECT_EQ(a.err, granted ? 0 : EAGAIN);
+      EXPECT_TRUE(granted ? a.ms < 150 : a.ms >= 300) << a.ms;
       EXPECT_TRUE(Exists(lockDir + "/M00007.lck")) << "another machine's member is left alone";
    }
    // A member file reads back with its name and values.
@@ -271,8 +275,7 @@ TEST(FileLock, TimeoutMessagesAndMaximumWaitZero)
 
    // A local holder that stays alive: the timeout names the process.
    WriteMember(path + ".lck", "M00001.lck", MemberText(FileLockGetMachineID(), "1-0", 3, "X"));
-   long elapsed = 0;
-   EXPECT_EQ(TimedLock(path, true, 200, &err, &elapsed), nullptr);
+   EXPECT_EQ(TryLock(path, true, 200).token, nullptr);
    EXPECT_NE(log.Text().find("FILE: FileLockWaitForPossession timeout on '" + path +
                              ".lck/M00001.lck' due to a local process '1-0'\n"),
              std::string::npos)
@@ -310,14 +313,11 @@ TEST(FileLock, ProblematicAndStaleMembersAreRemoved)
       SCOPED_TRACE(c.log);
       WriteMember(lockDir, c.name, c.bytes);
       LogCapture log;
-      int err = 0;
-      long elapsed = 0;
-      FileLockToken *token = TimedLock(path, false, 2000, &err, &elapsed);
-      ASSERT_NE(token, nullptr);
-      EXPECT_LT(elapsed, 150);
+      Attempt a = TryLock(path, false, 2000);
+      ASSERT_NE(a.token, nullptr);
+      EXPECT_LT(a.ms, 150);
       EXPECT_NE(log.Text().find(c.log), std::string::npos) << log.Text();
       EXPECT_FALSE(Exists(lockDir + "/" + c.name));
-      FileLock_Unlock(token, &err, nullptr);
    }
 
    // A file where the lock directory belongs is replaced by the directory.
@@ -342,18 +342,15 @@ TEST(FileLock, AbandonedChoosingFlagAgesOut)
    mkdir((lockDir + "/D04242.lck").c_str(), 0777);
    WriteFile(lockDir + "/E04242.lck", "partial");
    LogCapture log;
-   int err = 0;
-   long elapsed = 0;
-   FileLockToken *token = TimedLock(path, false, 20000, &err, &elapsed);
-   ASSERT_NE(token, nullptr);
-   EXPECT_GE(elapsed, 8000);
-   EXPECT_LT(elapsed, 10000);
+   Attempt a = TryLock(path, false, 20000);
+   ASSERT_NE(a.token, nullptr);
+   EXPECT_GE(a.ms, 8000);
+   EXPECT_LT(a.ms, 10000);
    EXPECT_NE(log.Text().find("FILE: FileLockScanner discarding D04242.lck data from '" + lockDir +
                              "'.\n"),
              std::string::npos);
    EXPECT_FALSE(Exists(lockDir + "/D04242.lck"));
    EXPECT_FALSE(Exists(lockDir + "/E04242.lck"));
-   FileLock_Unlock(token, &err, nullptr);
 }
 
 /* On a read-only file system a shared lock is implicit and an exclusive one fails. */
