@@ -26,6 +26,12 @@ using testsupport::LogCapture;
 
 namespace {
 
+FileIOResult Open(FileIODescriptor *fd, const std::string &path, uint32_t access,
+                  FileIOOpenAction action = FILEIO_OPEN)
+{
+   return FileIO_Open(fd, path.c_str(), access, action);
+}
+
 TEST(FileIOResults, TextsAndErrnoMapping)
 {
    struct {
@@ -89,8 +95,7 @@ TEST(FileIOOpen, ActionsReadsAndWrites)
       if (!a.exists) {
          unlink(path.c_str());
       }
-      EXPECT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE, a.action), a.result)
-          << a.action;
+      EXPECT_EQ(Open(&fd, path, FILEIO_OPEN_ACCESS_WRITE, a.action), a.result) << a.action;
       if (a.result == FILEIO_SUCCESS) {
          EXPECT_EQ(FileIO_Write(&fd, "hello", 5, nullptr), FILEIO_SUCCESS);
          EXPECT_FALSE(FileIO_Close(&fd));
@@ -103,7 +108,7 @@ TEST(FileIOOpen, ActionsReadsAndWrites)
    // A read past the end: result 5 with the bytes there were.
    char buf[16];
    size_t got = 99;
-   ASSERT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN), FILEIO_SUCCESS);
+   ASSERT_EQ(Open(&fd, path, FILEIO_OPEN_ACCESS_READ), FILEIO_SUCCESS);
    EXPECT_EQ(FileIO_GetSize(&fd), 5);
    EXPECT_EQ(FileIO_Read(&fd, buf, sizeof buf, &got), FILEIO_READ_ERROR_EOF);
    EXPECT_EQ(got, 5u);
@@ -112,24 +117,20 @@ TEST(FileIOOpen, ActionsReadsAndWrites)
    FileIO_Close(&fd);
 
    // Delete right after opening, a refused privileged create, and the lock seam.
-   ASSERT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_DELETE_ASAP,
-                         FILEIO_OPEN),
-             FILEIO_SUCCESS);
+   ASSERT_EQ(Open(&fd, path, FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_DELETE_ASAP), FILEIO_SUCCESS);
    EXPECT_FALSE(Exists(path));
    FileIO_Close(&fd);
    errno = 0;
-   EXPECT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_PRIVILEGED,
-                         FILEIO_OPEN_CREATE),
+   EXPECT_EQ(Open(&fd, path, FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_PRIVILEGED, FILEIO_OPEN_CREATE),
              FILEIO_NO_PERMISSION);
    EXPECT_EQ(errno, EACCES);
    LogCapture log;
-   EXPECT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_EXCLUSIVE_LOCK,
-                         FILEIO_OPEN_CREATE),
-             FILEIO_LOCK_FAILED);
+   EXPECT_EQ(
+       Open(&fd, path, FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_EXCLUSIVE_LOCK, FILEIO_OPEN_CREATE),
+       FILEIO_LOCK_FAILED);
    // An advisory lock that cannot be taken (no directory for it) fails the open.
    std::string lost = dir / "missing/f";
-   EXPECT_EQ(FileIO_Open(&fd, lost.c_str(), FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_LOCKED,
-                         FILEIO_OPEN_CREATE),
+   EXPECT_EQ(Open(&fd, lost, FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_LOCKED, FILEIO_OPEN_CREATE),
              FILEIO_FILE_NOT_FOUND);
    EXPECT_FALSE(FileIO_IsValid(&fd));
    EXPECT_FALSE(Exists(path));
@@ -150,7 +151,7 @@ TEST(FileIOOpen, FullFileSystemsAndSizeLimits)
       signal(SIGXFSZ, SIG_IGN);
       struct rlimit limit = {100000, 100000};
       setrlimit(RLIMIT_FSIZE, &limit);
-      FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE, FILEIO_OPEN_CREATE_EMPTY);
+      Open(&fd, path, FILEIO_OPEN_ACCESS_WRITE, FILEIO_OPEN_CREATE_EMPTY);
       size_t written = 0;
       FileIOResult r = FileIO_Write(&fd, block.data(), block.size(), &written);
       return r == FILEIO_WRITE_ERROR_FBIG && written == 100000;
@@ -163,8 +164,7 @@ TEST(FileIOOpen, FullFileSystemsAndSizeLimits)
    mkdir(small.c_str(), 0755);
    ASSERT_TRUE(MountTmpfs(small, "256k"));
    path = small + "/f";
-   ASSERT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE, FILEIO_OPEN_CREATE_EMPTY),
-             FILEIO_SUCCESS);
+   ASSERT_EQ(Open(&fd, path, FILEIO_OPEN_ACCESS_WRITE, FILEIO_OPEN_CREATE_EMPTY), FILEIO_SUCCESS);
    size_t written = 0;
    EXPECT_EQ(FileIO_Write(&fd, block.data(), block.size(), &written), FILEIO_WRITE_ERROR_NOSPC);
    EXPECT_LT(written, block.size());
@@ -195,16 +195,13 @@ TEST(FileIOOpen, PrivilegedOpenRaisesOnlyAroundTheOpen)
       // This thread alone becomes an ordinary user; the saved root id allows raising.
       ASSERT_EQ(Id_SetRESUid(static_cast<uid_t>(-1), 65534, static_cast<uid_t>(-1)), 0);
       FileIODescriptor fd;
-      EXPECT_EQ(FileIO_Open(&fd, secret.c_str(), FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN),
-                FILEIO_NO_PERMISSION);
-      ASSERT_EQ(FileIO_Open(&fd, secret.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_PRIVILEGED,
-                            FILEIO_OPEN),
+      EXPECT_EQ(Open(&fd, secret, FILEIO_OPEN_ACCESS_READ), FILEIO_NO_PERMISSION);
+      ASSERT_EQ(Open(&fd, secret, FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_PRIVILEGED),
                 FILEIO_SUCCESS);
       EXPECT_EQ(static_cast<uid_t>(syscall(SYS_geteuid)), 65534u);
       FileIO_Close(&fd);
       FileIO_SetPrivilegedOpener(CountingOpener);
-      EXPECT_EQ(FileIO_Open(&fd, secret.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_PRIVILEGED,
-                            FILEIO_OPEN),
+      EXPECT_EQ(Open(&fd, secret, FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_PRIVILEGED),
                 FILEIO_NO_PERMISSION);  // the hook opens as this thread's own user
       EXPECT_EQ(gHookCalls, 1);
       FileIO_SetPrivilegedOpener(nullptr);
@@ -218,8 +215,8 @@ TEST(FileIOVectored, TransfersRoundTrip)
    ScratchDir dir;
    std::string path = dir / "v";
    FileIODescriptor fd;
-   ASSERT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_ACCESS_WRITE,
-                         FILEIO_OPEN_CREATE_EMPTY),
+   ASSERT_EQ(Open(&fd, path, FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_ACCESS_WRITE,
+                  FILEIO_OPEN_CREATE_EMPTY),
              FILEIO_SUCCESS);
    // Gathered (64 small entries), plain (3 entries) and more than 1024 entries in one call.
    for (int count : {64, 3, 1500}) {
@@ -307,19 +304,15 @@ TEST(FileIOAtomic, UpdateKeepsModeOwnerGroupAndContents)
    std::string path = dir / "config";
    WriteFile(path, "old contents");
    chmod(path.c_str(), 0640);
-   uid_t owner = geteuid();
-   gid_t group = getegid();
-   if (geteuid() == 0) {
-      owner = 65534;
-      group = 65534;
-      ASSERT_EQ(chown(path.c_str(), owner, group), 0);
-   }
+   // Root hands the file to somebody else first.
+   uid_t owner = geteuid() == 0 ? 65534 : geteuid();
+   gid_t group = geteuid() == 0 ? 65534 : getegid();
+   ASSERT_EQ(chown(path.c_str(), owner, group), 0);
    FileIODescriptor current;
    FileIODescriptor temp;
-   ASSERT_EQ(FileIO_Open(&current, path.c_str(), FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN),
-             FILEIO_SUCCESS);
-   char *tempPath = FileIO_AtomicTempPath(path.c_str());
-   EXPECT_EQ(std::string(tempPath), path + "~");
+   ASSERT_EQ(Open(&current, path, FILEIO_OPEN_ACCESS_READ), FILEIO_SUCCESS);
+   std::string tempPath = Take(FileIO_AtomicTempPath(path.c_str()));
+   EXPECT_EQ(tempPath, path + "~");
    WriteFile(tempPath, "stale temporary");
    ASSERT_EQ(FileIO_AtomicTempFile(&current, &temp), FILEIO_SUCCESS);
    EXPECT_EQ(FileIO_Write(&temp, "new", 3, nullptr), FILEIO_SUCCESS);
@@ -355,7 +348,6 @@ TEST(FileIOAtomic, UpdateKeepsModeOwnerGroupAndContents)
              std::string::npos);
    FileIO_Close(&a);
    free(b.fileName);
-   free(tempPath);
 }
 
 TEST(ErrTexts, CachedStableAndReversible)
