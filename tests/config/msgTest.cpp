@@ -37,7 +37,23 @@ class MsgTest : public ::testing::Test {
       ASSERT_EQ(system(("mkdir -p '" + dir + "'").c_str()), 0);
       std::ofstream(dir + "/app.tmsg") << text;
    }
+   /* Records posts ("type:id:text") and progress ("text percent") in seen_. */
+   void Record()
+   {
+      cb_.post = [](void *ctx, int type, const char *text, const char *id) {
+         static_cast<Seen *>(ctx)->push_back(std::to_string(type) + ":" + id + ":" + text);
+      };
+      cb_.progress = [](void *ctx, const char *text, int percent, bool) {
+         static_cast<Seen *>(ctx)->push_back(std::string(text) + " " + std::to_string(percent));
+         return 1;
+      };
+      cb_.context = &seen_;
+      Msg_SetCallback(&cb_);
+   }
+   using Seen = std::vector<std::string>;
    ScratchDir dir_;
+   MsgCallback cb_{};
+   Seen seen_;
 };
 
 TEST_F(MsgTest, LookupThroughTheCataloguePerLocale)
@@ -105,14 +121,7 @@ TEST_F(MsgTest, PostLogsTheLocalisedList)
 {
    Catalogue("fr", "msg.test.a = \"Fichier %s\"\n");
    ASSERT_TRUE(Msg_SetLocaleEx("fr", "app", dir_.Path().c_str()));
-   std::vector<std::string> posted;
-   MsgCallback cb{};
-   cb.post = [](void *ctx, int type, const char *text, const char *id) {
-      static_cast<std::vector<std::string> *>(ctx)->push_back(std::to_string(type) + ":" + id +
-                                                              ":" + text);
-   };
-   cb.context = &posted;
-   Msg_SetCallback(&cb);
+   Record();
    LogCapture log;
    Msg_Append("@&!*@*@(msg.test.a)File %s", "x.cfg");
    Msg_Post(MSG_WARNING, "@&!*@*@(msg.test.b)Second %d", 2);
@@ -123,8 +132,7 @@ TEST_F(MsgTest, PostLogsTheLocalisedList)
                               0),
              0u)
        << log.Text();
-   ASSERT_EQ(posted.size(), 1u);
-   EXPECT_EQ(posted[0], "2:msg.test.a:Fichier x.cfg\nSecond 2\n");
+   EXPECT_EQ(seen_, Seen{"2:msg.test.a:Fichier x.cfg\nSecond 2\n"});
    EXPECT_EQ(Msg_TakeList(), nullptr);
 }
 
@@ -152,16 +160,12 @@ TEST_F(MsgTest, SettingsAnswerAndSilence)
 
    Preference_SetFromString("msg.autoAnswer=FALSE", true);
    Preference_SetFromString("msg.noOK=TRUE", true);
-   int posts = 0;
-   MsgCallback cb{};
-   cb.post = [](void *ctx, int, const char *, const char *) { ++*static_cast<int *>(ctx); };
-   cb.context = &posts;
-   Msg_SetCallback(&cb);
+   Record();
    log.Clear();
    Msg_Post(MSG_INFO, "@&!*@*@(msg.i)Info text");
    EXPECT_NE(log.Text().find("Warning: MSG: Info text\n"), std::string::npos) << log.Text();
    Msg_Post(MSG_ERROR, "@&!*@*@(msg.e)Error text");
-   EXPECT_EQ(posts, 1);  // errors are never suppressed
+   EXPECT_EQ(seen_.size(), 1u);  // errors are never suppressed
    Preference_SetFromString("msg.noOKnoWarning=TRUE", true);
    log.Clear();
    Msg_Post(MSG_INFO, "@&!*@*@(msg.i)Info text");
@@ -255,21 +259,13 @@ TEST_F(MsgTest, SizeTextsAtEveryUnitBoundary)
 
 TEST_F(MsgTest, ProgressFormatsAreChecked)
 {
-   std::vector<std::string> shown;
-   MsgCallback cb{};
-   cb.progress = [](void *ctx, const char *text, int percent, bool) {
-      static_cast<std::vector<std::string> *>(ctx)->push_back(std::string(text) + " " +
-                                                              std::to_string(percent));
-      return 1;
-   };
-   cb.context = &shown;
-   Msg_SetCallback(&cb);
+   Record();
    LogCapture log;
    EXPECT_EQ(Msg_Progress(40, false, "@&!*@*@(msg.p)Copying %d files", 3), 1);
    void *lazy = Msg_LazyProgressStart(false, "@&!*@*@(msg.p)Step %s", "one");
    EXPECT_TRUE(Msg_LazyProgress(lazy, false, 50, nullptr));
    Msg_LazyProgressEnd(lazy);
-   EXPECT_EQ(shown, (std::vector<std::string>{"Copying 3 files 40", "Step one 50"}));
+   EXPECT_EQ(seen_, (Seen{"Copying 3 files 40", "Step one 50"}));
    EXPECT_EQ(Msg_LazyProgressStart(false, "@&!*@*@(msg.p)Bad %y"), nullptr);
    EXPECT_NE(log.Text().find("Msg_LazyProgressStart error: "), std::string::npos) << log.Text();
    EXPECT_NE(log.Text().find("format <@&!*@*@(msg.p)Bad %y>\n"), std::string::npos);
