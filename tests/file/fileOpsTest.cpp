@@ -189,33 +189,26 @@ TEST(FileCopy, FaultsAndMessages)
    ScratchDir dir;
    WriteFile(dir / "src", std::string(300000, 's'));
    WriteFile(dir / "existing", "keep me");
-   struct {
-      const char *name;
-      std::function<bool()> copy;
-      std::vector<std::string> ids;
-   } const kCases[] = {
-       {"missing source",
-        [&] { return File_Copy((dir / "nope").c_str(), (dir / "out").c_str(), true); },
-        {"msg.File.Copy.open.failure"}},
-       {"no overwrite",
-        [&] { return File_Copy((dir / "src").c_str(), (dir / "existing").c_str(), false); },
-        {"msg.File.CopyFromFdToName.create.failure"}},
-       {"missing destination directory",
-        [&] { return File_Copy((dir / "src").c_str(), (dir / "no/out").c_str(), true); },
-        {"msg.File.CopyFromFdToName.create.failure"}},
-       {"tree source not a directory",
-        [&] { return File_CopyTree((dir / "src").c_str(), dir.Path().c_str(), true, false); },
-        {"msg.File.CopyTree.source.notDirectory"}},
-       {"tree destination missing",
-        [&] { return File_CopyTree(dir.Path().c_str(), (dir / "no").c_str(), true, false); },
-        {"msg.File.CopyTree.dest.notDirectory"}},
-       {"move tree of a file",
-        [&] { return File_MoveTree((dir / "src").c_str(), (dir / "x").c_str(), true, nullptr); },
-        {"msg.File.MoveTree.source.notDirectory"}},
+   // Missing source, no overwrite, missing destination directory; tree source not a directory,
+   // tree destination missing; move of a file as a tree.
+   const std::pair<std::function<bool()>, std::string> kCases[] = {
+       {[&] { return File_Copy((dir / "nope").c_str(), (dir / "out").c_str(), true); },
+        "msg.File.Copy.open.failure"},
+       {[&] { return File_Copy((dir / "src").c_str(), (dir / "existing").c_str(), false); },
+        "msg.File.CopyFromFdToName.create.failure"},
+       {[&] { return File_Copy((dir / "src").c_str(), (dir / "no/out").c_str(), true); },
+        "msg.File.CopyFromFdToName.create.failure"},
+       {[&] { return File_CopyTree((dir / "src").c_str(), dir.Path().c_str(), true, false); },
+        "msg.File.CopyTree.source.notDirectory"},
+       {[&] { return File_CopyTree(dir.Path().c_str(), (dir / "no").c_str(), true, false); },
+        "msg.File.CopyTree.dest.notDirectory"},
+       {[&] { return File_MoveTree((dir / "src").c_str(), (dir / "x").c_str(), true, nullptr); },
+        "msg.File.MoveTree.source.notDirectory"},
    };
-   for (const auto &c : kCases) {
-      EXPECT_FALSE(c.copy()) << c.name;
-      EXPECT_EQ(TakeMessageIds(), c.ids) << c.name;
+   for (size_t i = 0; i < std::size(kCases); i++) {
+      SCOPED_TRACE(i);
+      EXPECT_FALSE(kCases[i].first());
+      EXPECT_EQ(TakeMessageIds(), std::vector<std::string>{kCases[i].second});
    }
    EXPECT_EQ(ReadFile(dir / "existing"), "keep me");
    EXPECT_FALSE(Exists(dir / "out"));
