@@ -3,6 +3,7 @@
 #include <ftw.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -106,6 +107,12 @@ std::string ReadFile(const std::string &path)
 void WriteFile(const std::string &path, const std::string &data)
 {
    std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
+}
+
+bool Exists(const std::string &path)
+{
+   struct stat st;
+   return lstat(path.c_str(), &st) == 0;
 }
 
 std::string RegexQuote(const std::string &text)

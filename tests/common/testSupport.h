@@ -78,6 +78,8 @@ std::string Take(char *s);
 /* Whole-file contents in binary mode ("" when unreadable), and a truncating write. */
 std::string ReadFile(const std::string &path);
 void WriteFile(const std::string &path, const std::string &data);
+/* True when something (a dangling link too) is at path. */
+bool Exists(const std::string &path);
 
 /* Escapes regular-expression metacharacters so that text matches itself in a death test. */
 std::string RegexQuote(const std::string &text);

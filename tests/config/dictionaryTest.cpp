@@ -2,15 +2,9 @@
  * Dictionary files: reading, messages, typed values, encodings, writing back, the dump and the
  * small file helpers.
  */
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,35 +16,27 @@
 
 namespace {
 
-using testsupport::ReadFile;
-using testsupport::WriteFile;
-
-using testsupport::LogCapture;
-using testsupport::ScratchDir;
+using namespace testsupport;
 
 /* The messages of a list, oldest first, joined. */
 std::string Messages(MsgList *msgs)
 {
-   std::vector<std::string> lines;
+   std::string all;
    for (MsgList *m = msgs; m != nullptr; m = m->next) {
       MsgList one = *m;
       one.next = nullptr;
-      char *text = MsgList_ToString(&one);
-      lines.insert(lines.begin(), std::string("[") + m->id + "] " + text);
-      free(text);
+      all.insert(0, std::string("[") + m->id + "] " + Take(MsgList_ToString(&one)));
    }
    MsgList_Free(msgs);
-   std::string all;
-   for (const auto &l : lines) {
-      all += l;
-   }
    return all;
 }
 
+/* A dictionary read from text, freed with this. */
 struct Loaded {
    Dictionary *dict;
    bool ok;
    std::string messages;
+   ~Loaded() { Dictionary_Free(dict); }
 };
 
 Loaded LoadText(const std::string &text, const char *name = "f",
@@ -101,21 +87,21 @@ TEST(Dictionary, WriteBackKeepsEveryUnchangedLine)
    expected.replace(expected.find("beta=2"), 6, "beta = \"3\"");
    expected += "\nadded = \"new\"\n";
    EXPECT_EQ(WriteText(l.dict), expected);
-   Dictionary_Free(l.dict);
 }
 
 TEST(Dictionary, EncodingLineGoesAfterTheLeadingComments)
 {
-   Loaded l = LoadText("#!/bin/interp\n# c\nx = \"1\"\n");
-   ASSERT_TRUE(l.ok);
-   Dictionary_SetInterpreter(l.dict, "/other");
-   EXPECT_EQ(WriteText(l.dict), "#!/bin/interp\n# c\n.encoding = \"UTF-8\"\nx = \"1\"\n");
-   Dictionary_Free(l.dict);
-
-   Loaded bare = LoadText("x = \"1\"\n");
-   Dictionary_SetInterpreter(bare.dict, "/usr/bin/env run");
-   EXPECT_EQ(WriteText(bare.dict), "#!/usr/bin/env run\n.encoding = \"UTF-8\"\nx = \"1\"\n");
-   Dictionary_Free(bare.dict);
+   const std::tuple<const char *, const char *, const char *> cases[] = {
+       {"#!/bin/interp\n# c\nx = \"1\"\n", "/other",
+        "#!/bin/interp\n# c\n.encoding = \"UTF-8\"\nx = \"1\"\n"},
+       {"x = \"1\"\n", "/usr/bin/env run",
+        "#!/usr/bin/env run\n.encoding = \"UTF-8\"\nx = \"1\"\n"}};
+   for (const auto &[text, interpreter, expected] : cases) {
+      Loaded l = LoadText(text);
+      ASSERT_TRUE(l.ok);
+      Dictionary_SetInterpreter(l.dict, interpreter);
+      EXPECT_EQ(WriteText(l.dict), expected);
+   }
 }
 
 TEST(Dictionary, ControlBytesQuotesAndBarsSurviveARoundTrip)
@@ -138,7 +124,6 @@ TEST(Dictionary, ControlBytesQuotesAndBarsSurviveARoundTrip)
    ASSERT_NE(bytes, nullptr);
    EXPECT_EQ(std::string(bytes, length), value);
    EXPECT_EQ(WriteText(back.dict), text);
-   Dictionary_Free(back.dict);
 }
 
 TEST(Dictionary, DeclaredEncodingsReadAndWriteBack)
@@ -164,9 +149,7 @@ TEST(Dictionary, DeclaredEncodingsReadAndWriteBack)
           std::string("# c\n.Encoding = \"") + c.declared + "\"\nv = \"" + c.fileValue + "\"\n";
       Loaded l = LoadText(text);
       ASSERT_TRUE(l.ok) << l.messages;
-      char *value = Dictionary_GetString(l.dict, nullptr, "v", nullptr);
-      EXPECT_EQ(std::string(value), c.utf8);
-      free(value);
+      EXPECT_EQ(Take(Dictionary_GetString(l.dict, nullptr, "v", nullptr)), c.utf8);
       // Unchanged, the file comes back as it was (the declaration in its canonical spelling).
       std::string written = WriteText(l.dict);
       EXPECT_NE(written.find("v = \"" + c.fileValue + "\"\n"), std::string::npos) << written;
@@ -176,11 +159,7 @@ TEST(Dictionary, DeclaredEncodingsReadAndWriteBack)
       written = WriteText(l.dict);
       Loaded again = LoadText(written);
       ASSERT_TRUE(again.ok) << again.messages << written;
-      value = Dictionary_GetString(again.dict, nullptr, "v", nullptr);
-      EXPECT_EQ(std::string(value), c.utf8);
-      free(value);
-      Dictionary_Free(again.dict);
-      Dictionary_Free(l.dict);
+      EXPECT_EQ(Take(Dictionary_GetString(again.dict, nullptr, "v", nullptr)), c.utf8);
    }
 }
 
@@ -196,7 +175,6 @@ TEST(Dictionary, UnrepresentableValueUpgradesTheFileToUtf8)
              std::string::npos)
        << log.Text();
    EXPECT_EQ(text, ".encoding = \"UTF-8\"\na = \"caf\xc3\xa9\"\nb = \"\xe2\x82\xac\"\n");
-   Dictionary_Free(l.dict);
 }
 
 TEST(Dictionary, ReadFailuresAndTheirMessages)
@@ -250,7 +228,6 @@ TEST(Dictionary, ReadFailuresAndTheirMessages)
       Loaded l = LoadText(c.text, c.name, c.encoding);
       EXPECT_FALSE(l.ok);
       EXPECT_EQ(l.messages, c.messages);
-      Dictionary_Free(l.dict);
    }
 }
 
@@ -261,12 +238,10 @@ TEST(Dictionary, ByteOrderMarkAndDefaultEncodings)
    ASSERT_TRUE(marked.ok) << marked.messages;
    EXPECT_STREQ(Dictionary_LookupString(marked.dict, "v"), "caf\xc3\xa9");
    EXPECT_EQ(Dictionary_GetEncoding(marked.dict), STRING_ENCODING_UTF8);
-   Dictionary_Free(marked.dict);
 
    Loaded latin = LoadText("v = \"caf\xe9\"\n", "f", STRING_ENCODING_ISO_8859_1);
    ASSERT_TRUE(latin.ok) << latin.messages;
    EXPECT_STREQ(Dictionary_LookupString(latin.dict, "v"), "caf\xc3\xa9");
-   Dictionary_Free(latin.dict);
 }
 
 TEST(Dictionary, TooManyDuplicatesStopTheRead)
@@ -283,7 +258,6 @@ TEST(Dictionary, TooManyDuplicatesStopTheRead)
                              "dictionary, quitting.\n"),
              std::string::npos);
    EXPECT_FALSE(Dictionary_IsDefined(l.dict, "b"));
-   Dictionary_Free(l.dict);
 }
 
 TEST(Dictionary, TypedGets)
@@ -342,7 +316,6 @@ TEST(Dictionary, TypedGets)
              "integer value. Using value \"3\".\n");
    // A value read as a type keeps its line until it is changed.
    EXPECT_NE(WriteText(d).find("yes = \"Yes\"\n"), std::string::npos);
-   Dictionary_Free(d);
 }
 
 TEST(Dictionary, TypedSetsAreWrittenInTheirForms)
@@ -357,11 +330,8 @@ TEST(Dictionary, TypedSetsAreWrittenInTheirForms)
    EXPECT_EQ(WriteText(d),
              ".encoding = \"UTF-8\"\nb = \"TRUE\"\nl = \"-7\"\nd = \"0.333333333\"\n"
              "t = \"DEFAULT\"\ni = \"-9000000000\"\ns = \"\"\n");
-   char *text = Dictionary_GetTypedText(d, "l", DICT_BOOL, nullptr);
-   EXPECT_EQ(text, nullptr);
-   text = Dictionary_GetTypedText(d, "b", DICT_STRING, nullptr);
-   EXPECT_STREQ(text, "TRUE");
-   free(text);
+   EXPECT_EQ(Dictionary_GetTypedText(d, "l", DICT_BOOL, nullptr), nullptr);
+   EXPECT_EQ(Take(Dictionary_GetTypedText(d, "b", DICT_STRING, nullptr)), "TRUE");
 
    MsgList *msgs = nullptr;
    EXPECT_FALSE(Dictionary_SetFromString(d, "s=again", false, &msgs));
@@ -375,6 +345,8 @@ TEST(Dictionary, TypedSetsAreWrittenInTheirForms)
    EXPECT_TRUE(Dictionary_Unset(d, "l"));
    EXPECT_FALSE(Dictionary_Unset(d, "l"));
    EXPECT_EQ(Dictionary_NumEntries(d), 6u);
+   EXPECT_PANIC(Dictionary_GetTypedText(d, "s", 7, nullptr),
+                "NOT_REACHED lib/user/dictionary_core:");
    Dictionary_Free(d);
 }
 
@@ -406,15 +378,6 @@ TEST(Dictionary, NamesThatShareAnIndexSlot)
    Dictionary_Free(d);
 }
 
-TEST(DictionaryDeathTest, UnknownTypeIsNotReached)
-{
-   Dictionary *d = Dictionary_Create();
-   Dictionary_SetString(d, "a", "1");
-   EXPECT_PANIC(Dictionary_GetTypedText(d, "a", 7, nullptr),
-                "NOT_REACHED lib/user/dictionary_core:346\n");
-   Dictionary_Free(d);
-}
-
 TEST(Dictionary, DumpHidesSecrets)
 {
    Loaded l = LoadText(
@@ -436,7 +399,6 @@ TEST(Dictionary, DumpHidesSecrets)
              "DICT                         b = \"TRUE\"\n"
              "DICT                         d = \"2.5\"\n"
              "DICT                         i = \"12\"\n");
-   Dictionary_Free(l.dict);
 }
 
 TEST(Dictionary, FilesOnDisk)
@@ -486,9 +448,7 @@ TEST(Dictionary, FilesOnDisk)
    EXPECT_EQ(ReadFile(path + "-copy-0"), "b = \"3\"\n");
    EXPECT_EQ(ReadFile(path + "-copy-1"), "b = \"3\"\n");
 
-   char *derived = Dictionary_DeriveFileName("base", "ext");
-   EXPECT_STREQ(derived, "base.ext");
-   free(derived);
+   EXPECT_EQ(Take(Dictionary_DeriveFileName("base", "ext")), "base.ext");
    EXPECT_FALSE(Dictionary_MakeExecutable((dir / "missing").c_str()));
 }
 

@@ -8,8 +8,11 @@
 #include <string>
 
 #include "dictll.h"
+#include "testSupport.h"
 
 namespace {
+
+using testsupport::Take;
 
 struct Unmarshaled {
    std::string line;
@@ -127,20 +130,17 @@ TEST(DictLL, StreamLinesAndByteOrderMark)
        f);
    rewind(f);
    EXPECT_TRUE(DictLL_ReadUTF8BOM(f));
-   char *line;
-   char *name;
-   char *value;
-   ASSERT_EQ(DictLL_ReadLine(f, &line, &name, &value), DICTLL_LINE);
-   EXPECT_STREQ(name, "a");
-   EXPECT_STREQ(value, "1");
-   free(line);
-   free(name);
-   free(value);
-   ASSERT_EQ(DictLL_ReadLine(f, &line, &name, &value), DICTLL_LINE);
-   EXPECT_STREQ(line, "# c");
-   EXPECT_EQ(name, nullptr);
-   free(line);
-   EXPECT_EQ(DictLL_ReadLine(f, &line, &name, &value), DICTLL_EOF);
+   // Each line read as "line|name|value", "(null)" for an absent part.
+   auto next = [f](int expected) {
+      char *line = nullptr;
+      char *name = nullptr;
+      char *value = nullptr;
+      EXPECT_EQ(DictLL_ReadLine(f, &line, &name, &value), expected);
+      return Take(line) + "|" + Take(name) + "|" + Take(value);
+   };
+   EXPECT_EQ(next(DICTLL_LINE), "a = \"1\"|a|1");
+   EXPECT_EQ(next(DICTLL_LINE), "# c|(null)|(null)");
+   EXPECT_EQ(next(DICTLL_EOF), "(null)|(null)|(null)");
 
    rewind(f);
    ASSERT_TRUE(DictLL_WriteLine(f, "b", "|"));

@@ -2,17 +2,9 @@
  * The preference store and the Config getters: early access, the six layers' precedence with
  * real files under a private root, disabled user files, the set-user-ID rule, the dump.
  */
-#include <gtest/gtest.h>
-
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "config.h"
@@ -23,20 +15,17 @@
 
 namespace {
 
-using testsupport::ReadFile;
-
 using testsupport::LogCapture;
 using testsupport::ScratchDir;
+using testsupport::Take;
 
 const std::string kHostDir = BRIX_ROOT_PREFIX "/Library/Preferences/Larkview";
 const std::string kHostFile = kHostDir + "/config";
 
 void WriteFile(const std::string &path, const std::string &text)
 {
-   std::string dir = path.substr(0, path.rfind('/'));
-   std::string command = "mkdir -p '" + dir + "'";
-   ASSERT_EQ(system(command.c_str()), 0);
-   std::ofstream(path) << text;
+   ASSERT_EQ(system(("mkdir -p '" + path.substr(0, path.rfind('/')) + "'").c_str()), 0);
+   testsupport::WriteFile(path, text);
 }
 
 std::string Messages()
@@ -93,9 +82,7 @@ TEST_F(PreferenceTest, EarlyAccessAnswersWithDefaults)
    EXPECT_TRUE(Config_GetTriStateAsBool(true, "early.tri"));
    EXPECT_EQ(Config_GetInt64(-9, "early.int64"), -9);
    EXPECT_EQ(Config_GetDouble(0.5, "early.double"), 0.5);
-   char *s = Config_GetString("dflt", "early.string");
-   EXPECT_STREQ(s, "dflt");
-   free(s);
+   EXPECT_EQ(Take(Config_GetString("dflt", "early.string")), "dflt");
    EXPECT_EQ(Config_GetString(nullptr, "early.none"), nullptr);
    EXPECT_TRUE(Config_NotSet("early.unset"));
    EXPECT_FALSE(Preference_SetFromString("a=b", true));
@@ -130,9 +117,7 @@ TEST_F(PreferenceTest, SixLayersInTheirOrder)
    };
    for (const auto &c : cases) {
       SCOPED_TRACE(c.name);
-      char *value = Config_GetString("none", "%s", c.name);
-      EXPECT_STREQ(value, c.value);
-      free(value);
+      EXPECT_EQ(Take(Config_GetString("none", "%s", c.name)), c.value);
       EXPECT_EQ(Preference_Find(c.name), c.layer);
       EXPECT_EQ(Config_NotSet("%s", c.name), c.layer == PREF_NO_LAYER);
    }
@@ -143,9 +128,7 @@ TEST_F(PreferenceTest, SixLayersInTheirOrder)
    EXPECT_FALSE(Config_GetTriStateAsBool(false, "tri"));
    EXPECT_TRUE(Config_GetBool(false, "flag"));
    EXPECT_EQ(Config_GetLong(4, "missing"), 4);
-   char *path = Config_GetPathName(nullptr, "path");
-   EXPECT_EQ(std::string(path), home_ / "sub");
-   free(path);
+   EXPECT_EQ(Take(Config_GetPathName(nullptr, "path")), home_ / "sub");
    EXPECT_EQ(Messages(), "");
 
    // A malformed value gives the default and tells the user; a kept entry tells too.
@@ -154,16 +137,10 @@ TEST_F(PreferenceTest, SixLayersInTheirOrder)
    EXPECT_EQ(Messages(), "msg.dictionary.notInteger\nmsg.dictionary.alreadyDefined.string\n");
    EXPECT_TRUE(Preference_SetFromString("k2=again", true));
    EXPECT_TRUE(Preference_SetFromString("noValue", true));
-   char *v = Config_GetString(nullptr, "k2");
-   EXPECT_STREQ(v, "again");
-   free(v);
-   v = Config_GetString(nullptr, "noValue");
-   EXPECT_STREQ(v, "");
-   free(v);
+   EXPECT_EQ(Take(Config_GetString(nullptr, "k2")), "again");
+   EXPECT_EQ(Take(Config_GetString(nullptr, "noValue")), "");
 
-   char *layerPath = Preference_LayerPath(PREF_SITE_DEFAULTS);
-   EXPECT_EQ(std::string(layerPath), lib_ / "config");
-   free(layerPath);
+   EXPECT_EQ(Take(Preference_LayerPath(PREF_SITE_DEFAULTS)), lib_ / "config");
 
    LogCapture log;
    Preference_Log();
@@ -196,8 +173,14 @@ TEST_F(PreferenceTest, MissingFilesAreLoggedOnceAndNeverFail)
    EXPECT_TRUE(Config_NotSet("anything"));
 }
 
-TEST_F(PreferenceTest, DisableUserPreferences)
+TEST_F(PreferenceTest, UserFilesLeftOut)
 {
+   WriteLayers();
+   ASSERT_TRUE(Preference_InitNoUserFiles());
+   EXPECT_EQ(Preference_Find("k3"), PREF_HOST_DEFAULTS);
+   EXPECT_EQ(Preference_Find("k1"), PREF_GLOBAL_SETTINGS);
+   Preference_Exit();
+
    WriteLayers("disableUserPreferences = \"TRUE\"\n");
    LogCapture log;
    ASSERT_TRUE(Preference_Init());
@@ -207,14 +190,6 @@ TEST_F(PreferenceTest, DisableUserPreferences)
    EXPECT_EQ(log.Text().find(home_.Path()), std::string::npos);
    EXPECT_EQ(Preference_Find("k3"), PREF_HOST_DEFAULTS);
    EXPECT_EQ(Preference_LayerPath(PREF_USER_PREFERENCES), nullptr);
-}
-
-TEST_F(PreferenceTest, NoUserFilesForm)
-{
-   WriteLayers();
-   ASSERT_TRUE(Preference_InitNoUserFiles());
-   EXPECT_EQ(Preference_Find("k3"), PREF_HOST_DEFAULTS);
-   EXPECT_EQ(Preference_Find("k1"), PREF_GLOBAL_SETTINGS);
 }
 
 TEST_F(PreferenceTest, SetUserIdIgnoresTheUsersFiles)
@@ -228,27 +203,21 @@ TEST_F(PreferenceTest, SetUserIdIgnoresTheUsersFiles)
    // The helper reads the user's files when its ids agree, and not when they differ.
    for (bool differ : {false, true}) {
       SCOPED_TRACE(differ);
-      pid_t pid = fork();
-      ASSERT_GE(pid, 0);
-      if (pid == 0) {
-         FILE *out = freopen(outPath.c_str(), "w", stdout);
+      // The probe's exit status is the child's.
+      ASSERT_TRUE(testsupport::InChild([&] {
          setenv("CFFIXED_USER_HOME", home_.Path().c_str(), 1);
-         if (out == nullptr || (differ && setresuid(65534, 0, 0) != 0)) {
-            _exit(3);
-         }
-         execl(PREF_PROBE, PREF_PROBE, logPath.c_str(), "k3", "k1", (char *)nullptr);
-         _exit(4);
-      }
-      int status = 0;
-      ASSERT_EQ(waitpid(pid, &status, 0), pid);
-      ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-      std::string log = testsupport::StripStamps(ReadFile(logPath));
+         return freopen(outPath.c_str(), "w", stdout) != nullptr &&
+                (!differ || setresuid(65534, 0, 0) == 0) &&
+                execl(PREF_PROBE, PREF_PROBE, logPath.c_str(), "k3", "k1", (char *)nullptr) == 0;
+      }));
+      std::string log = testsupport::StripStamps(testsupport::ReadFile(logPath));
       bool ignored =
           log.find("setuid: ignoring user's config and preferences\n") != std::string::npos;
       EXPECT_EQ(ignored, differ) << log;
-      EXPECT_EQ(ReadFile(outPath), differ ? "k3=host@HOST DEFAULTS\nk1=global@GLOBAL SETTINGS\n"
-                                          : "k3=userprefs@USER PREFERENCES\n"
-                                            "k1=global@GLOBAL SETTINGS\n");
+      EXPECT_EQ(testsupport::ReadFile(outPath),
+                differ ? "k3=host@HOST DEFAULTS\nk1=global@GLOBAL SETTINGS\n"
+                       : "k3=userprefs@USER PREFERENCES\n"
+                         "k1=global@GLOBAL SETTINGS\n");
    }
 }
 

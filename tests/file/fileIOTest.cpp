@@ -5,15 +5,13 @@
  */
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
-#include <unistd.h>
-
 #include <sys/syscall.h>
+#include <sys/uio.h>
 
 #include <csignal>
-#include <thread>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "err.h"
@@ -22,14 +20,17 @@
 #include "fileInt.h"
 #include "fileTestUtil.h"
 #include "id.h"
-#include "testSupport.h"
 
-using filetest::ReadFile;
-using filetest::WriteFile;
+using namespace filetest;
 using testsupport::LogCapture;
-using testsupport::ScratchDir;
 
 namespace {
+
+FileIOResult Open(FileIODescriptor *fd, const std::string &path, uint32_t access,
+                  FileIOOpenAction action = FILEIO_OPEN)
+{
+   return FileIO_Open(fd, path.c_str(), access, action);
+}
 
 TEST(FileIOResults, TextsAndErrnoMapping)
 {
@@ -61,17 +62,15 @@ TEST(FileIOResults, TextsAndErrnoMapping)
    EXPECT_EQ(log.Text(), "Warning: FileIO_MsgError: bad code 13\n");
    EXPECT_PANIC(FileIO_MsgError(FILEIO_ERROR_LAST), "NOT_IMPLEMENTED lib/file/fileIO:");
 
-   const std::pair<int, FileIOResult> kMap[] = {
-       {ENOENT, FILEIO_FILE_NOT_FOUND},
-       {EACCES, FILEIO_NO_PERMISSION},
-       {EEXIST, FILEIO_OPEN_ERROR_EXIST},
-       {EFBIG, FILEIO_WRITE_ERROR_FBIG},
-       {ENOSPC, FILEIO_WRITE_ERROR_NOSPC},
-       {ENAMETOOLONG, FILEIO_FILE_NAME_TOO_LONG},
-       {EDQUOT, FILEIO_WRITE_ERROR_DQUOT},
-       {EIO, FILEIO_ERROR},
-       {EPERM, FILEIO_ERROR},
-   };
+   const std::pair<int, FileIOResult> kMap[] = {{ENOENT, FILEIO_FILE_NOT_FOUND},
+                                                {EACCES, FILEIO_NO_PERMISSION},
+                                                {EEXIST, FILEIO_OPEN_ERROR_EXIST},
+                                                {EFBIG, FILEIO_WRITE_ERROR_FBIG},
+                                                {ENOSPC, FILEIO_WRITE_ERROR_NOSPC},
+                                                {ENAMETOOLONG, FILEIO_FILE_NAME_TOO_LONG},
+                                                {EDQUOT, FILEIO_WRITE_ERROR_DQUOT},
+                                                {EIO, FILEIO_ERROR},
+                                                {EPERM, FILEIO_ERROR}};
    for (const auto &[err, result] : kMap) {
       EXPECT_EQ(FileIO_ErrnoToResult(err), result) << err;
    }
@@ -86,20 +85,17 @@ TEST(FileIOOpen, ActionsReadsAndWrites)
       FileIOOpenAction action;
       bool exists;
       FileIOResult result;
-   } const kActions[] = {
-       {FILEIO_OPEN, false, FILEIO_FILE_NOT_FOUND},
-       {FILEIO_OPEN_CREATE_SAFE, false, FILEIO_SUCCESS},
-       {FILEIO_OPEN_CREATE_SAFE, true, FILEIO_OPEN_ERROR_EXIST},
-       {FILEIO_OPEN_CREATE, true, FILEIO_SUCCESS},
-       {FILEIO_OPEN_EMPTY, true, FILEIO_SUCCESS},
-       {FILEIO_OPEN_CREATE_EMPTY, true, FILEIO_SUCCESS},
-   };
+   } const kActions[] = {{FILEIO_OPEN, false, FILEIO_FILE_NOT_FOUND},
+                         {FILEIO_OPEN_CREATE_SAFE, false, FILEIO_SUCCESS},
+                         {FILEIO_OPEN_CREATE_SAFE, true, FILEIO_OPEN_ERROR_EXIST},
+                         {FILEIO_OPEN_CREATE, true, FILEIO_SUCCESS},
+                         {FILEIO_OPEN_EMPTY, true, FILEIO_SUCCESS},
+                         {FILEIO_OPEN_CREATE_EMPTY, true, FILEIO_SUCCESS}};
    for (const auto &a : kActions) {
       if (!a.exists) {
          unlink(path.c_str());
       }
-      EXPECT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE, a.action), a.result)
-          << a.action;
+      EXPECT_EQ(Open(&fd, path, FILEIO_OPEN_ACCESS_WRITE, a.action), a.result) << a.action;
       if (a.result == FILEIO_SUCCESS) {
          EXPECT_EQ(FileIO_Write(&fd, "hello", 5, nullptr), FILEIO_SUCCESS);
          EXPECT_FALSE(FileIO_Close(&fd));
@@ -112,7 +108,7 @@ TEST(FileIOOpen, ActionsReadsAndWrites)
    // A read past the end: result 5 with the bytes there were.
    char buf[16];
    size_t got = 99;
-   ASSERT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN), FILEIO_SUCCESS);
+   ASSERT_EQ(Open(&fd, path, FILEIO_OPEN_ACCESS_READ), FILEIO_SUCCESS);
    EXPECT_EQ(FileIO_GetSize(&fd), 5);
    EXPECT_EQ(FileIO_Read(&fd, buf, sizeof buf, &got), FILEIO_READ_ERROR_EOF);
    EXPECT_EQ(got, 5u);
@@ -121,27 +117,23 @@ TEST(FileIOOpen, ActionsReadsAndWrites)
    FileIO_Close(&fd);
 
    // Delete right after opening, a refused privileged create, and the lock seam.
-   ASSERT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_DELETE_ASAP,
-                         FILEIO_OPEN),
-             FILEIO_SUCCESS);
-   EXPECT_FALSE(filetest::Exists(path));
+   ASSERT_EQ(Open(&fd, path, FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_DELETE_ASAP), FILEIO_SUCCESS);
+   EXPECT_FALSE(Exists(path));
    FileIO_Close(&fd);
    errno = 0;
-   EXPECT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_PRIVILEGED,
-                         FILEIO_OPEN_CREATE),
+   EXPECT_EQ(Open(&fd, path, FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_PRIVILEGED, FILEIO_OPEN_CREATE),
              FILEIO_NO_PERMISSION);
    EXPECT_EQ(errno, EACCES);
    LogCapture log;
-   EXPECT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_EXCLUSIVE_LOCK,
-                         FILEIO_OPEN_CREATE),
-             FILEIO_LOCK_FAILED);
+   EXPECT_EQ(
+       Open(&fd, path, FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_EXCLUSIVE_LOCK, FILEIO_OPEN_CREATE),
+       FILEIO_LOCK_FAILED);
    // An advisory lock that cannot be taken (no directory for it) fails the open.
    std::string lost = dir / "missing/f";
-   EXPECT_EQ(FileIO_Open(&fd, lost.c_str(), FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_LOCKED,
-                         FILEIO_OPEN_CREATE),
+   EXPECT_EQ(Open(&fd, lost, FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_LOCKED, FILEIO_OPEN_CREATE),
              FILEIO_FILE_NOT_FOUND);
    EXPECT_FALSE(FileIO_IsValid(&fd));
-   EXPECT_FALSE(filetest::Exists(path));
+   EXPECT_FALSE(Exists(path));
    EXPECT_NE(log.Text().find("Warning: FILE: FileIO_Lock on '" + lost + "' failed: "),
              std::string::npos);
    EXPECT_EQ(FileIO_Open(&fd, nullptr, FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN), FILEIO_ERROR);
@@ -159,21 +151,20 @@ TEST(FileIOOpen, FullFileSystemsAndSizeLimits)
       signal(SIGXFSZ, SIG_IGN);
       struct rlimit limit = {100000, 100000};
       setrlimit(RLIMIT_FSIZE, &limit);
-      FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE, FILEIO_OPEN_CREATE_EMPTY);
+      Open(&fd, path, FILEIO_OPEN_ACCESS_WRITE, FILEIO_OPEN_CREATE_EMPTY);
       size_t written = 0;
       FileIOResult r = FileIO_Write(&fd, block.data(), block.size(), &written);
       return r == FILEIO_WRITE_ERROR_FBIG && written == 100000;
    }));
 
-   if (!filetest::PrivateMounts()) {
+   if (!PrivateMounts()) {
       GTEST_SKIP() << "needs root to mount a small file system";
    }
    std::string small = dir / "small";
    mkdir(small.c_str(), 0755);
-   ASSERT_TRUE(filetest::MountTmpfs(small, "256k"));
+   ASSERT_TRUE(MountTmpfs(small, "256k"));
    path = small + "/f";
-   ASSERT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE, FILEIO_OPEN_CREATE_EMPTY),
-             FILEIO_SUCCESS);
+   ASSERT_EQ(Open(&fd, path, FILEIO_OPEN_ACCESS_WRITE, FILEIO_OPEN_CREATE_EMPTY), FILEIO_SUCCESS);
    size_t written = 0;
    EXPECT_EQ(FileIO_Write(&fd, block.data(), block.size(), &written), FILEIO_WRITE_ERROR_NOSPC);
    EXPECT_LT(written, block.size());
@@ -192,7 +183,7 @@ int CountingOpener(const char *path, int flags)
 
 TEST(FileIOOpen, PrivilegedOpenRaisesOnlyAroundTheOpen)
 {
-   if (!filetest::IsRoot()) {
+   if (geteuid() != 0) {
       GTEST_SKIP() << "needs root to lower and raise a thread's identity";
    }
    ScratchDir dir;
@@ -204,16 +195,13 @@ TEST(FileIOOpen, PrivilegedOpenRaisesOnlyAroundTheOpen)
       // This thread alone becomes an ordinary user; the saved root id allows raising.
       ASSERT_EQ(Id_SetRESUid(static_cast<uid_t>(-1), 65534, static_cast<uid_t>(-1)), 0);
       FileIODescriptor fd;
-      EXPECT_EQ(FileIO_Open(&fd, secret.c_str(), FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN),
-                FILEIO_NO_PERMISSION);
-      ASSERT_EQ(FileIO_Open(&fd, secret.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_PRIVILEGED,
-                            FILEIO_OPEN),
+      EXPECT_EQ(Open(&fd, secret, FILEIO_OPEN_ACCESS_READ), FILEIO_NO_PERMISSION);
+      ASSERT_EQ(Open(&fd, secret, FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_PRIVILEGED),
                 FILEIO_SUCCESS);
       EXPECT_EQ(static_cast<uid_t>(syscall(SYS_geteuid)), 65534u);
       FileIO_Close(&fd);
       FileIO_SetPrivilegedOpener(CountingOpener);
-      EXPECT_EQ(FileIO_Open(&fd, secret.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_PRIVILEGED,
-                            FILEIO_OPEN),
+      EXPECT_EQ(Open(&fd, secret, FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_PRIVILEGED),
                 FILEIO_NO_PERMISSION);  // the hook opens as this thread's own user
       EXPECT_EQ(gHookCalls, 1);
       FileIO_SetPrivilegedOpener(nullptr);
@@ -222,68 +210,53 @@ TEST(FileIOOpen, PrivilegedOpenRaisesOnlyAroundTheOpen)
    worker.join();
 }
 
-TEST(FileIOVectored, GatheringThresholds)
-{
-   // More than five entries with an average below 16 KiB are gathered into one buffer.
-   EXPECT_TRUE(FileIOWouldCoalesce(6, 6 * 1024, false));
-   EXPECT_FALSE(FileIOWouldCoalesce(5, 5 * 1024, false));
-   EXPECT_FALSE(FileIOWouldCoalesce(6, 6 * 16384, false));
-   EXPECT_TRUE(FileIOWouldCoalesce(6, 6 * 16384 - 6, false));
-   EXPECT_FALSE(FileIOWouldCoalesce(1, 10, true));
-   EXPECT_TRUE(FileIOWouldCoalesce(2, 1 << 20, true));
-}
-
 TEST(FileIOVectored, TransfersRoundTrip)
 {
    ScratchDir dir;
    std::string path = dir / "v";
    FileIODescriptor fd;
-   ASSERT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_ACCESS_WRITE,
-                         FILEIO_OPEN_CREATE_EMPTY),
+   ASSERT_EQ(Open(&fd, path, FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_ACCESS_WRITE,
+                  FILEIO_OPEN_CREATE_EMPTY),
              FILEIO_SUCCESS);
    // Gathered (64 small entries), plain (3 entries) and more than 1024 entries in one call.
    for (int count : {64, 3, 1500}) {
+      SCOPED_TRACE(count);
       std::vector<std::string> parts;
+      std::vector<std::string> back;
       std::vector<struct iovec> v;
+      std::vector<struct iovec> rv;
       std::string expected;
       for (int i = 0; i < count; i++) {
-         parts.push_back(
-             std::string(static_cast<size_t>(1 + i % 7), static_cast<char>('a' + i % 26)));
+         parts.emplace_back(static_cast<size_t>(1 + i % 7), static_cast<char>('a' + i % 26));
          expected += parts.back();
       }
-      for (auto &p : parts) {
-         v.push_back({p.data(), p.size()});
+      back = parts;
+      for (size_t i = 0; i < parts.size(); i++) {
+         v.push_back({parts[i].data(), parts[i].size()});
+         rv.push_back({back[i].data(), back[i].size()});
       }
+      const size_t size = expected.size();
       size_t done = 0;
       ASSERT_EQ(FileIO_Truncate(&fd, 0), FILEIO_SUCCESS);
       FileIO_Seek(&fd, 0, SEEK_SET);
-      EXPECT_EQ(FileIO_Writev(&fd, v.data(), count, expected.size(), &done), FILEIO_SUCCESS);
-      EXPECT_EQ(done, expected.size());
+      EXPECT_EQ(FileIO_Writev(&fd, v.data(), count, size, &done), FILEIO_SUCCESS);
+      EXPECT_EQ(done, size);
       EXPECT_EQ(ReadFile(path), expected);
-
-      std::vector<std::string> back;
-      std::vector<struct iovec> rv;
-      for (auto &p : parts) {
-         back.push_back(std::string(p.size(), '?'));
-      }
-      for (auto &b : back) {
-         rv.push_back({b.data(), b.size()});
-      }
-      FileIO_Seek(&fd, 0, SEEK_SET);
-      EXPECT_EQ(FileIO_Readv(&fd, rv.data(), count, expected.size(), &done), FILEIO_SUCCESS);
-      EXPECT_EQ(back, parts);
-      for (auto &b : back) {
-         b.assign(b.size(), '?');
-      }
-      EXPECT_EQ(FileIO_Preadv(&fd, rv.data(), count, 0, expected.size(), &done), FILEIO_SUCCESS);
-      EXPECT_EQ(back, parts);
-      EXPECT_EQ(FileIO_Pwritev(&fd, v.data(), count, expected.size(), expected.size(), &done),
-                FILEIO_SUCCESS);
+      EXPECT_EQ(FileIO_Pwritev(&fd, v.data(), count, size, size, &done), FILEIO_SUCCESS);
       EXPECT_EQ(ReadFile(path), expected + expected);
+      for (int preadv = 0; preadv < 2; preadv++) {
+         for (auto &b : back) {
+            b.assign(b.size(), '?');
+         }
+         FileIO_Seek(&fd, size, SEEK_SET);
+         EXPECT_EQ(preadv ? FileIO_Preadv(&fd, rv.data(), count, 0, size, &done)
+                          : FileIO_Readv(&fd, rv.data(), count, size, &done),
+                   FILEIO_SUCCESS);
+         EXPECT_EQ(back, parts);
+      }
       // Past the end: result 5.
-      EXPECT_EQ(
-          FileIO_Preadv(&fd, rv.data(), count, expected.size() * 2 - 1, expected.size(), &done),
-          FILEIO_READ_ERROR_EOF);
+      EXPECT_EQ(FileIO_Preadv(&fd, rv.data(), count, size * 2 - 1, size, &done),
+                FILEIO_READ_ERROR_EOF);
       EXPECT_EQ(done, 1u);
    }
    // More bytes asked for than the entries hold.
@@ -331,25 +304,21 @@ TEST(FileIOAtomic, UpdateKeepsModeOwnerGroupAndContents)
    std::string path = dir / "config";
    WriteFile(path, "old contents");
    chmod(path.c_str(), 0640);
-   uid_t owner = geteuid();
-   gid_t group = getegid();
-   if (filetest::IsRoot()) {
-      owner = 65534;
-      group = 65534;
-      ASSERT_EQ(chown(path.c_str(), owner, group), 0);
-   }
+   // Root hands the file to somebody else first.
+   uid_t owner = geteuid() == 0 ? 65534 : geteuid();
+   gid_t group = geteuid() == 0 ? 65534 : getegid();
+   ASSERT_EQ(chown(path.c_str(), owner, group), 0);
    FileIODescriptor current;
    FileIODescriptor temp;
-   ASSERT_EQ(FileIO_Open(&current, path.c_str(), FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN),
-             FILEIO_SUCCESS);
-   char *tempPath = FileIO_AtomicTempPath(path.c_str());
-   EXPECT_EQ(std::string(tempPath), path + "~");
+   ASSERT_EQ(Open(&current, path, FILEIO_OPEN_ACCESS_READ), FILEIO_SUCCESS);
+   std::string tempPath = Take(FileIO_AtomicTempPath(path.c_str()));
+   EXPECT_EQ(tempPath, path + "~");
    WriteFile(tempPath, "stale temporary");
    ASSERT_EQ(FileIO_AtomicTempFile(&current, &temp), FILEIO_SUCCESS);
    EXPECT_EQ(FileIO_Write(&temp, "new", 3, nullptr), FILEIO_SUCCESS);
    ASSERT_TRUE(FileIO_AtomicUpdateEx(&temp, &current));
    EXPECT_FALSE(FileIO_IsValid(&temp));
-   EXPECT_FALSE(filetest::Exists(tempPath));
+   EXPECT_FALSE(Exists(tempPath));
    EXPECT_EQ(ReadFile(path), "new");
    struct stat st;
    ASSERT_EQ(stat(path.c_str(), &st), 0);
@@ -379,7 +348,6 @@ TEST(FileIOAtomic, UpdateKeepsModeOwnerGroupAndContents)
              std::string::npos);
    FileIO_Close(&a);
    free(b.fileName);
-   free(tempPath);
 }
 
 TEST(ErrTexts, CachedStableAndReversible)

@@ -5,91 +5,79 @@
  */
 #include <pwd.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <functional>
 #include <string>
 
 #include "file.h"
 #include "fileInt.h"
 #include "fileTestUtil.h"
-#include "testSupport.h"
 
-using testsupport::ScratchDir;
-
-namespace {
-
-using testsupport::Take;
-
+using namespace filetest;
 using testsupport::InChild;
 
-std::string UserName()
-{
-   struct passwd *pw = getpwuid(geteuid());
-   return pw != nullptr ? pw->pw_name : "uid_" + std::to_string(geteuid());
-}
+namespace {
 
 class SafeTmpDir : public ::testing::Test {
   protected:
    void SetUp() override
    {
-      char *real = realpath(scratch_.Path().c_str(), nullptr);
-      tmp_ = real;
-      free(real);
       setenv("TMPDIR", tmp_.c_str(), 1);
-      shared_ = tmp_ + "/tesmar-" + UserName();
+      struct passwd *pw = getpwuid(geteuid());
+      user_ = pw != nullptr ? pw->pw_name : "uid_" + std::to_string(geteuid());
+      shared_ = tmp_ + "/tesmar-" + user_;
    }
    void TearDown() override { unsetenv("TMPDIR"); }
 
+   /* True when the safe temporary directory a fresh process chooses passes check. */
+   static bool Safe(const std::function<bool(const std::string &)> &check)
+   {
+      return InChild([&] { return check(Take(File_GetSafeTmpDir(false))); });
+   }
+
    ScratchDir scratch_;
-   std::string tmp_;
+   std::string tmp_ = RealPath(scratch_.Path());
+   std::string user_;
    std::string shared_;
 };
 
 TEST_F(SafeTmpDir, ReusesOnlyOwnerOnlyDirectories)
 {
+   auto isShared = [&](const std::string &dir) { return dir == shared_; };
+   auto isRandom = [&](const std::string &dir) {
+      return dir.rfind(shared_ + "-", 0) == 0 && dir != shared_;
+   };
    // Fresh: the shared directory is made with owner-only access.
-   EXPECT_TRUE(InChild([&] { return Take(File_GetSafeTmpDir(false)) == shared_; }));
+   EXPECT_TRUE(Safe(isShared));
    struct stat st;
    ASSERT_EQ(lstat(shared_.c_str(), &st), 0);
    EXPECT_EQ(st.st_mode & 07777, 0700u);
    // Set-group-id inherited from the parent still passes.
    chmod(shared_.c_str(), 02700);
-   EXPECT_TRUE(InChild([&] { return Take(File_GetSafeTmpDir(false)) == shared_; }));
-   // Opened up: a random-suffix directory instead, reused on the next run.
+   EXPECT_TRUE(Safe(isShared));
+   // Opened up: a random-suffix directory instead, reused on the next call (from the cache).
    chmod(shared_.c_str(), 0755);
-   std::string first;
-   EXPECT_TRUE(InChild([&] {
-      std::string dir = Take(File_GetSafeTmpDir(false));
-      return dir.rfind(shared_ + "-", 0) == 0 && dir != shared_;
-   }));
-   EXPECT_TRUE(InChild([&] {
-      std::string a = Take(File_GetSafeTmpDir(false));
-      std::string b = Take(File_GetSafeTmpDir(false));  // from the cache
-      return a == b && a.rfind(shared_ + "-", 0) == 0;
+   EXPECT_TRUE(Safe([&](const std::string &dir) {
+      return isRandom(dir) && Take(File_GetSafeTmpDir(false)) == dir;
    }));
    // A link in the shared directory's place is never used.
    rmdir(shared_.c_str());
    mkdir((tmp_ + "/elsewhere").c_str(), 0700);
    symlink((tmp_ + "/elsewhere").c_str(), shared_.c_str());
-   EXPECT_TRUE(InChild([&] {
-      std::string dir = Take(File_GetSafeTmpDir(false));
+   EXPECT_TRUE(Safe([&](const std::string &dir) {
       return dir != shared_ && dir.find("elsewhere") == std::string::npos;
    }));
    // The per-process variant carries the process id.
    EXPECT_TRUE(InChild([&] {
       std::string dir = Take(File_GetSafeRandomTmpDir(false));
-      std::string expect = tmp_ + "/tesmar-" + UserName() + "_" + std::to_string(getpid()) + "-";
-      return dir.rfind(expect, 0) == 0;
+      return dir.rfind(shared_ + "_" + std::to_string(getpid()) + "-", 0) == 0;
    }));
-   if (filetest::IsRoot()) {
+   if (geteuid() == 0) {
       // Owned by somebody else: not used.
       unlink(shared_.c_str());
       mkdir(shared_.c_str(), 0700);
       chown(shared_.c_str(), 65534, 65534);
-      EXPECT_TRUE(InChild([&] { return Take(File_GetSafeTmpDir(false)) != shared_; }));
+      EXPECT_TRUE(Safe([&](const std::string &dir) { return dir != shared_; }));
    }
 }
 
@@ -98,7 +86,7 @@ TEST_F(SafeTmpDir, TemporaryDirectoryCandidates)
    EXPECT_EQ(Take(FileGetTmpDir(false)), tmp_);
    setenv("TMPDIR", (tmp_ + "/missing").c_str(), 1);
    EXPECT_EQ(Take(FileGetTmpDir(false)), "/var/tmp/");
-   if (filetest::IsRoot()) {
+   if (geteuid() == 0) {
       // Not writable for an unprivileged user: skipped in favour of /var/tmp/.
       setenv("TMPDIR", tmp_.c_str(), 1);
       chmod(tmp_.c_str(), 0755);
@@ -138,14 +126,10 @@ TEST_F(SafeTmpDir, UniqueTemporaryNames)
    EXPECT_TRUE(InChild([&] {
       std::string safe = Take(File_MakeSafeTempDir(nullptr));
       struct stat st;
-      return safe.rfind(shared_ + "/safeDir", 0) == 0 && lstat(safe.c_str(), &st) == 0 &&
-             (st.st_mode & 07777) == 0700;
-   }));
-   EXPECT_TRUE(InChild([&] {
       char *p = nullptr;
       int fd = File_MakeTemp("tag", &p);
-      std::string made = Take(p);
-      return fd >= 0 && made.rfind(shared_ + "/tag", 0) == 0;
+      return safe.rfind(shared_ + "/safeDir", 0) == 0 && lstat(safe.c_str(), &st) == 0 &&
+             (st.st_mode & 07777) == 0700 && fd >= 0 && Take(p).rfind(shared_ + "/tag", 0) == 0;
    }));
 }
 
@@ -153,8 +137,7 @@ TEST(FileSleeperTest, DrawsWithinBounds)
 {
    for (int i = 0; i < 5; i++) {
       uint32_t slept = FileSleeper(1, 4);
-      EXPECT_GE(slept, 1u);
-      EXPECT_LT(slept, 4u);
+      EXPECT_TRUE(slept >= 1 && slept < 4) << slept;
    }
    EXPECT_EQ(FileSleeper(2, 2), 2u);
 }

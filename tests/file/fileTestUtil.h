@@ -1,18 +1,14 @@
 /*
- * Helpers shared by the file-library tests: small file fixtures, the pending user messages,
- * shell commands, and a private mount namespace for read-only and full file systems.
+ * Helpers shared by the file-library tests: the pending user messages, real paths, and a
+ * private mount namespace for read-only and full file systems.
  */
 #pragma once
 
-#include <fcntl.h>
 #include <sched.h>
+#include <stdlib.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,40 +18,27 @@
 
 namespace filetest {
 
+using testsupport::Exists;
 using testsupport::ReadFile;
+using testsupport::ScratchDir;
+using testsupport::Take;
 using testsupport::WriteFile;
 
-inline bool Exists(const std::string &path)
-{
-   struct stat st;
-   return lstat(path.c_str(), &st) == 0;
-}
-
-inline int Shell(const std::string &cmd)
-{
-   return system(cmd.c_str());
-}
-
 /* The identifiers of the pending user messages, oldest first; the list is emptied. */
-inline std::vector<std::string> TakeMessageIds(std::string *text = nullptr)
+inline std::vector<std::string> TakeMessageIds()
 {
    std::vector<std::string> ids;
    MsgList *list = Msg_TakeList();
    for (MsgList *m = list; m != nullptr; m = m->next) {
       ids.insert(ids.begin(), m->id != nullptr ? m->id : "");
    }
-   if (text != nullptr) {
-      char *s = MsgList_ToString(list);
-      *text = s != nullptr ? s : "";
-      free(s);
-   }
    MsgList_Free(list);
    return ids;
 }
 
-inline bool IsRoot()
+inline std::string RealPath(const std::string &path)
 {
-   return geteuid() == 0;
+   return Take(realpath(path.c_str(), nullptr));
 }
 
 /*
@@ -66,7 +49,7 @@ inline bool PrivateMounts()
 {
    static int state = -1;
    if (state == -1) {
-      state = IsRoot() && unshare(CLONE_NEWNS) == 0 &&
+      state = geteuid() == 0 && unshare(CLONE_NEWNS) == 0 &&
                       mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0
                   ? 1
                   : 0;
@@ -77,8 +60,7 @@ inline bool PrivateMounts()
 /* A tmpfs of the given size mounted on dir. */
 inline bool MountTmpfs(const std::string &dir, const std::string &size)
 {
-   std::string opts = "size=" + size;
-   return mount("tmpfs", dir.c_str(), "tmpfs", 0, opts.c_str()) == 0;
+   return mount("tmpfs", dir.c_str(), "tmpfs", 0, ("size=" + size).c_str()) == 0;
 }
 
 /* A read-only view of dir, bound onto itself. */

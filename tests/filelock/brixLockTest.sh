@@ -12,11 +12,22 @@ cleanup() {
 trap cleanup EXIT
 . "$(dirname "$0")/../common/cliExpect.sh"
 
-# wait_for FILE: waits (at most 10 s) until FILE exists.
-wait_for() {
+# hold NAME ARGS...: runs brix-lock ARGS around a sleeper in the background ($held) and waits
+# (at most 10 s) until it holds; release NAME kills both.
+hold() {
+   name="$1"
+   shift
+   "$tool" "$@" -- sh -c "echo \$\$ >'$work/$name.pid'; touch '$work/$name'; exec sleep 30" \
+      >/dev/null 2>&1 &
+   held=$!
+   pids="$pids $held"
    n=0
-   while [ ! -e "$1" ] && [ $n -lt 200 ]; do sleep 0.05; n=$((n + 1)); done
-   [ -e "$1" ] || fail "$1 never appeared"
+   while [ ! -e "$work/$name" ] && [ $n -lt 200 ]; do sleep 0.05; n=$((n + 1)); done
+   [ -e "$work/$name" ] || fail "$name never held the lock"
+}
+release() {
+   kill -9 "$held"; wait "$held" 2>/dev/null
+   kill -9 "$(cat "$work/$1.pid")"
 }
 
 f="$work/data"
@@ -35,11 +46,7 @@ expect 127 "" "$f" -- /nonexistent/command; expect_err "cannot run '/nonexistent
 expect 1 "" --status "$f"
 
 # Held by another: --no-wait and --wait give 75 with the message on stderr.
-"$tool" "$f" -- sh -c "echo \$\$ >'$work/held.pid'; touch '$work/held'; exec sleep 30" \
-   >/dev/null 2>&1 &
-holder=$!
-pids="$pids $holder"
-wait_for "$work/held"
+hold held "$f"
 expect 75 "" --no-wait "$f" -- true; expect_err 'A file locking error \([0-9]+\) has occurred'
 start=$(date +%s%N)
 expect 75 "" --wait 400 "$f" -- true
@@ -47,24 +54,18 @@ elapsed=$((($(date +%s%N) - start) / 1000000))
 [ "$elapsed" -ge 400 ] || fail "--wait 400 gave up after $elapsed ms"
 expect 75 "" --shared --no-wait "$f" -- true
 out=$("$tool" --status "$f") || fail "--status of a held lock failed"
-echo "$out" | grep -Eq "^M[0-9]{5}\.lck machine=uuid=[^ ]+ execution=$holder-[0-9]+ kind=exclusive number=1$" ||
+echo "$out" | grep -Eq "^M[0-9]{5}\.lck machine=uuid=[^ ]+ execution=$held-[0-9]+ kind=exclusive number=1$" ||
    fail "--status printed '$out'"
 
 # A holder killed with -9 is cleared at once by the next locker on this machine.
-kill -9 "$holder"; wait "$holder" 2>/dev/null
-kill -9 "$(cat "$work/held.pid")"
+release held
 expect 0 "next" --wait 2000 "$f" -- echo next
 
 # Shared holders run together.
-"$tool" --shared "$f" -- sh -c "echo \$\$ >'$work/s1.pid'; touch '$work/s1'; exec sleep 30" \
-   >/dev/null 2>&1 &
-s1=$!
-pids="$pids $s1"
-wait_for "$work/s1"
+hold s1 --shared "$f"
 expect 0 "together" --shared --no-wait "$f" -- echo together
 expect 75 "" --no-wait "$f" -- true
-kill -9 "$s1"; wait "$s1" 2>/dev/null
-kill -9 "$(cat "$work/s1.pid")"
+release s1
 
 [ "$failures" -eq 0 ] || { echo "$failures failure(s)" >&2; exit 1; }
 echo "brix-lock: all checks passed"

@@ -4,17 +4,11 @@
  * own host name and hardware address) sharing one directory. Every run is bounded in count
  * and time, and only processes started here are signalled.
  */
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <random>
 #include <string>
 #include <vector>
@@ -35,24 +29,10 @@ long Rounds(long fallback)
    return text != nullptr && atol(text) > 0 ? atol(text) : fallback;
 }
 
-class State {
-  public:
-   explicit State(const std::string &path) : path_(path)
-   {
-      int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-      EXPECT_EQ(ftruncate(fd, sizeof(ProbeState)), 0);
-      void *p = mmap(nullptr, sizeof(ProbeState), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-      close(fd);
-      s_ = static_cast<ProbeState *>(p);
-   }
-   ~State() { munmap(s_, sizeof(ProbeState)); }
-   ProbeState *operator->() { return s_; }
-   const std::string &Path() const { return path_; }
-
-  private:
-   std::string path_;
-   ProbeState *s_;
-};
+long Counter(const ScratchDir &dir)
+{
+   return atol(testsupport::ReadFile(dir / "file.counter").c_str());
+}
 
 pid_t Spawn(const std::vector<std::string> &args, int stdoutFd = -1)
 {
@@ -72,43 +52,39 @@ pid_t Spawn(const std::vector<std::string> &args, int stdoutFd = -1)
    return pid;
 }
 
-int Wait(pid_t pid)
+/* Waits for pid at most ms; -1 (after killing it) when it is still running then. */
+int WaitBounded(pid_t pid, int ms = 20000)
 {
    int status = 0;
-   while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
+   for (int waited = 0; waitpid(pid, &status, WNOHANG) != pid; waited += 10) {
+      if (waited >= ms) {
+         kill(pid, SIGKILL);
+         waitpid(pid, &status, 0);
+         return -1;
+      }
+      usleep(10000);
    }
    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-/* Waits for pid at most ms; -1 (after killing it) when it is still running then. */
-int WaitBounded(pid_t pid, int ms)
+/* Runs args with standard output into a pipe; the output, or "held" once a holder holds. */
+std::string Output(const std::vector<std::string> &args, bool killWhenHeld = false)
 {
-   for (int waited = 0; waited < ms; waited += 10) {
-      int status;
-      pid_t r = waitpid(pid, &status, WNOHANG);
-      if (r == pid) {
-         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      }
-      usleep(10000);
+   int p[2];
+   EXPECT_EQ(pipe(p), 0);
+   pid_t pid = Spawn(args, p[1]);
+   close(p[1]);
+   std::string out;
+   char buf[256];
+   for (ssize_t n; out != "held\n" && (n = read(p[0], buf, sizeof buf)) > 0;) {
+      out.append(buf, static_cast<size_t>(n));
    }
-   kill(pid, SIGKILL);
-   Wait(pid);
-   return -1;
-}
-
-long ReadCounter(const std::string &path)
-{
-   long value = -1;
-   std::ifstream(path) >> value;
-   return value;
-}
-
-/* Reads one line of the child's output: "held" once the probe holds its lock. */
-bool WaitForHeld(int fd)
-{
-   char buf[8] = {};
-   ssize_t n = read(fd, buf, 5);
-   return n == 5 && std::string(buf, 4) == "held";
+   if (killWhenHeld) {
+      kill(pid, SIGKILL);
+   }
+   close(p[0]);
+   WaitBounded(pid);
+   return out;
 }
 
 /* A second machine: its own namespaces, host name and hardware address, killed with us. */
@@ -125,45 +101,17 @@ std::vector<std::string> Machine(int n, std::vector<std::string> probeArgs)
    return args;
 }
 
-bool NamespacesWork()
-{
-   if (geteuid() != 0) {
-      return false;
-   }
-   int fd = open("/dev/null", O_WRONLY);
-   pid_t pid = Spawn(Machine(1, {"id"}), fd);
-   close(fd);
-   return WaitBounded(pid, 10000) == 0;
-}
-
-std::string Output(std::vector<std::string> args)
-{
-   int p[2];
-   EXPECT_EQ(pipe(p), 0);
-   pid_t pid = Spawn(args, p[1]);
-   close(p[1]);
-   std::string out;
-   char buf[256];
-   ssize_t n;
-   while ((n = read(p[0], buf, sizeof buf)) > 0) {
-      out.append(buf, static_cast<size_t>(n));
-   }
-   close(p[0]);
-   Wait(pid);
-   return out;
-}
-
 }  // namespace
 
 TEST(FileLockStress, EightProcessesCountUnderAnExclusiveLock)
 {
    ScratchDir dir;
-   State state(dir / "state");
+   ProbeState *state = MapProbeState((dir / "state").c_str(), true);
    long rounds = Rounds(40);
    pid_t pid =
-       Spawn({LOCK_PROBE, "count", dir / "file", state.Path(), std::to_string(rounds), "8"});
+       Spawn({LOCK_PROBE, "count", dir / "file", dir / "state", std::to_string(rounds), "8"});
    EXPECT_EQ(WaitBounded(pid, 170000), 0);
-   EXPECT_EQ(ReadCounter(dir / "file.counter"), 8 * rounds);
+   EXPECT_EQ(Counter(dir), 8 * rounds);
    EXPECT_EQ(state->overlaps.load(), 0);
    EXPECT_NE(access((dir / "file.lck").c_str(), F_OK), 0) << "the lock directory stays";
 }
@@ -171,8 +119,8 @@ TEST(FileLockStress, EightProcessesCountUnderAnExclusiveLock)
 TEST(FileLockStress, SharedHoldersOverlapExclusiveOnesNever)
 {
    ScratchDir dir;
-   State state(dir / "state");
-   pid_t pid = Spawn({LOCK_PROBE, "mixed", dir / "file", state.Path(), "12", "6"});
+   ProbeState *state = MapProbeState((dir / "state").c_str(), true);
+   pid_t pid = Spawn({LOCK_PROBE, "mixed", dir / "file", dir / "state", "12", "6"});
    EXPECT_EQ(WaitBounded(pid, 120000), 0);
    EXPECT_EQ(state->acquisitions.load(), 6 * 12);
    EXPECT_EQ(state->overlaps.load(), 0);
@@ -187,11 +135,11 @@ TEST(FileLockStress, SharedHoldersOverlapExclusiveOnesNever)
 TEST(FileLockStress, KilledHoldersAndChoosersNeverBreakTheLock)
 {
    ScratchDir dir;
-   State state(dir / "state");
-   std::string lock = dir / "file";
+   ProbeState *state = MapProbeState((dir / "state").c_str(), true);
+   const std::vector<std::string> crash = {LOCK_PROBE, "crash", dir / "file", dir / "state"};
    std::vector<pid_t> workers;
    for (int i = 0; i < 4; i++) {
-      workers.push_back(Spawn({LOCK_PROBE, "crash", lock, state.Path()}));
+      workers.push_back(Spawn(crash));
    }
    std::mt19937 rng(12345);
    auto start = std::chrono::steady_clock::now();
@@ -201,13 +149,11 @@ TEST(FileLockStress, KilledHoldersAndChoosersNeverBreakTheLock)
       usleep(static_cast<useconds_t>(rng() % 30000));
       size_t victim = rng() % workers.size();
       kill(workers[victim], SIGKILL);
-      Wait(workers[victim]);
+      WaitBounded(workers[victim]);
       int64_t before = state->acquisitions.load();
-      workers[victim] = Spawn({LOCK_PROBE, "crash", lock, state.Path()});
-      int waited = 0;
-      while (state->acquisitions.load() == before && waited < 15000) {
+      workers[victim] = Spawn(crash);
+      for (int waited = 0; state->acquisitions.load() == before && waited < 15000; waited += 5) {
          usleep(5000);
-         waited += 5;
       }
       ASSERT_GT(state->acquisitions.load(), before)
           << "no survivor took the lock, round " << rounds;
@@ -215,7 +161,7 @@ TEST(FileLockStress, KilledHoldersAndChoosersNeverBreakTheLock)
    }
    state->stop.store(true);
    for (pid_t pid : workers) {
-      EXPECT_EQ(WaitBounded(pid, 20000), 0);
+      EXPECT_EQ(WaitBounded(pid), 0);
    }
    EXPECT_EQ(state->overlaps.load(), 0);
    EXPECT_GE(rounds, 100) << "too few rounds in the time allowed";
@@ -226,33 +172,31 @@ class FileLockMachines : public ::testing::Test {
   protected:
    void SetUp() override
    {
-      if (!NamespacesWork()) {
+      int null = open("/dev/null", O_WRONLY);
+      bool works = geteuid() == 0 && WaitBounded(Spawn(Machine(1, {"id"}), null), 10000) == 0;
+      close(null);
+      if (!works) {
          GTEST_SKIP() << "needs root and unshare of the mount, PID, UTS and network namespaces";
       }
    }
 };
 
-TEST_F(FileLockMachines, EachMachineHasItsOwnIdentity)
+TEST_F(FileLockMachines, TwoMachinesWithTheirOwnIdentitiesCountUnderOneLock)
 {
    std::string one = Output(Machine(1, {"id"}));
-   std::string two = Output(Machine(2, {"id"}));
    EXPECT_EQ(one.rfind("uuid=", 0), 0u) << one;
-   EXPECT_NE(one, two);
+   EXPECT_NE(one, Output(Machine(2, {"id"})));
    EXPECT_NE(one, std::string(FileLockGetMachineID()) + "\n");
-}
-
-TEST_F(FileLockMachines, TwoMachinesCountUnderOneLock)
-{
    ScratchDir dir;
-   State state(dir / "state");
+   ProbeState *state = MapProbeState((dir / "state").c_str(), true);
    long rounds = Rounds(40) / 2;
-   std::vector<std::string> args = {"count", dir / "file", state.Path(), std::to_string(rounds),
+   std::vector<std::string> args = {"count", dir / "file", dir / "state", std::to_string(rounds),
                                     "4"};
-   pid_t one = Spawn(Machine(1, args));
-   pid_t two = Spawn(Machine(2, args));
-   EXPECT_EQ(WaitBounded(one, 170000), 0);
-   EXPECT_EQ(WaitBounded(two, 170000), 0);
-   EXPECT_EQ(ReadCounter(dir / "file.counter"), 8 * rounds);
+   pid_t first = Spawn(Machine(1, args));
+   pid_t second = Spawn(Machine(2, args));
+   EXPECT_EQ(WaitBounded(first, 170000), 0);
+   EXPECT_EQ(WaitBounded(second, 170000), 0);
+   EXPECT_EQ(Counter(dir), 8 * rounds);
    EXPECT_EQ(state->overlaps.load(), 0);
 }
 
@@ -264,15 +208,7 @@ TEST_F(FileLockMachines, DeadHoldersElsewhereAreWaitedForDeadOnesHereCleared)
 {
    ScratchDir dir;
    std::string lock = dir / "remote";
-   int p[2];
-   ASSERT_EQ(pipe(p), 0);
-   pid_t holder = Spawn(Machine(1, {"hold", lock, "X"}), p[1]);
-   close(p[1]);
-   ASSERT_TRUE(WaitForHeld(p[0]));
-   close(p[0]);
-   kill(holder, SIGKILL);
-   Wait(holder);
-
+   ASSERT_EQ(Output(Machine(1, {"hold", lock, "X"}), true), "held\n");
    testsupport::LogCapture log;
    int err = 0;
    auto start = std::chrono::steady_clock::now();
@@ -287,13 +223,7 @@ TEST_F(FileLockMachines, DeadHoldersElsewhereAreWaitedForDeadOnesHereCleared)
 
    // The same on this machine: the holder's death is seen and its member file removed.
    std::string local = dir / "local";
-   ASSERT_EQ(pipe(p), 0);
-   holder = Spawn({LOCK_PROBE, "hold", local, "X"}, p[1]);
-   close(p[1]);
-   ASSERT_TRUE(WaitForHeld(p[0]));
-   close(p[0]);
-   kill(holder, SIGKILL);
-   Wait(holder);
+   ASSERT_EQ(Output({LOCK_PROBE, "hold", local, "X"}, true), "held\n");
    start = std::chrono::steady_clock::now();
    FileLockToken *token = FileLock_Lock(local.c_str(), false, 5000, &err, nullptr);
    waited = std::chrono::steady_clock::now() - start;

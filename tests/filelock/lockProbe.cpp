@@ -11,14 +11,9 @@
  *   lockProbe id                                prints the machine id
  * Exit 3 means an overlap was seen.
  */
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -35,29 +30,16 @@ namespace {
 
 constexpr int kOverlap = 3;
 
-ProbeState *MapState(const char *path)
-{
-   int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-   if (fd == -1 || ftruncate(fd, sizeof(ProbeState)) == -1) {
-      perror(path);
-      exit(1);
-   }
-   void *p = mmap(nullptr, sizeof(ProbeState), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-   close(fd);
-   if (p == MAP_FAILED) {
-      perror("mmap");
-      exit(1);
-   }
-   return static_cast<ProbeState *>(p);
-}
-
-FileLockToken *Lock(const char *path, bool shared)
+FileLockToken *Lock(const char *path, bool shared, uint32_t waitMs = FILELOCK_INFINITE_WAIT)
 {
    int err = 0;
-   FileLockToken *token = FileLock_Lock(path, shared, FILELOCK_INFINITE_WAIT, &err, nullptr);
-   if (token == nullptr) {
+   FileLockToken *token = FileLock_Lock(path, shared, waitMs, &err, nullptr);
+   if (token == nullptr && waitMs == FILELOCK_INFINITE_WAIT) {
       fprintf(stderr, "lockProbe %d: lock failed: %d\n", getpid(), err);
       exit(1);
+   }
+   if (token == nullptr) {
+      exit(err == EAGAIN ? 75 : 1);
    }
    return token;
 }
@@ -85,63 +67,42 @@ bool EnterExclusive(ProbeState *s)
    return s->readers.load() == 0;
 }
 
-void LeaveExclusive(ProbeState *s)
-{
-   s->holder.store(0);
-}
-
 /* The counter file: read, increment, write, with an "in use" marker around it. */
-bool CountOnce(const std::string &lockPath, ProbeState *s)
+bool CountOnce(const std::string &lockPath)
 {
    std::string marker = lockPath + ".inuse";
+   std::string counter = lockPath + ".counter";
    int m = open(marker.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0644);
    if (m == -1) {
       fprintf(stderr, "lockProbe %d: the in-use marker exists\n", getpid());
       return false;
    }
    close(m);
-   std::string counter = lockPath + ".counter";
    long value = 0;
    if (FILE *f = fopen(counter.c_str(), "r")) {
-      if (fscanf(f, "%ld", &value) != 1) {
-         value = 0;
-      }
+      value = fscanf(f, "%ld", &value) == 1 ? value : 0;
       fclose(f);
    }
    FILE *f = fopen(counter.c_str(), "w");
    fprintf(f, "%ld\n", value + 1);
    fclose(f);
-   unlink(marker.c_str());
-   return true;
+   return unlink(marker.c_str()) == 0;
 }
 
-int Count(const char *lock, ProbeState *s, long rounds)
+/* The holders of the count, mixed and crash modes; kOverlap as soon as an overlap is seen. */
+int Run(const std::string &mode, const char *lock, ProbeState *s, long rounds)
 {
-   for (long i = 0; i < rounds; i++) {
-      FileLockToken *t = Lock(lock, false);
-      bool ok = EnterExclusive(s) && CountOnce(lock, s);
-      s->acquisitions.fetch_add(1);
-      LeaveExclusive(s);
-      Unlock(t);
-      if (!ok) {
-         s->overlaps.fetch_add(1);
-         return kOverlap;
-      }
-   }
-   return 0;
-}
-
-int Mixed(const char *lock, ProbeState *s, long rounds)
-{
-   for (long i = 0; i < rounds; i++) {
-      bool exclusive = (i + getpid()) % 3 == 0;
+   for (long i = 0; mode == "crash" ? !s->stop.load() : i < rounds; i++) {
+      bool exclusive = mode != "mixed" || (i + getpid()) % 3 == 0;
       FileLockToken *t = Lock(lock, !exclusive);
-      bool ok = true;
+      bool ok;
       if (exclusive) {
-         ok = EnterExclusive(s);
-         usleep(2000);
+         ok = EnterExclusive(s) && (mode != "count" || CountOnce(lock));
+         usleep(static_cast<useconds_t>(mode == "count"   ? 0
+                                        : mode == "mixed" ? 2000
+                                                          : rand() % 3000));
          ok = ok && s->readers.load() == 0;
-         LeaveExclusive(s);
+         s->holder.store(0);
       } else {
          int32_t now = s->readers.fetch_add(1) + 1;
          int32_t seen = s->maxReaders.load();
@@ -153,23 +114,6 @@ int Mixed(const char *lock, ProbeState *s, long rounds)
          s->readers.fetch_sub(1);
       }
       s->acquisitions.fetch_add(1);
-      Unlock(t);
-      if (!ok) {
-         s->overlaps.fetch_add(1);
-         return kOverlap;
-      }
-   }
-   return 0;
-}
-
-int Crash(const char *lock, ProbeState *s)
-{
-   while (!s->stop.load()) {
-      FileLockToken *t = Lock(lock, false);
-      bool ok = EnterExclusive(s);
-      s->acquisitions.fetch_add(1);
-      usleep(static_cast<useconds_t>(rand() % 3000));
-      LeaveExclusive(s);
       Unlock(t);
       if (!ok) {
          s->overlaps.fetch_add(1);
@@ -195,9 +139,7 @@ int Fan(int procs, Body body)
    int status;
    while (wait(&status) > 0) {
       int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      if (code > worst) {
-         worst = code;
-      }
+      worst = code > worst ? code : worst;
    }
    return worst;
 }
@@ -220,17 +162,15 @@ int main(int argc, char **argv)
       printf("%s\n", FileLockGetMachineID());
       return 0;
    }
-   if ((mode == "count" || mode == "mixed") && argc >= 5) {
-      ProbeState *s = MapState(argv[3]);
-      long rounds = atol(argv[4]);
-      int procs = argc > 5 ? atoi(argv[5]) : 1;
-      if (mode == "count") {
-         return Fan(procs, [&] { return Count(argv[2], s, rounds); });
+   bool counting = (mode == "count" || mode == "mixed") && argc >= 5;
+   if (counting || (mode == "crash" && argc == 4)) {
+      ProbeState *s = MapProbeState(argv[3], false);
+      if (s == nullptr) {
+         perror(argv[3]);
+         return 1;
       }
-      return Fan(procs, [&] { return Mixed(argv[2], s, rounds); });
-   }
-   if (mode == "crash" && argc == 4) {
-      return Crash(argv[2], MapState(argv[3]));
+      long rounds = counting ? atol(argv[4]) : 0;
+      return Fan(argc > 5 ? atoi(argv[5]) : 1, [&] { return Run(mode, argv[2], s, rounds); });
    }
    if (mode == "hold" && argc == 4) {
       Lock(argv[2], strcmp(argv[3], "S") == 0);
@@ -241,13 +181,7 @@ int main(int argc, char **argv)
       }
    }
    if (mode == "try" && argc == 5) {
-      int err = 0;
-      FileLockToken *t = FileLock_Lock(argv[2], strcmp(argv[3], "S") == 0,
-                                       static_cast<uint32_t>(atol(argv[4])), &err, nullptr);
-      if (t == nullptr) {
-         return err == EAGAIN ? 75 : 1;
-      }
-      Unlock(t);
+      Unlock(Lock(argv[2], strcmp(argv[3], "S") == 0, static_cast<uint32_t>(atol(argv[4]))));
       return 0;
    }
    fprintf(stderr, "lockProbe: bad arguments\n");

@@ -5,6 +5,10 @@
 #ifndef TESMAR_TESTS_LOCKPROBESTATE_H
 #define TESMAR_TESTS_LOCKPROBESTATE_H
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdint>
 
@@ -16,5 +20,17 @@ struct ProbeState {
    std::atomic<int64_t> acquisitions;
    std::atomic<bool> stop;
 };
+
+/* Maps the state file (created zeroed when missing, or emptied first); nullptr on failure. */
+inline ProbeState *MapProbeState(const char *path, bool empty)
+{
+   int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | (empty ? O_TRUNC : 0), 0644);
+   if (fd == -1 || ftruncate(fd, sizeof(ProbeState)) == -1) {
+      return nullptr;
+   }
+   void *p = mmap(nullptr, sizeof(ProbeState), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+   close(fd);
+   return p == MAP_FAILED ? nullptr : static_cast<ProbeState *>(p);
+}
 
 #endif
