@@ -40,6 +40,8 @@
 #include <strings.h>
 #include <wchar.h>
 
+#include "internal/rounding.h"
+
 namespace bsdfmt {
 
 /* ----------------------------------------------------------------------------------------- */
@@ -1134,7 +1136,7 @@ class Engine {
       if (*prec == 0) {
          // Half-way cases round away from zero, then the one extra digit is dropped.
          *dropLast = true;
-         return ConvertFloat(round(value), 1, true, fd);
+         return ConvertFloat(tesmar::RoundHalfAway(value), 1, true, fd);
       }
       return ConvertFloat(value, *prec, true, fd);
    }

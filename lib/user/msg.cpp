@@ -17,6 +17,7 @@
 
 #include "config.h"
 #include "dictionary.h"
+#include "internal/rounding.h"
 #include "location.h"
 #include "productState.h"
 #include "str.h"
@@ -294,7 +295,7 @@ unsigned int MsgAsk(MsgCallback &cb, const char *const *buttons, int numButtons,
 /* Formats the size with n decimals, or none when it is within 0.01 of a whole number. */
 std::string MsgFormatNumber(double value, unsigned decimals)
 {
-   double whole = nearbyint(value);
+   double whole = tesmar::RoundHalfAway(value);
    char format[16];
    char text[64];
    if (fabs(value - whole) < 0.01) {
@@ -593,8 +594,7 @@ char *Msg_FormatSizeInBytes(uint64_t size)
 
 char *Msg_ErrString(int error)
 {
-   return MsgFormatId("@&!*@*@(msg.msg.systemError)Error %d [%s]", error,
-                      Err_Errno2String(error));
+   return MsgFormatId("@&!*@*@(msg.msg.systemError)Error %d [%s]", error, Err_Errno2String(error));
 }
 
 void Msg_SetCallback(const MsgCallback *callback)
