@@ -89,7 +89,8 @@ echo "   The opener, set-user-ID root, four levels below the bundle root:"
 ls -l "$opener" | indent
 echo "   It installs a verified root-owned copy of the services files and starts the daemon from:"
 echo "$daemon" | sed "s|$top/||" | indent
-echo "   The opener links only libc and libplist at run time (and ignores LD_* as set-user-ID):"
+echo "   The opener maps only the C library at start; libplist is loaded by absolute path when an"
+echo "   installation reads a property list (and as set-user-ID it ignores LD_*):"
 (ldd "$opener" 2>&1 || true) | indent
 
 work="$tmp/work"
