@@ -17,6 +17,7 @@
 
 #include <openssl/asn1t.h>
 #include <openssl/cms.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -285,6 +286,12 @@ bool ReadFully(int fd, uint8_t *buf, size_t size, uint64_t offset)
 
 }  // namespace
 
+void InitCrypto()
+{
+   static const bool gStarted = OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) == 1;
+   (void)gStarted;
+}
+
 bool DigestFd(int fd, uint64_t size, uint8_t digest[32])
 {
    std::unique_ptr<EVP_MD_CTX, Deleter<EVP_MD_CTX, EVP_MD_CTX_free>> ctx(EVP_MD_CTX_new());
@@ -511,6 +518,7 @@ CodeSignStatus CodeSignFindTrailer(const uint8_t *tail, size_t tailSize, uint64_
 
 CodeSignStatus CodeSignDecodeBlob(const uint8_t *blob, size_t size, CodeSignInfo *info)
 {
+   codesign::InitCrypto();
    codesign::CmsPtr cms = codesign::ParseCms(blob, size);
    if (!cms) {
       return CODESIGN_MALFORMED;

@@ -444,6 +444,7 @@ CodeSignStatus CodeSign_CheckValidity(CodeSignCode *code, const CodeSignRequirem
                                       bool requireRoot, const char *anchorsPem,
                                       CodeSignInfo *infoOut)
 {
+   codesign::InitCrypto();
    try {
       CodeSignInfo local;
       CodeSignInfo &info = infoOut != nullptr ? *infoOut : local;
@@ -499,6 +500,7 @@ CodeSignStatus CodeSign_CheckValidity(CodeSignCode *code, const CodeSignRequirem
 bool CodeSign_Sign(const char *path, const char *identifier, const char *certPem,
                    const char *keyPem, const char *chainPem, char *error, size_t errorSize)
 {
+   codesign::InitCrypto();
    std::string why;
    bool ok = false;
    try {

@@ -13,6 +13,13 @@
 
 namespace codesign {
 
+/*
+ * Starts OpenSSL without its configuration file: the signatures use fixed algorithms, and a
+ * program running as root has no reason to read the machine's settings for them. Called
+ * before any other OpenSSL use.
+ */
+void InitCrypto();
+
 constexpr uint64_t kMaxResources = 16u << 20;  // the largest CodeResources read into memory
 
 /* The SHA-256 of the first size bytes of fd. */
