@@ -139,20 +139,25 @@ uint32_t BucketOf(const HashTable *ht, uint32_t hash)
    return hash;
 }
 
+/* Whether e holds the case-sensitive string key whose hash and length are kh. */
+bool StringKeyIs(const HashTableEntry *e, const char *key, KeyHash kh)
+{
+   return e->hash == kh.hash && e->keyLength == kh.length &&
+          (kh.length == kLongKey ? strcmp(static_cast<const char *>(e->key), key) == 0
+                                 : memcmp(e->key, key, kh.length) == 0);
+}
+
 bool KeysEqual(const HashTable *ht, const HashTableEntry *e, const void *key, KeyHash kh)
 {
-   if (ht->keyType == HASH_INT_KEY) {
-      return e->key == key;
+   switch (ht->keyType) {
+      case HASH_INT_KEY:
+         return e->key == key;
+      case HASH_ISTRING_KEY:
+         return e->hash == kh.hash && e->keyLength == kh.length &&
+                strcasecmp(static_cast<const char *>(e->key), static_cast<const char *>(key)) == 0;
+      default:
+         return StringKeyIs(e, static_cast<const char *>(key), kh);
    }
-   if (e->hash != kh.hash || e->keyLength != kh.length) {
-      return false;
-   }
-   const char *a = static_cast<const char *>(e->key);
-   const char *b = static_cast<const char *>(key);
-   if (ht->keyType == HASH_ISTRING_KEY) {
-      return strcasecmp(a, b) == 0;
-   }
-   return kh.length == kLongKey ? strcmp(a, b) == 0 : memcmp(a, b, kh.length) == 0;
 }
 
 /* Searches the chain from `from` up to (not including) `stop`. */
@@ -173,9 +178,7 @@ HashTableEntry *FindString(const HashTable *ht, const char *key)
    KeyHash kh = HashString(reinterpret_cast<const unsigned char *>(key));
    for (HashTableEntry *e = LoadAcquire(ht->buckets[BucketOf(ht, kh.hash)]); e != nullptr;
         e = LoadAcquire(e->next)) {
-      if (e->hash == kh.hash && e->keyLength == kh.length &&
-          (kh.length == kLongKey ? strcmp(static_cast<const char *>(e->key), key) == 0
-                                 : memcmp(e->key, key, kh.length) == 0)) {
+      if (StringKeyIs(e, key, kh)) {
          return e;
       }
    }
