@@ -6,10 +6,8 @@
  */
 #include <benchmark/benchmark.h>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -24,10 +22,10 @@
 #include <openssl/cms.h>
 #include <openssl/evp.h>
 
+#include "benchProcess.h"
 #include "codeSign.h"
 #include "codeSignature.h"
 
-extern char **environ;
 namespace fs = std::filesystem;
 
 namespace {
@@ -115,45 +113,6 @@ void BM_OpenSslFloor8MiB(benchmark::State &state)
 }
 BENCHMARK(BM_OpenSslFloor8MiB)->Unit(benchmark::kMillisecond);
 
-int Run(const std::string &program, std::vector<std::string> args)
-{
-   args.insert(args.begin(), program);
-   std::vector<char *> argv;
-   for (std::string &arg : args) {
-      argv.push_back(arg.data());
-   }
-   argv.push_back(nullptr);
-   posix_spawn_file_actions_t actions;
-   posix_spawn_file_actions_init(&actions);
-   posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-   pid_t pid;
-   int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
-   posix_spawn_file_actions_destroy(&actions);
-   int status;
-   if (rc != 0 || waitpid(pid, &status, 0) != pid) {
-      return -1;
-   }
-   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-void StopDaemons(const std::string &daemon)
-{
-   DIR *proc = opendir("/proc");
-   while (struct dirent *entry = proc ? readdir(proc) : nullptr) {
-      char target[4096];
-      std::string link = std::string("/proc/") + entry->d_name + "/exe";
-      ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-      if (n > 0 && std::string(target, (size_t)n) == daemon) {
-         pid_t pid = atoi(entry->d_name);
-         kill(pid, SIGKILL);
-         waitpid(pid, nullptr, 0);
-      }
-   }
-   if (proc != nullptr) {
-      closedir(proc);
-   }
-}
-
 struct Setup {
    std::string opener;  // the program to run
    std::string root;
@@ -207,7 +166,7 @@ bool PrepareRoot(benchmark::State &state, const Setup &setup, const char *servic
       return false;
    }
    prctl(PR_SET_CHILD_SUBREAPER, 1);
-   StopDaemons(setup.root + kDaemonRel);
+   benchprocess::StopProcessesRunning(setup.root + kDaemonRel);
    fs::remove_all(setup.root);
    fs::create_directories(setup.root + "/var/run");
    fs::create_directories(setup.root + "/var/log");
@@ -225,10 +184,10 @@ void ColdStart(benchmark::State &state, const Setup &setup, const char *services
       return;
    }
    for (auto _ : state) {
-      StopDaemons(setup.root + kDaemonRel);
+      benchprocess::StopProcessesRunning(setup.root + kDaemonRel);
       unlink((setup.root + "/var/run/BRIX Services.sock").c_str());
       auto start = std::chrono::steady_clock::now();
-      int status = Run(setup.opener, {"1"});
+      int status = benchprocess::Run(setup.opener, {"1"});
       auto elapsed = std::chrono::steady_clock::now() - start;
       if (status != 0) {
          state.SkipWithError("cold start failed");
@@ -236,7 +195,7 @@ void ColdStart(benchmark::State &state, const Setup &setup, const char *services
       }
       state.SetIterationTime(std::chrono::duration<double>(elapsed).count());
    }
-   StopDaemons(setup.root + kDaemonRel);
+   benchprocess::StopProcessesRunning(setup.root + kDaemonRel);
 }
 
 void BM_ColdStartWithInstallation(benchmark::State &state)
@@ -254,7 +213,7 @@ BENCHMARK(BM_ColdStartWithoutInstallation)->UseManualTime()->Unit(benchmark::kMi
 void WarmHandOver(benchmark::State &state, bool opener)
 {
    Setup setup = InstallSetup();
-   if (!PrepareRoot(state, setup, nullptr) || Run(setup.opener, {"1"}) != 0) {
+   if (!PrepareRoot(state, setup, nullptr) || benchprocess::Run(setup.opener, {"1"}) != 0) {
       state.SkipWithError("the opener failed to start the daemon");
       return;
    }
@@ -263,12 +222,12 @@ void WarmHandOver(benchmark::State &state, bool opener)
        opener ? std::vector<std::string>{"1"}
               : std::vector<std::string>{setup.root + "/var/run/BRIX Services.sock", "1"};
    for (auto _ : state) {
-      if (Run(program, args) != 0) {
+      if (benchprocess::Run(program, args) != 0) {
          state.SkipWithError("hand-over failed");
          break;
       }
    }
-   StopDaemons(setup.root + kDaemonRel);
+   benchprocess::StopProcessesRunning(setup.root + kDaemonRel);
 }
 
 void BM_WarmHandOverInstallingOpener(benchmark::State &state)

@@ -5,10 +5,8 @@
  */
 #include <benchmark/benchmark.h>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -24,9 +22,9 @@
 #include <thread>
 #include <vector>
 
+#include "benchProcess.h"
 #include "hostinfo.h"
 
-extern char **environ;
 namespace fs = std::filesystem;
 
 namespace {
@@ -37,35 +35,13 @@ const std::string kDaemonPath =
     kRoot +
     "/Library/Application Support/Tesmar/Larkview/Services/Contents/Library/services/BRIX Services";
 
-// Runs program with args to its end; returns its exit status (-1 if abnormal).
-int Run(const std::string &program, std::vector<std::string> args)
-{
-   args.insert(args.begin(), program);
-   std::vector<char *> argv;
-   for (std::string &arg : args) {
-      argv.push_back(arg.data());
-   }
-   argv.push_back(nullptr);
-   posix_spawn_file_actions_t actions;
-   posix_spawn_file_actions_init(&actions);
-   posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-   pid_t pid;
-   int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
-   posix_spawn_file_actions_destroy(&actions);
-   int status;
-   if (rc != 0 || waitpid(pid, &status, 0) != pid) {
-      return -1;
-   }
-   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 // Peak resident memory (KiB) of one run of program, measured by a small static launcher.
 long PeakRssKiB(const std::string &program, const std::vector<std::string> &args)
 {
    std::string out = kRoot + "/maxrss";
    std::vector<std::string> launcherArgs = {out, program};
    launcherArgs.insert(launcherArgs.end(), args.begin(), args.end());
-   if (Run(BENCH_MAXRSS, launcherArgs) != 0) {
+   if (benchprocess::Run(BENCH_MAXRSS, launcherArgs) != 0) {
       return -1;
    }
    FILE *in = fopen(out.c_str(), "r");
@@ -79,32 +55,9 @@ long PeakRssKiB(const std::string &program, const std::vector<std::string> &args
    return kib;
 }
 
-std::vector<pid_t> DaemonPids()
-{
-   std::vector<pid_t> pids;
-   DIR *proc = opendir("/proc");
-   struct dirent *entry;
-   while (proc != nullptr && (entry = readdir(proc)) != nullptr) {
-      char target[4096];
-      std::string link = std::string("/proc/") + entry->d_name + "/exe";
-      ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-      if (n > 0 && std::string(target, (size_t)n) == kDaemonPath) {
-         pids.push_back(atoi(entry->d_name));
-      }
-   }
-   if (proc != nullptr) {
-      closedir(proc);
-   }
-   return pids;
-}
-
-// Daemons are re-parented to this process, so stopping one also reaps it.
 void StopDaemons()
 {
-   for (pid_t pid : DaemonPids()) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-   }
+   benchprocess::StopProcessesRunning(kDaemonPath);
 }
 
 bool PrepareRoot(benchmark::State &state)
@@ -136,7 +89,7 @@ void HandOver(benchmark::State &state, bool opener)
       return;
    }
    std::string fd = std::to_string(HandedDescriptor());
-   if (Run(BENCH_OPENER, {fd}) != 0) {  // starts the daemon
+   if (benchprocess::Run(BENCH_OPENER, {fd}) != 0) {  // starts the daemon
       state.SkipWithError("the opener failed to start the daemon");
       return;
    }
@@ -145,7 +98,7 @@ void HandOver(benchmark::State &state, bool opener)
        opener ? std::vector<std::string>{fd} : std::vector<std::string>{kSocketPath, fd};
    state.counters["peak_rss_KiB"] = (double)PeakRssKiB(program, args);
    for (auto _ : state) {
-      if (Run(program, args) != 0) {
+      if (benchprocess::Run(program, args) != 0) {
          state.SkipWithError("hand-over failed");
          break;
       }
@@ -175,7 +128,7 @@ void BM_OpenerColdStart(benchmark::State &state)
       StopDaemons();
       unlink(kSocketPath.c_str());
       auto start = std::chrono::steady_clock::now();
-      int status = Run(BENCH_OPENER, {fd});
+      int status = benchprocess::Run(BENCH_OPENER, {fd});
       auto elapsed = std::chrono::steady_clock::now() - start;
       if (status != 0) {
          state.SkipWithError("cold start failed");

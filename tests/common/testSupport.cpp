@@ -91,6 +91,17 @@ ScratchDir::~ScratchDir()
        FTW_DEPTH | FTW_PHYS);
 }
 
+void ExecOrExit(const std::vector<std::string> &args)
+{
+   std::vector<char *> argv;
+   for (const std::string &arg : args) {
+      argv.push_back(const_cast<char *>(arg.c_str()));
+   }
+   argv.push_back(nullptr);
+   execvp(argv[0], argv.data());
+   _exit(127);
+}
+
 bool InChild(const std::function<bool()> &body)
 {
    pid_t child = fork();

@@ -72,6 +72,10 @@ void RunThreads(int n, Body body)
 /* Runs body in a forked child (fresh caches, its own ids); true when it exited returning true. */
 bool InChild(const std::function<bool()> &body);
 
+/* In a forked child: runs args[0] (searched on PATH when it has no slash); exits 127 if it cannot.
+ */
+[[noreturn]] void ExecOrExit(const std::vector<std::string> &args);
+
 /* The text of a malloc'ed string, which is freed; "(null)" for NULL. */
 std::string Take(char *s);
 

@@ -41,13 +41,7 @@ pid_t Spawn(const std::vector<std::string> &args, int stdoutFd = -1)
       if (stdoutFd != -1) {
          dup2(stdoutFd, 1);
       }
-      std::vector<char *> argv;
-      for (const std::string &a : args) {
-         argv.push_back(const_cast<char *>(a.c_str()));
-      }
-      argv.push_back(nullptr);
-      execvp(argv[0], argv.data());
-      _exit(127);
+      testsupport::ExecOrExit(args);
    }
    return pid;
 }

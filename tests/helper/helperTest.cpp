@@ -89,13 +89,7 @@ pid_t Spawn(const std::vector<std::string> &args, const std::string &output)
    pid_t pid = fork();
    if (pid == 0) {
       dup2(open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644), 1);
-      std::vector<char *> argv;
-      for (const std::string &arg : args) {
-         argv.push_back(const_cast<char *>(arg.c_str()));
-      }
-      argv.push_back(nullptr);
-      execv(argv[0], argv.data());
-      _exit(127);
+      testsupport::ExecOrExit(args);
    }
    return pid;
 }

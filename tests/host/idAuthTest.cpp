@@ -26,13 +26,7 @@ static pid_t Spawn(const std::vector<std::string> &argv, const std::string &outp
       dup2(fd, 2);
       unsetenv("PYTHONPATH");
       unsetenv("PYTHONHOME");
-      std::vector<char *> args;
-      for (const std::string &arg : argv) {
-         args.push_back(const_cast<char *>(arg.c_str()));
-      }
-      args.push_back(nullptr);
-      execv(args[0], args.data());
-      _exit(127);
+      testsupport::ExecOrExit(argv);
    }
    return pid;
 }
