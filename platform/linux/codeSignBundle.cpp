@@ -18,9 +18,9 @@
 #include <vector>
 
 #include <openssl/evp.h>
-#include <plist/plist.h>
 
 #include "codeSignFile.h"
+#include "propertyList.h"
 #include "uniqueFd.h"
 
 struct CodeSignCode {
@@ -47,11 +47,6 @@ struct Resources {
    std::map<std::string, FileEntry> files;
    std::map<std::string, std::string> links;
 };
-
-struct PlistFree {
-   void operator()(plist_t p) const { plist_free(p); }
-};
-using PlistPtr = std::unique_ptr<void, PlistFree>;
 
 UniqueFd OpenAt(int dirFd, const char *name, int flags)
 {
@@ -140,113 +135,55 @@ CodeSignStatus Walk(int dirFd, const std::string &prefix, int depth, bool requir
 
 std::string ToXml(const Resources &res)
 {
-   PlistPtr root(plist_new_dict());
-   plist_t files = plist_new_dict();
+   using Kind = PlistValue::Kind;
+   auto string = [](std::string text) { return PlistValue{.kind = Kind::kString, .bytes = text}; };
+   PlistValue files{.kind = Kind::kDict}, links{.kind = Kind::kDict};
    for (const auto &[path, entry] : res.files) {
-      plist_t item = plist_new_dict();
-      plist_dict_set_item(item, "hash", plist_new_data(entry.hash.data(), entry.hash.size()));
-      plist_dict_set_item(item, "mode", plist_new_uint(entry.mode));
-      plist_dict_set_item(files, path.c_str(), item);
+      files.keys.push_back(path);
+      files.items.push_back({.kind = Kind::kDict,
+                             .keys = {"hash", "mode"},
+                             .items = {{.kind = Kind::kData, .bytes = entry.hash},
+                                       {.kind = Kind::kInteger, .integer = entry.mode}}});
    }
-   plist_t links = plist_new_dict();
    for (const auto &[path, target] : res.links) {
-      plist_dict_set_item(links, path.c_str(), plist_new_string(target.c_str()));
+      links.keys.push_back(path);
+      links.items.push_back(string(target));
    }
-   plist_dict_set_item(root.get(), "identifier", plist_new_string(res.identifier.c_str()));
-   plist_dict_set_item(root.get(), "files", files);
-   plist_dict_set_item(root.get(), "links", links);
-   char *xml = nullptr;
-   uint32_t len = 0;
-   plist_to_xml(root.get(), &xml, &len);
-   std::string text = xml != nullptr ? std::string(xml, len) : std::string();
-   plist_to_xml_free(xml);
-   // The document type line names an outside DTD that nothing reads; leave it out.
-   size_t doctype = text.find("<!DOCTYPE");
-   size_t end = doctype == std::string::npos ? doctype : text.find(">\n", doctype);
-   if (end != std::string::npos) {
-      text.erase(doctype, end + 2 - doctype);
-   }
-   return text;
-}
-
-/* A string value without embedded NUL (libplist's copying getter asserts on those). */
-bool StringValue(plist_t node, std::string &out)
-{
-   if (node == nullptr || plist_get_node_type(node) != PLIST_STRING) {
-      return false;
-   }
-   uint64_t length = 0;
-   const char *value = plist_get_string_ptr(node, &length);
-   if (value == nullptr || memchr(value, '\0', (size_t)length) != nullptr) {
-      return false;
-   }
-   out.assign(value, (size_t)length);
-   return true;
-}
-
-PlistPtr ParsePlist(const uint8_t *data, size_t size)
-{
-   if (size == 0 || size > UINT32_MAX) {
-      return nullptr;
-   }
-   plist_t root = nullptr;
-   plist_from_memory((const char *)data, (uint32_t)size, &root);
-   PlistPtr owned(root);
-   if (!owned || plist_get_node_type(root) != PLIST_DICT) {
-      return nullptr;
-   }
-   return owned;
+   return PlistToXml({.kind = Kind::kDict,
+                      .keys = {"files", "identifier", "links"},
+                      .items = {files, string(res.identifier), links}});
 }
 
 bool ParseResources(const uint8_t *data, size_t size, Resources &res)
 {
-   PlistPtr root = ParsePlist(data, size);
-   if (!root || !StringValue(plist_dict_get_item(root.get(), "identifier"), res.identifier)) {
+   using Kind = PlistValue::Kind;
+   PlistValue root;
+   const std::string *identifier = nullptr;
+   if (!PlistParse(data, size, root) || (identifier = root.GetString("identifier")) == nullptr) {
       return false;
    }
-   plist_t files = plist_dict_get_item(root.get(), "files");
-   plist_t links = plist_dict_get_item(root.get(), "links");
-   if (files == nullptr || plist_get_node_type(files) != PLIST_DICT || links == nullptr ||
-       plist_get_node_type(links) != PLIST_DICT) {
+   res.identifier = *identifier;
+   const PlistValue *files = root.Get("files"), *links = root.Get("links");
+   if (files == nullptr || files->kind != Kind::kDict || links == nullptr ||
+       links->kind != Kind::kDict) {
       return false;
    }
-   bool ok = true;
-   auto each = [&](plist_t dict, auto &&take) {
-      plist_dict_iter iter = nullptr;
-      plist_dict_new_iter(dict, &iter);
-      for (;;) {
-         char *key = nullptr;
-         plist_t value = nullptr;
-         plist_dict_next_item(dict, iter, &key, &value);
-         if (key == nullptr) {
-            break;
-         }
-         ok = ok && value != nullptr && take(std::string(key), value);
-         free(key);
-      }
-      free(iter);
-   };
-   each(files, [&](const std::string &key, plist_t value) {
-      plist_t hash = plist_dict_get_item(value, "hash");
-      plist_t mode = plist_dict_get_item(value, "mode");
-      if (plist_get_node_type(value) != PLIST_DICT || hash == nullptr ||
-          plist_get_node_type(hash) != PLIST_DATA || mode == nullptr ||
-          plist_get_node_type(mode) != PLIST_UINT) {
+   for (size_t i = 0; i < files->keys.size(); i++) {
+      const PlistValue &item = files->items[i];
+      const PlistValue *hash = item.Get("hash"), *mode = item.Get("mode");
+      if (hash == nullptr || hash->kind != Kind::kData || hash->bytes.size() != 32 ||
+          mode == nullptr || mode->kind != Kind::kInteger) {
          return false;
       }
-      uint64_t len = 0;
-      FileEntry entry;
-      const char *bytes = plist_get_data_ptr(hash, &len);
-      if (bytes != nullptr) {
-         entry.hash.assign(bytes, (size_t)len);
+      res.files[files->keys[i]] = FileEntry{hash->bytes, mode->integer};
+   }
+   for (size_t i = 0; i < links->keys.size(); i++) {
+      if (links->items[i].kind != Kind::kString) {
+         return false;
       }
-      plist_get_uint_val(mode, &entry.mode);
-      res.files[key] = entry;
-      return entry.hash.size() == 32;
-   });
-   each(links,
-        [&](const std::string &key, plist_t value) { return StringValue(value, res.links[key]); });
-   return ok;
+      res.links[links->keys[i]] = links->items[i].bytes;
+   }
+   return true;
 }
 
 UniqueFd OpenResources(int bundleFd, bool create, bool requireRoot, CodeSignStatus *status)
@@ -551,13 +488,13 @@ char *CodeSign_BundleIdentifier(int bundleFd)
       if (!info || !ReadWhole(info.get(), bytes, kMaxInfoPlist)) {
          return nullptr;
       }
-      PlistPtr root = ParsePlist(bytes.data(), bytes.size());
-      std::string id;
-      if (!root || !StringValue(plist_dict_get_item(root.get(), "CFBundleIdentifier"), id) ||
-          id.empty()) {
+      PlistValue root;
+      const std::string *id = nullptr;
+      if (!PlistParse(bytes.data(), bytes.size(), root) ||
+          (id = root.GetString("CFBundleIdentifier")) == nullptr || id->empty()) {
          return nullptr;
       }
-      return strdup(id.c_str());
+      return strdup(id->c_str());
    } catch (const std::bad_alloc &) {
       return nullptr;
    }

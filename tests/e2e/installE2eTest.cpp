@@ -6,7 +6,6 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <set>
 
 #include "codesignTestSupport.h"
 #include "e2eSupport.h"
@@ -221,7 +220,6 @@ TEST_F(InstallE2e, CallersLoaderVariablesHaveNoEffect)
    std::string probeDir = bundle_ + "/probe";
    fs::create_directories(probeDir);
    fs::copy_file(PRELOAD_PROBE, probeDir + "/probe.so");
-   fs::copy_file(PRELOAD_PROBE, probeDir + "/libplist-2.0.so.3");
    fs::copy_file(PRELOAD_PROBE, probeDir + "/libc.so.6");
    fs::remove(PRELOAD_MARKER);
    // The probe works: an ordinary program loads it.
@@ -230,18 +228,16 @@ TEST_F(InstallE2e, CallersLoaderVariablesHaveNoEffect)
    ASSERT_TRUE(fs::exists(PRELOAD_MARKER));
    fs::remove(PRELOAD_MARKER);
 
-   // The loader maps the C library and nothing else; libplist is loaded by absolute path.
+   // The opener is static: there is no loader to read the variables.
    FILE *elf = popen(("readelf -d '" + opener_ + "'").c_str(), "r");
    ASSERT_NE(elf, nullptr);
    char line[512];
-   std::set<std::string> needed;
+   std::string dynamic;
    while (fgets(line, sizeof line, elf) != nullptr) {
-      if (const char *open = strstr(line, "Shared library: [")) {
-         needed.emplace(open + 17, strcspn(open + 17, "]"));
-      }
+      dynamic += line;
    }
    pclose(elf);
-   EXPECT_EQ(needed, (std::set<std::string>{"ld-linux-x86-64.so.2", "libc.so.6"}));
+   EXPECT_NE(dynamic.find("no dynamic section"), std::string::npos) << dynamic;
 
    RunOptions options;
    options.env.push_back("LD_PRELOAD=" + probeDir + "/probe.so");
