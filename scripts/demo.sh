@@ -89,8 +89,7 @@ echo "   The opener, set-user-ID root, four levels below the bundle root:"
 ls -l "$opener" | indent
 echo "   It installs a verified root-owned copy of the services files and starts the daemon from:"
 echo "$daemon" | sed "s|$top/||" | indent
-echo "   The opener maps only the C library at start; libplist is loaded by absolute path when an"
-echo "   installation reads a property list (and as set-user-ID it ignores LD_*):"
+echo "   The opener is linked statically: no loader, no shared library, so no LD_* has any effect:"
 (ldd "$opener" 2>&1 || true) | indent
 
 work="$tmp/work"
