@@ -38,6 +38,7 @@
 #include "internal/uniqueFd.h"
 #include "log.h"
 #include "privilegedHelperInt.h"
+#include "propertyList.h"
 #include "str.h"
 
 #ifndef BRIX_ROOT_PREFIX
@@ -154,36 +155,28 @@ void LoadRequirements(const char *infoPlistPath)
       return;
    }
    gSettings.bundle = BundleState::kNoXPCService;
+   using Kind = codesign::PlistValue::Kind;
    std::string text;
-   plist_t root = nullptr;
-   if (ReadWholeFile(path.c_str(), &text) && !text.empty()) {
-      plist_from_memory(text.data(), (uint32_t)text.size(), &root);
-   }
-   if (root == nullptr) {
+   codesign::PlistValue root;
+   if (!ReadWholeFile(path.c_str(), &text) ||
+       !codesign::PlistParse((const uint8_t *)text.data(), text.size(), root)) {
       return;
    }
-   plist_t service = plist_get_node_type(root) == PLIST_DICT
-                         ? plist_dict_get_item(root, "XPCService")
-                         : nullptr;
-   plist_t clients = nullptr;
-   if (service != nullptr && plist_get_node_type(service) == PLIST_DICT) {
+   const codesign::PlistValue *service = root.Get("XPCService");
+   const codesign::PlistValue *clients = nullptr;
+   if (service != nullptr && service->kind == Kind::kDict) {
       gSettings.bundle = BundleState::kNoAllowedClients;
-      clients = plist_dict_get_item(service, "_AllowedClients");
+      clients = service->Get("_AllowedClients");
    }
    if (clients != nullptr) {
       gSettings.bundle = BundleState::kNotArray;
-      if (plist_get_node_type(clients) == PLIST_ARRAY) {
+      if (clients->kind == Kind::kArray) {
          gSettings.bundle = BundleState::kReady;
-         for (uint32_t i = 0; i < plist_array_get_size(clients); i++) {
-            plist_t item = plist_array_get_item(clients, i);
-            const char *value = plist_get_node_type(item) == PLIST_STRING
-                                    ? plist_get_string_ptr(item, nullptr)
-                                    : nullptr;
-            gSettings.requirements.emplace_back(value != nullptr ? value : "");
+         for (const codesign::PlistValue &item : clients->items) {
+            gSettings.requirements.push_back(item.kind == Kind::kString ? item.bytes : "");
          }
       }
    }
-   plist_free(root);
 }
 
 [[noreturn]] void StartFailed(const char *step)
