@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <new>
 
 #include "base64.h"
 #include "utf.h"
@@ -37,14 +38,17 @@ bool ValidText(std::string_view text)
    return true;
 }
 
-bool AddEntry(PlistValue &dict, std::string key, PlistValue value)
+/* False when a dictionary names a key twice: the reader refuses what it could misread. */
+bool UniqueKeys(const PlistValue &dict)
 {
-   if (dict.Get(key) != nullptr) {
-      return false;
+   std::vector<const std::string *> sorted;
+   for (const std::string &key : dict.keys) {
+      sorted.push_back(&key);
    }
-   dict.keys.push_back(std::move(key));
-   dict.items.push_back(std::move(value));
-   return true;
+   std::sort(sorted.begin(), sorted.end(), [](auto *a, auto *b) { return *a < *b; });
+   return std::adjacent_find(sorted.begin(), sorted.end(), [](auto *a, auto *b) {
+             return *a == *b;
+          }) == sorted.end();
 }
 
 /* Days since 1970-01-01 of a proleptic Gregorian date (the civil-from-days inverse). */
@@ -343,7 +347,7 @@ class XmlReader {
                return false;
             }
             if (Starts("</")) {
-               return Close(name);
+               return Close(name) && UniqueKeys(out);
             }
             std::string key;
             bool emptyKey;
@@ -355,11 +359,10 @@ class XmlReader {
             if (!Value(item, depth + 1)) {
                return false;
             }
-            if (!dict) {
-               out.items.push_back(std::move(item));
-            } else if (!AddEntry(out, std::move(key), std::move(item))) {
-               return false;
+            if (dict) {
+               out.keys.push_back(std::move(key));
             }
+            out.items.push_back(std::move(item));
          }
          return true;
       }
@@ -549,14 +552,13 @@ class BinaryReader {
                if (!Object(valueRef, item, depth + 1)) {
                   return false;
                }
-               if (!dict) {
-                  out.items.push_back(std::move(item));
-               } else if (!AddEntry(out, std::move(key.bytes), std::move(item))) {
-                  return false;
+               if (dict) {
+                  out.keys.push_back(std::move(key.bytes));
                }
+               out.items.push_back(std::move(item));
             }
             onPath_[ref] = false;
-            return true;
+            return UniqueKeys(out);
          }
          default:
             return false;  // sets and the reserved markers
@@ -707,11 +709,15 @@ bool PlistValue::operator==(const PlistValue &other) const
 
 bool PlistParse(const uint8_t *data, size_t size, PlistValue &out)
 {
-   out = PlistValue();
-   if (size >= 8 && memcmp(data, "bplist00", 8) == 0) {
-      return BinaryReader(data, size).Document(out);
+   try {
+      out = PlistValue();
+      if (size >= 8 && memcmp(data, "bplist00", 8) == 0) {
+         return BinaryReader(data, size).Document(out);
+      }
+      return XmlReader(std::string_view((const char *)data, size)).Document(out);
+   } catch (const std::bad_alloc &) {
+      return false;
    }
-   return XmlReader(std::string_view((const char *)data, size)).Document(out);
 }
 
 std::string PlistToXml(const PlistValue &value)

@@ -34,7 +34,8 @@ struct PlistValue {
    bool operator==(const PlistValue &other) const;
 };
 
-/* Parses either form, told apart by the binary header. False for anything ill-formed. */
+/* Parses either form, told apart by the binary header. False for anything ill-formed, and
+ * when memory runs out. */
 bool PlistParse(const uint8_t *data, size_t size, PlistValue &out);
 
 /* The XML form, with tab indentation and base64 data on one line. */
