@@ -29,7 +29,7 @@ log="$root/var/log/BRIX Services.log"
 say "Building brix-opener, brix-services and brix-codesign (machine-wide paths under build-demo/root)"
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DBUILD_TESTING=OFF \
   -DBRIX_BENCH=OFF "-DBRIX_ROOT_PREFIX=$root" >/dev/null
-cmake --build "$build" --target brix-opener brix-services brix-codesign -j 2 | grep "^\[" | tail -1 | indent
+cmake --build "$build" --target brix-opener brix-services brix-codesign -j 2 | { grep -v "warning: Using" || true; } | tail -1 | indent
 # The build generated a test signing authority and compiled its root into the opener.
 pki="$build/codesign-pki"
 codesign="$build/apps/codesign/brix-codesign"
