@@ -15,9 +15,7 @@ TEST(FileLockThread, IdentitiesArePublishedOnce)
 {
    std::vector<const char *> seen(8);
    testsupport::RunThreads(8, [&](int i) { seen[i] = FileLockGetMachineID(); });
-   for (const char *id : seen) {
-      EXPECT_EQ(id, seen[0]);
-   }
+   EXPECT_EQ(seen, std::vector<const char *>(8, seen[0]));
 }
 
 TEST(FileLockThread, ExclusiveHoldersNeverOverlap)
