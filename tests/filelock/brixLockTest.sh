@@ -5,30 +5,21 @@ set -u
 tool="$1"
 work=$(mktemp -d)
 pids=""
-cleanup() {
-   for p in $pids; do kill -9 "$p" 2>/dev/null; done
-   rm -rf "$work"
-}
+cleanup() { for p in $pids; do kill -9 "$p" 2>/dev/null; done; rm -rf "$work"; }
 trap cleanup EXIT
 . "$(dirname "$0")/../common/cliExpect.sh"
 
 # hold NAME ARGS...: runs brix-lock ARGS around a sleeper in the background ($held) and waits
 # (at most 10 s) until it holds; release NAME kills both.
 hold() {
-   name="$1"
-   shift
-   "$tool" "$@" -- sh -c "echo \$\$ >'$work/$name.pid'; touch '$work/$name'; exec sleep 30" \
-      >/dev/null 2>&1 &
-   held=$!
-   pids="$pids $held"
+   name=$1; shift
+   "$tool" "$@" -- sh -c "echo \$\$ >'$work/$name.pid'; exec sleep 30" >/dev/null 2>&1 &
+   held=$!; pids="$pids $held"
    n=0
-   while [ ! -e "$work/$name" ] && [ $n -lt 200 ]; do sleep 0.05; n=$((n + 1)); done
-   [ -e "$work/$name" ] || fail "$name never held the lock"
+   while [ ! -s "$work/$name.pid" ] && [ $n -lt 200 ]; do sleep 0.05; n=$((n + 1)); done
+   [ -s "$work/$name.pid" ] || fail "$name never held the lock"
 }
-release() {
-   kill -9 "$held"; wait "$held" 2>/dev/null
-   kill -9 "$(cat "$work/$1.pid")"
-}
+release() { kill -9 "$held"; wait "$held" 2>/dev/null; kill -9 "$(cat "$work/$1.pid")"; }
 
 f="$work/data"
 "$tool" --help | grep -q '^Usage: brix-lock' || fail "--help prints no usage"
@@ -69,4 +60,3 @@ expect 75 "" --no-wait "$f" -- true
 release s1
 
 [ "$failures" -eq 0 ] || { echo "$failures failure(s)" >&2; exit 1; }
-echo "brix-lock: all checks passed"

@@ -56,7 +56,7 @@ int WaitBounded(pid_t pid, int ms = 20000)
 }
 
 /* Runs args with standard output into a pipe; the output, or "held" once a holder holds. */
-std::string Output(const std::vector<std::string> &args, bool killWhenHeld = false)
+std::string Output(const std::vector<std::string> &args)
 {
    int p[2];
    EXPECT_EQ(pipe(p), 0);
@@ -67,9 +67,7 @@ std::string Output(const std::vector<std::string> &args, bool killWhenHeld = fal
    for (ssize_t n; out != "held\n" && (n = read(p[0], buf, sizeof buf)) > 0;) {
       out.append(buf, static_cast<size_t>(n));
    }
-   if (killWhenHeld) {
-      kill(pid, SIGKILL);
-   }
+   kill(pid, SIGKILL);  // a holder holds until killed
    close(p[0]);
    WaitBounded(pid);
    return out;
@@ -191,7 +189,7 @@ TEST_F(FileLockMachines, DeadHoldersElsewhereAreWaitedFor)
 {
    ScratchDir dir;
    std::string lock = dir / "remote";
-   ASSERT_EQ(Output(Machine(1, {"hold", lock, "X"}), true), "held\n");
+   ASSERT_EQ(Output(Machine(1, {"hold", lock})), "held\n");
    testsupport::LogCapture log;
    int err = 0;
    auto start = std::chrono::steady_clock::now();

@@ -6,7 +6,7 @@
  *   lockProbe count LOCK STATE ROUNDS [PROCS]   exclusive read-increment-write of LOCK.counter
  *   lockProbe mixed LOCK STATE ROUNDS [PROCS]   every third holder exclusive, the rest shared
  *   lockProbe crash LOCK STATE                  counts until STATE says stop (killed at random)
- *   lockProbe hold LOCK X|S                     locks, prints "held", sleeps until killed
+ *   lockProbe hold LOCK                         locks, prints "held", sleeps until killed
  *   lockProbe id                                prints the machine id
  * Exit 3 means an overlap was seen.
  */
@@ -16,7 +16,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <fstream>
 #include <string>
 
 #include "fileLock.h"
@@ -39,14 +39,6 @@ FileLockToken *Lock(const char *path, bool shared)
    return token;
 }
 
-void Unlock(FileLockToken *token)
-{
-   int err = 0;
-   if (!FileLock_Unlock(token, &err, nullptr)) {
-      exit(1);
-   }
-}
-
 /* Claims the exclusive slot; a previous holder that is dead (killed) may be replaced. */
 bool EnterExclusive(ProbeState *s)
 {
@@ -61,17 +53,11 @@ bool EnterExclusive(ProbeState *s)
 }
 
 /* The counter file: read, increment, write; a lost update shows in the final count. */
-void CountOnce(const std::string &lockPath)
+bool CountOnce(const std::string &lockPath)
 {
-   std::string counter = lockPath + ".counter";
    long value = 0;
-   if (FILE *f = fopen(counter.c_str(), "r")) {
-      value = fscanf(f, "%ld", &value) == 1 ? value : 0;
-      fclose(f);
-   }
-   FILE *f = fopen(counter.c_str(), "w");
-   fprintf(f, "%ld\n", value + 1);
-   fclose(f);
+   std::ifstream(lockPath + ".counter") >> value;
+   return (std::ofstream(lockPath + ".counter") << value + 1 << "\n").good();
 }
 
 /* The holders of the count, mixed and crash modes; kOverlap as soon as an overlap is seen. */
@@ -82,10 +68,7 @@ int Run(const std::string &mode, const char *lock, ProbeState *s, long rounds)
       FileLockToken *t = Lock(lock, !exclusive);
       bool ok;
       if (exclusive) {
-         ok = EnterExclusive(s);
-         if (mode == "count") {
-            CountOnce(lock);
-         }
+         ok = EnterExclusive(s) && (mode != "count" || CountOnce(lock));
          usleep(static_cast<useconds_t>(mode == "count"   ? 0
                                         : mode == "mixed" ? 2000
                                                           : rand() % 3000));
@@ -102,7 +85,10 @@ int Run(const std::string &mode, const char *lock, ProbeState *s, long rounds)
          s->readers.fetch_sub(1);
       }
       s->acquisitions.fetch_add(1);
-      Unlock(t);
+      int err = 0;
+      if (!FileLock_Unlock(t, &err, nullptr)) {
+         exit(1);
+      }
       if (!ok) {
          s->overlaps.fetch_add(1);
          return kOverlap;
@@ -139,8 +125,7 @@ int main(int argc, char **argv)
    srand(static_cast<unsigned>(getpid()));
    std::string mode = argc > 1 ? argv[1] : "";
    if (mode == "id") {
-      printf("%s\n", FileLockGetMachineID());
-      return 0;
+      return printf("%s\n", FileLockGetMachineID()) > 0 ? 0 : 1;
    }
    bool counting = (mode == "count" || mode == "mixed") && argc >= 5;
    if (counting || (mode == "crash" && argc == 4)) {
@@ -152,12 +137,11 @@ int main(int argc, char **argv)
       long rounds = counting ? atol(argv[4]) : 0;
       return Fan(argc > 5 ? atoi(argv[5]) : 1, [&] { return Run(mode, argv[2], s, rounds); });
    }
-   if (mode == "hold" && argc == 4) {
-      Lock(argv[2], strcmp(argv[3], "S") == 0);
+   if (mode == "hold" && argc == 3) {
+      Lock(argv[2], false);
       printf("held\n");
       fflush(stdout);
       pause();  // until killed
    }
-   fprintf(stderr, "lockProbe: bad arguments\n");
-   return 2;
+   return 2;  // bad arguments
 }
