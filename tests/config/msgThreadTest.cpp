@@ -3,14 +3,10 @@
  */
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-#include <string.h>
-
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "log.h"
 #include "msg.h"
@@ -21,15 +17,13 @@ namespace {
 TEST(MsgThread, AppendsLookupsAndCatalogueSwitches)
 {
    testsupport::ScratchDir dir;
-   for (const char *locale : {"fr", "de"}) {
-      std::string sub = dir / (std::string("messages/") + locale);
-      ASSERT_EQ(system(("mkdir -p '" + sub + "'").c_str()), 0);
-      std::ofstream(sub + "/app.tmsg") << "msg.t = \"" << locale << "\"\n";
+   for (std::string locale : {"fr", "de"}) {
+      std::filesystem::create_directories(dir / ("messages/" + locale));
+      std::ofstream(dir / ("messages/" + locale + "/app.tmsg")) << "msg.t = \"" << locale << "\"\n";
    }
    Log_SetOutputFd(-1);
    Msg_Reset(false);
-   constexpr int kThreads = 4;
-   constexpr int kRounds = 500;
+   constexpr int kThreads = 4, kRounds = 500;
    std::atomic<bool> bad{false};
    testsupport::RunThreads(kThreads + 1, [&](int t) {
       if (t == kThreads) {  // one thread switches the locale under the others
@@ -40,11 +34,8 @@ TEST(MsgThread, AppendsLookupsAndCatalogueSwitches)
       }
       for (int i = 0; i < kRounds; i++) {
          Msg_Append("@&!*@*@(msg.n)Thread %d round %d\n", t, i);
-         char *text = Msg_GetString("@&!*@*@(msg.t)en");
-         if (strcmp(text, "fr") != 0 && strcmp(text, "de") != 0 && strcmp(text, "en") != 0) {
-            bad = true;
-         }
-         free(text);
+         std::string text = testsupport::Take(Msg_GetString("@&!*@*@(msg.t)en"));
+         bad = bad || (text != "fr" && text != "de" && text != "en");
       }
    });
    EXPECT_FALSE(bad);

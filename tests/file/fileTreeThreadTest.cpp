@@ -11,9 +11,10 @@
 #include <thread>
 
 #include "file.h"
-#include "fileTestUtil.h"
+#include "msg.h"
+#include "testSupport.h"
 
-using namespace filetest;
+using namespace testsupport;
 
 namespace {
 
@@ -33,72 +34,68 @@ void SwapOnce(const std::string &path, const std::string &outside)
    }
 }
 
-class TreeRace : public ::testing::Test {
-  protected:
-   void SetUp() override
-   {
-      mkdir(outside_.c_str(), 0755);
-      mkdir((outside_ + "/sub").c_str(), 0755);
-      for (int j = 0; j < 5; j++) {
-         WriteFile(outside_ + "/secret" + std::to_string(j), "SECRET");
-         WriteFile(outside_ + "/sub/keep" + std::to_string(j), "x");
-      }
-   }
-
-   /* Builds a tree at root and runs walk on it while its directories (and the directories
-    * inside them, being walked) are swapped for links to outside; outside stays intact. */
-   void Race(const std::string &root, const std::function<void()> &walk)
-   {
-      mkdir(root.c_str(), 0755);
-      for (int i = 0; i < kDirs; i++) {
-         std::string d = root + "/d" + std::to_string(i);
-         mkdir(d.c_str(), 0755);
-         mkdir((d + "/inner").c_str(), 0755);
-         for (int j = 0; j < 5; j++) {
-            WriteFile(d + "/f" + std::to_string(j), "tree");
-            WriteFile(d + "/inner/g" + std::to_string(j), "tree");
-         }
-      }
-      std::atomic<bool> stop{false};
-      std::thread swapper([&] {
-         for (unsigned i = 0; !stop.load(); i++) {
-            std::string d = root + "/d" + std::to_string(i % kDirs);
-            SwapOnce(d, outside_);
-            SwapOnce(d + "/inner", outside_);
-         }
-      });
-      walk();
-      stop = true;
-      swapper.join();
-      Msg_Reset(false);
-      for (int j = 0; j < 5; j++) {
-         EXPECT_EQ(ReadFile(outside_ + "/secret" + std::to_string(j)), "SECRET");
-         EXPECT_TRUE(Exists(outside_ + "/sub/keep" + std::to_string(j)));
-      }
-   }
-
-   ScratchDir scratch_;
-   std::string outside_ = scratch_ / "outside";
-};
-
-TEST_F(TreeRace, DeletionStaysInsideTheTree)
+/* Makes dir/sub and five files in each of them. */
+void Fill(const std::string &dir, const std::string &sub, const char *text)
 {
+   mkdir(dir.c_str(), 0755);
+   mkdir((dir + "/" + sub).c_str(), 0755);
+   for (int j = 0; j < 5; j++) {
+      WriteFile(dir + "/f" + std::to_string(j), text);
+      WriteFile(dir + "/" + sub + "/f" + std::to_string(j), text);
+   }
+}
+
+/*
+ * Builds a tree at root and runs walk on it while its directories (and the directories inside
+ * them, being walked) are swapped for links to outside; outside stays intact.
+ */
+void Race(const std::string &root, const std::string &outside, const std::function<void()> &walk)
+{
+   mkdir(root.c_str(), 0755);
+   for (int i = 0; i < kDirs; i++) {
+      Fill(root + "/d" + std::to_string(i), "inner", "tree");
+   }
+   std::atomic<bool> stop{false};
+   std::thread swapper([&] {
+      for (unsigned i = 0; !stop.load(); i++) {
+         std::string d = root + "/d" + std::to_string(i % kDirs);
+         SwapOnce(d, outside);
+         SwapOnce(d + "/inner", outside);
+      }
+   });
+   walk();
+   stop = true;
+   swapper.join();
+   Msg_Reset(false);
+   for (int j = 0; j < 5; j++) {
+      EXPECT_EQ(ReadFile(outside + "/f" + std::to_string(j)), "SECRET");
+      EXPECT_EQ(ReadFile(outside + "/sub/f" + std::to_string(j)), "SECRET");
+   }
+}
+
+TEST(TreeRace, DeletionStaysInsideTheTree)
+{
+   ScratchDir scratch;
+   Fill(scratch / "outside", "sub", "SECRET");
    for (int round = 0; round < kRounds; round++) {
-      std::string root = scratch_ / ("tree" + std::to_string(round));
-      Race(root, [&] { File_DeleteDirectoryTree(root.c_str()); });
+      std::string root = scratch / ("tree" + std::to_string(round));
+      Race(root, scratch / "outside", [&] { File_DeleteDirectoryTree(root.c_str()); });
       // Whatever the race left, a second pass clears it.
       EXPECT_TRUE(File_DeleteDirectoryTree(root.c_str()));
       EXPECT_FALSE(Exists(root));
    }
 }
 
-TEST_F(TreeRace, CopyNeverReadsThroughPlantedLinks)
+TEST(TreeRace, CopyNeverReadsThroughPlantedLinks)
 {
+   ScratchDir scratch;
+   Fill(scratch / "outside", "sub", "SECRET");
    for (int round = 0; round < kRounds; round++) {
-      std::string root = scratch_ / ("src" + std::to_string(round));
-      std::string dst = scratch_ / ("dst" + std::to_string(round));
+      std::string root = scratch / ("src" + std::to_string(round));
+      std::string dst = scratch / ("dst" + std::to_string(round));
       mkdir(dst.c_str(), 0755);
-      Race(root, [&] { File_CopyTree(root.c_str(), dst.c_str(), true, false); });
+      Race(root, scratch / "outside",
+           [&] { File_CopyTree(root.c_str(), dst.c_str(), true, false); });
       // grep -r reads regular files only and follows no link.
       EXPECT_NE(system(("grep -rqs SECRET '" + dst + "'").c_str()), 0) << round;
    }

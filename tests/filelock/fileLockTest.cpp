@@ -1,11 +1,11 @@
 /*
  * The lock-file protocol's rules: the member text and its older form, machine and execution
- * identities, ordering and shared/exclusive conflicts against members written by hand,
- * problematic and stale files, moved lock directories, read-only places, FileIO's lock.
+ * identities, problematic and stale files, moved lock directories, read-only places, FileIO's
+ * lock. Who goes first, and which kinds coexist, is shown by the stress and thread tests.
  */
+#include <gmock/gmock.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -18,104 +18,69 @@
 #include "msgList.h"
 #include "testSupport.h"
 
-using testsupport::Exists;
-using testsupport::LogCapture;
-using testsupport::ScratchDir;
-using testsupport::WriteFile;
+using namespace testsupport;
+using ::testing::HasSubstr;
 
 namespace {
 
 const char kOtherMachine[] = "uuid=52-00-00-00-00-00-00-00-00-00-00-00-00-00-00-01";
+// A process that cannot exist: its id is above the largest one Linux hands out.
+const char kDeadExecution[] = "4194305-1234";
 
-/* A member file's text as another locker would write it. */
-std::string MemberText(const char *machine, const std::string &execution, uint32_t number,
-                       const char *type, const char *lc = nullptr)
+/* Writes a member file into lockDir as another locker would. */
+void WriteMember(const std::string &lockDir, const std::string &name, const char *machine,
+                 const std::string &execution, const char *type, const char *lc = nullptr)
 {
    char text[kFileLockMemberSize];
-   EXPECT_TRUE(FileLockFormatMemberText(machine, execution.c_str(), number, type, 0, lc, text));
-   return std::string(text, sizeof text);
-}
-
-void WriteMember(const std::string &lockDir, const std::string &name, const std::string &text)
-{
+   EXPECT_TRUE(FileLockFormatMemberText(machine, execution.c_str(), 3, type, 0, lc, text));
    mkdir(lockDir.c_str(), 0777);
-   WriteFile(lockDir + "/" + name, text);
-}
-
-/* The execution id of a process that has ended. */
-std::string DeadExecutionID()
-{
-   pid_t child = fork();
-   if (child == 0) {
-      _exit(0);
-   }
-   waitpid(child, nullptr, 0);
-   return std::to_string(child) + "-1234";
+   WriteFile(lockDir + "/" + name, std::string(text, sizeof text));
 }
 
 /* One timed attempt at the lock; a lock it got is released when the attempt goes. */
 struct Attempt {
    FileLockToken *token;
    int err;
-   long ms;
-   ~Attempt()
-   {
-      if (token != nullptr) {
-         EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
-      }
-   }
+   std::chrono::steady_clock::duration took;
+   ~Attempt() { EXPECT_TRUE(token == nullptr || FileLock_Unlock(token, &err, nullptr)); }
 };
 
-Attempt TryLock(const std::string &path, bool shared, uint32_t waitMs)
+Attempt TryLock(const std::string &path, bool shared, uint32_t waitMs, MsgList **msgs = nullptr)
 {
    auto start = std::chrono::steady_clock::now();
    int err = 0;
-   FileLockToken *token = FileLock_Lock(path.c_str(), shared, waitMs, &err, nullptr);
-   auto elapsed = std::chrono::steady_clock::now() - start;
-   return {token, err, std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count()};
+   FileLockToken *token = FileLock_Lock(path.c_str(), shared, waitMs, &err, msgs);
+   return {token, err, std::chrono::steady_clock::now() - start};
 }
+
+using std::chrono::milliseconds;
 
 }  // namespace
 
 TEST(FileLockMember, TextsAcceptedAndRefused)
 {
-   struct Case {
-      const char *text;
-      bool ok;
-      const char *execution = nullptr;
-      uint32_t number = 0;
-      const char *lc = nullptr;  // nullptr: no "lc" field
-   };
-   const Case cases[] = {
-       {"uuid=ab 12-345 7 X 345 lc=99", true, "12-345", 7, "99"},
-       {"uuid=ab 12-345 7 S 345", true, "12-345", 7},
-       {"uuid=ab  12-345   7 X 345 a=b lc=1", true, "12-345", 7, "1"},
+   // Text, then the execution id, number and "lc" value read ("" for none), or "refused".
+   const std::pair<const char *, const char *> cases[] = {
+       {"uuid=ab 12-345 7 S 345", "12-345 7 "},
+       {"uuid=ab  12-345   7 X 345 a=b lc=1", "12-345 7 1"},
        // The older form gains the start time in its execution id.
-       {"Zm9vYmFyYmF6cXV4 4242 3 X 777 lc=5", true, "4242-777", 3, "5"},
-       {"m 4242 3 X 777 other=5", true, "4242-777", 3},
-       {"m 12-345 7 X 1 a=1 b=2 c=3 d=4 e=5 f=6 g=7 h=8 i=9 j=10 k=11", true, "12-345", 7},
-       {"m 12-345 7 X 1 a=1 b=2 c=3 d=4 e=5 f=6 g=7 h=8 i=9 j=10 k=11 l=12", false},
-       {"m 12-345 7 X", false},
-       {"m 12-345 7 Y 1", false},
-       {"m 12-345 7 XX 1", false},
-       {"m 12-345 seven X 1", false},
-       {"m 12-345 7 X 1 lc", false},
-       {"m 12-345 7 X 1 =5", false},
-       {"m 12-345 7 X 1 lc=", false},
-       {"", false}};
-   for (const Case &c : cases) {
-      SCOPED_TRACE(c.text);
-      FileLockMemberValues values;
+       {"Zm9vYmFyYmF6cXV4 4242 3 X 777 lc=5", "4242-777 3 5"},
+       {"m 12-345 7 X 1 a=1 b=2 c=3 d=4 e=5 f=6 g=7 h=8 i=9 j=10 k=11", "12-345 7 "},
+       {"m 12-345 7 X 1 a=1 b=2 c=3 d=4 e=5 f=6 g=7 h=8 i=9 j=10 k=11 l=12", "refused"},
+       {"m 12-345 7 X", "refused"},
+       {"m 12-345 seven X 1", "refused"},
+       {"m 12-345 7 X 1 lc=", "refused"}};
+   for (const auto &[text, expected] : cases) {
+      FileLockMemberValues v;
       std::vector<std::string> argv;
-      std::string buffer(c.text);
+      std::string buffer(text);
       buffer.resize(kFileLockMemberSize, '\0');
-      ASSERT_EQ(FileLockParseMemberText(buffer.data(), buffer.size(), &values, &argv), c.ok);
-      if (c.ok) {
-         EXPECT_EQ(values.executionID, c.execution);
-         EXPECT_EQ(values.lamportNumber, c.number);
-         EXPECT_EQ(values.hasLocationChecksum, c.lc != nullptr);
-         EXPECT_EQ(values.locationChecksum, c.lc != nullptr ? c.lc : "");
-      }
+      bool ok = FileLockParseMemberText(buffer.data(), buffer.size(), &v, &argv);
+      EXPECT_EQ(ok ? v.executionID + " " + std::to_string(v.lamportNumber) + " " +
+                         (v.hasLocationChecksum ? v.locationChecksum : "")
+                   : "refused",
+                expected)
+          << text;
    }
    char out[kFileLockMemberSize];
    EXPECT_FALSE(
@@ -124,27 +89,19 @@ TEST(FileLockMember, TextsAcceptedAndRefused)
 
 TEST(FileLockMember, NamesChecksumsAndIdentities)
 {
-   // Longer numbers pass too.
-   for (auto [name, valid] : {std::pair{"M00000.lck", true},
-                              {"D65535.lck", true},
-                              {"E123456789.lck", true},
-                              {"X00000.lck", false},
-                              {"M0000a.lck", false},
-                              {"M00000.lock", false},
-                              {"M0000", false}}) {
-      EXPECT_EQ(FileLockValidName(name), valid) << name;
+   for (const char *name : {"D65535.lck", "E123456789.lck"}) {  // longer numbers pass too
+      EXPECT_TRUE(FileLockValidName(name)) << name;
    }
-   EXPECT_EQ(testsupport::Take(FileLockLocationChecksum("")), "5381");
-   EXPECT_EQ(testsupport::Take(FileLockLocationChecksum("/a\xc3")),  // bytes count as signed
+   for (const char *name : {"X00000.lck", "M0000a.lck", "M00000.lock"}) {
+      EXPECT_FALSE(FileLockValidName(name)) << name;
+   }
+   EXPECT_EQ(Take(FileLockLocationChecksum("")), "5381");
+   EXPECT_EQ(Take(FileLockLocationChecksum("/a\xc3")),  // bytes count as signed
              std::to_string(((5381u * 33 + '/') * 33 + 'a') * 33 + 0xFFFFFFC3u));
 
    const char *mine = FileLockGetMachineID();
-   EXPECT_EQ(std::string(mine).rfind("uuid=", 0), 0u);
-   EXPECT_EQ(strchr(mine, ' '), nullptr);
    const char *old = FileLockGetOldMachineID();
-   EXPECT_EQ(strlen(old), 16u);
-   EXPECT_EQ(strchr(old, '/'), nullptr);
-
+   EXPECT_TRUE(strlen(old) == 16 && strchr(old, '/') == nullptr) << old;
    EXPECT_TRUE(FileLockMachineIDMatch(mine, mine));
    EXPECT_FALSE(FileLockMachineIDMatch(mine, kOtherMachine));
    EXPECT_FALSE(FileLockMachineIDMatch(old, mine));  // only theirs is a uuid
@@ -152,134 +109,56 @@ TEST(FileLockMember, NamesChecksumsAndIdentities)
    EXPECT_TRUE(FileLockMachineIDMatch(mine, old));  // older form of this host
    LogCapture log;
    EXPECT_FALSE(FileLockMachineIDMatch(mine, "AAAAAAAAAAAAAAAAAAAA"));
-   EXPECT_NE(log.Text().find("OldMachineIDMatch: unexpected decode problem #2"), std::string::npos);
+   EXPECT_THAT(log.Text(), HasSubstr("OldMachineIDMatch: unexpected decode problem #2"));
 
    // A bare process id means start time 0; another start time means the id was reused.
    std::string pid = std::to_string(getpid());
-   for (auto [id, valid] : {std::pair{testsupport::Take(FileLockGetExecutionID()), true},
+   for (auto [id, valid] : {std::pair{Take(FileLockGetExecutionID()), true},
                             {pid, true},
                             {pid + "-0", true},
                             {pid + "-1", false},
-                            {DeadExecutionID(), false},
+                            {kDeadExecution, false},
                             {"garbage", true},
                             {"-5", true}}) {
       EXPECT_EQ(FileLockValidExecutionID(id.c_str()), valid) << id;
    }
-   EXPECT_NE(log.Text().find("FILE: FileLockValidExecutionID parse error on 'garbage'. "
-                             "Assuming valid.\n"),
-             std::string::npos);
+   EXPECT_THAT(log.Text(), HasSubstr("FILE: FileLockValidExecutionID parse error on 'garbage'. "
+                                     "Assuming valid.\n"));
 }
 
 TEST(FileLock, LockUnlockAndIsLocked)
 {
-   ScratchDir dir;
-   std::string path = dir / "data";
-   int err = -1;
-   EXPECT_FALSE(FileLock_IsLocked(path.c_str(), &err, nullptr));
-   EXPECT_EQ(err, 0);
-   FileLockToken *token = FileLock_Lock(path.c_str(), false, 0, &err, nullptr);
-   ASSERT_NE(token, nullptr);
-   EXPECT_EQ(err, 0);
-   EXPECT_TRUE(FileLock_IsLocked(path.c_str(), &err, nullptr));
-   // A second locker in this process waits like anybody else.
-   {
-      Attempt second = TryLock(path, true, 0);
-      EXPECT_EQ(second.token, nullptr);
-      EXPECT_EQ(second.err, EAGAIN);
-      EXPECT_LT(second.ms, 100);
-   }
-   EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
-   EXPECT_FALSE(Exists(path + ".lck"));
-   EXPECT_FALSE(FileLock_IsLocked(path.c_str(), &err, nullptr));
-
    // A relative path is locked by its full name.
+   ScratchDir dir;
+   int err = -1;
+   EXPECT_FALSE(FileLock_IsLocked((dir / "rel").c_str(), &err, nullptr));
    ASSERT_EQ(chdir(dir.Path().c_str()), 0);
-   token = FileLock_Lock("rel", true, 0, &err, nullptr);
-   ASSERT_NE(token, nullptr);
-   EXPECT_TRUE(Exists(dir / "rel.lck"));
+   FileLockToken *token = FileLock_Lock("rel", false, 0, &err, nullptr);
+   ASSERT_TRUE(token != nullptr && err == 0);
    EXPECT_TRUE(FileLock_IsLocked((dir / "rel").c_str(), &err, nullptr));
    EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
+   EXPECT_FALSE(FileLock_IsLocked((dir / "rel").c_str(), &err, nullptr));
    ASSERT_EQ(chdir("/"), 0);
-}
-
-/* Who goes first: the smaller number, then the smaller member file name; shared with shared. */
-TEST(FileLock, OrderByNumberThenName)
-{
-   const std::tuple<uint32_t, const char *, const char *, const char *, bool> cases[] = {
-       {4, "M00009.lck", "X", "X", true},  {6, "M00001.lck", "X", "X", false},
-       {5, "M00001.lck", "X", "X", true},  {5, "M00003.lck", "X", "X", false},
-       {5, "M00002.lck", "X", "X", false}, {4, "M00009.lck", "S", "S", false},
-       {4, "M00009.lck", "S", "X", true},  {4, "M00009.lck", "X", "S", true},
-       {5, "M00001.lck", "S", "S", false}};
-   char myName[] = "M00002.lck";
-   for (const auto &[number, name, theirType, myType, waits] : cases) {
-      FileLockMemberValues member;
-      member.machineID = kOtherMachine;
-      member.executionID = "999-1";
-      member.lockType = theirType;
-      member.memberName = name;
-      member.lamportNumber = number;
-      LockValues my{};
-      my.machineID = const_cast<char *>(FileLockGetMachineID());
-      my.lockType = myType;
-      my.memberName = myName;
-      my.lamportNumber = 5;
-      my.msecMaxWaitTime = FILELOCK_TRY_LOCK;  // a wait shows as EAGAIN at once
-      EXPECT_EQ(FileLockWaitForPossession("/nonexistent.lck", name, &member, &my),
-                waits ? EAGAIN : 0)
-          << number << " " << name << " " << theirType << " " << myType;
-   }
-}
-
-/* Members written by hand: who goes first, and which kinds coexist. */
-TEST(FileLock, OrderAndConflicts)
-{
-   ScratchDir dir;
-   std::string path = dir / "data";
-   std::string lockDir = path + ".lck";
-   const std::tuple<const char *, bool, bool> cases[] = {
-       {"X", false, false}, {"X", true, false}, {"S", false, false}, {"S", true, true}};
-   for (const auto &[theirs, shared, granted] : cases) {
-      SCOPED_TRACE(std::string(theirs) + (shared ? " shared" : " exclusive"));
-      WriteMember(lockDir, "M00007.lck", MemberText(kOtherMachine, "999-1", 41, theirs));
-      Attempt a = TryLock(path, shared, 300);
-      EXPECT_EQ(a.token != nullptr, granted);
-      EXPECT_EQ(a.err, granted ? 0 : EAGAIN);
-      EXPECT_TRUE(granted ? a.ms < 150 : a.ms >= 300) << a.ms;
-      EXPECT_TRUE(Exists(lockDir + "/M00007.lck")) << "another machine's member is left alone";
-   }
-   // A member file reads back with its name and values.
-   WriteMember(lockDir, "M00007.lck", MemberText(kOtherMachine, "999-1", 0, "S"));
-   FileLockMemberValues values;
-   ASSERT_EQ(FileLockMemberValuesRead(lockDir.c_str(), "M00007.lck", &values), 0);
-   EXPECT_EQ(values.memberName, "M00007.lck");
-   EXPECT_EQ(values.machineID, kOtherMachine);
 }
 
 TEST(FileLock, TimeoutMessagesAndMaximumWaitZero)
 {
    ScratchDir dir;
    std::string path = dir / "data";
-   WriteMember(path + ".lck", "M00001.lck", MemberText(kOtherMachine, "999-1", 3, "X"));
+   WriteMember(path + ".lck", "M00001.lck", kOtherMachine, "999-1", "X");
    MsgList *msgs = nullptr;
-   int err = 0;
    LogCapture log;
-   EXPECT_EQ(FileLock_Lock(path.c_str(), false, 0, &err, &msgs), nullptr);
-   EXPECT_EQ(err, EAGAIN);
+   Attempt zero = TryLock(path, false, 0, &msgs);
+   EXPECT_TRUE(zero.token == nullptr && zero.err == EAGAIN && zero.took < milliseconds(100));
    EXPECT_STREQ(MsgList_GetMsgID(msgs), "msg.fileLock.posix");
-   EXPECT_NE(testsupport::Take(MsgList_ToString(msgs))
-                 .find("A file locking error (" + std::to_string(EAGAIN) + ") has occurred: "),
-             std::string::npos);
    MsgList_Free(msgs);
-   EXPECT_EQ(log.Text().find("timeout"), std::string::npos) << "a zero wait logs nothing";
+   EXPECT_THAT(log.Text(), ::testing::Not(HasSubstr("timeout")));  // a zero wait logs nothing
 
    // A local holder that stays alive: the timeout names the process.
-   WriteMember(path + ".lck", "M00001.lck", MemberText(FileLockGetMachineID(), "1-0", 3, "X"));
+   WriteMember(path + ".lck", "M00001.lck", FileLockGetMachineID(), "1-0", "X");
    EXPECT_EQ(TryLock(path, true, 200).token, nullptr);
-   EXPECT_NE(log.Text().find("FILE: FileLockWaitForPossession timeout on '" + path +
-                             ".lck/M00001.lck' due to a local process '1-0'\n"),
-             std::string::npos)
-       << log.Text();
+   EXPECT_THAT(log.Text(), HasSubstr("FILE: FileLockWaitForPossession timeout on '" + path +
+                                     ".lck/M00001.lck' due to a local process '1-0'\n"));
 }
 
 /*
@@ -292,65 +171,58 @@ TEST(FileLock, ProblematicAndStaleMembersAreRemoved)
    ScratchDir dir;
    std::string path = dir / "data";
    std::string lockDir = path + ".lck";
-   std::string text = MemberText(kOtherMachine, "999-1", 3, "X");
-   const char *mine = FileLockGetMachineID();
-   std::string moved = testsupport::Take(FileLockLocationChecksum("/elsewhere/data.lck"));
-   struct Case {
-      std::string name, bytes, log;
-   } const cases[] = {
-       {"M00001.lck", text.substr(0, 511), "removing problematic lock file"},
-       {"M00001.lck", text + "x", "removing problematic lock file"},
+   WriteMember(lockDir, "M00001.lck", kOtherMachine, "999-1", "X");
+   std::string member = ReadFile(lockDir + "/M00001.lck");
+   const std::tuple<std::string, std::string, std::string> files[] = {
+       {"M00001.lck", member.substr(0, 511), "removing problematic lock file"},
+       {"M00001.lck", member + "x", "removing problematic lock file"},
        {"M00001.lck", std::string("m 1-2 3 Q 5").append(501, '\0'), "argv[3]: 'Q'"},
        {"junk", "x",
-        "FILE: FileLockScanDirectory discarding junk from " + lockDir + "'; invalid file name.\n"},
-       {"M00002.lck", MemberText(mine, DeadExecutionID(), 9, "X"),
-        "discarding M00002.lck from " + lockDir + "': invalid executionID"},
-       {"M00003.lck",
-        MemberText(mine, testsupport::Take(FileLockGetExecutionID()), 9, "X", moved.c_str()),
-        "M00003.lck from " + lockDir + "': lock file has been moved."},
-   };
-   for (const Case &c : cases) {
-      SCOPED_TRACE(c.log);
-      WriteMember(lockDir, c.name, c.bytes);
+        "FILE: FileLockScanDirectory discarding junk from " + lockDir + "'; invalid file name.\n"}};
+   for (const auto &[name, bytes, message] : files) {
+      mkdir(lockDir.c_str(), 0777);
+      WriteFile(lockDir + "/" + name, bytes);
       LogCapture log;
       Attempt a = TryLock(path, false, 2000);
-      ASSERT_NE(a.token, nullptr);
-      EXPECT_LT(a.ms, 150);
-      EXPECT_NE(log.Text().find(c.log), std::string::npos) << log.Text();
-      EXPECT_FALSE(Exists(lockDir + "/" + c.name));
+      EXPECT_TRUE(a.token != nullptr && a.took < milliseconds(150)) << message;
+      EXPECT_THAT(log.Text(), HasSubstr(message));
+      EXPECT_FALSE(Exists(lockDir + "/" + name));
    }
+   // On this machine: a holder that is gone, and this process with another location.
+   WriteMember(lockDir, "M00002.lck", FileLockGetMachineID(), kDeadExecution, "X");
+   WriteMember(lockDir, "M00003.lck", FileLockGetMachineID(), Take(FileLockGetExecutionID()), "X",
+               Take(FileLockLocationChecksum("/elsewhere/data.lck")).c_str());
+   LogCapture log;
+   EXPECT_NE(TryLock(path, false, 2000).token, nullptr);
+   EXPECT_THAT(log.Text(), HasSubstr("M00002.lck from " + lockDir + "': invalid executionID"));
+   EXPECT_THAT(log.Text(),
+               HasSubstr("M00003.lck from " + lockDir + "': lock file has been moved."));
+   EXPECT_FALSE(Exists(lockDir + "/M00002.lck") || Exists(lockDir + "/M00003.lck"));
 
    // A file where the lock directory belongs is replaced by the directory.
+   rmdir(lockDir.c_str());
    WriteFile(lockDir, "not a directory");
-   LogCapture log;
-   int err = 0;
-   FileLockToken *token = FileLock_Lock(path.c_str(), false, 0, &err, nullptr);
-   ASSERT_NE(token, nullptr);
-   EXPECT_NE(log.Text().find("FILE: FileLockCreateEntryDirectory: '" + lockDir +
-                             "' is not a directory. Removed.\n"),
-             std::string::npos);
-   FileLock_Unlock(token, &err, nullptr);
+   log.Clear();
+   EXPECT_NE(TryLock(path, false, 0).token, nullptr);
+   EXPECT_THAT(log.Text(), HasSubstr("FILE: FileLockCreateEntryDirectory: '" + lockDir +
+                                     "' is not a directory. Removed.\n"));
 }
 
 /* An entry directory left by a chooser that died is discarded after about 8.4 s of watching. */
 TEST(FileLock, AbandonedChoosingFlagAgesOut)
 {
    ScratchDir dir;
-   std::string path = dir / "data";
-   std::string lockDir = path + ".lck";
+   std::string lockDir = dir / "data.lck";
    mkdir(lockDir.c_str(), 0777);
    mkdir((lockDir + "/D04242.lck").c_str(), 0777);
    WriteFile(lockDir + "/E04242.lck", "partial");
    LogCapture log;
-   Attempt a = TryLock(path, false, 20000);
+   Attempt a = TryLock(dir / "data", false, 20000);
    ASSERT_NE(a.token, nullptr);
-   EXPECT_GE(a.ms, 8000);
-   EXPECT_LT(a.ms, 10000);
-   EXPECT_NE(log.Text().find("FILE: FileLockScanner discarding D04242.lck data from '" + lockDir +
-                             "'.\n"),
-             std::string::npos);
-   EXPECT_FALSE(Exists(lockDir + "/D04242.lck"));
-   EXPECT_FALSE(Exists(lockDir + "/E04242.lck"));
+   EXPECT_TRUE(a.took >= milliseconds(8000) && a.took < milliseconds(10000));
+   EXPECT_THAT(log.Text(), HasSubstr("FILE: FileLockScanner discarding D04242.lck data from '" +
+                                     lockDir + "'.\n"));
+   EXPECT_FALSE(Exists(lockDir + "/D04242.lck") || Exists(lockDir + "/E04242.lck"));
 }
 
 /* On a read-only file system a shared lock is implicit and an exclusive one fails. */
@@ -367,26 +239,20 @@ TEST(FileLock, ReadOnlyPlaces)
    WriteFile(path, "x");
    ASSERT_EQ(mount(nullptr, mnt.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
    LogCapture log;
-   int err = 0;
-   FileLockToken *token = FileLock_Lock(path.c_str(), true, 1000, &err, nullptr);
-   ASSERT_NE(token, nullptr);
-   EXPECT_NE(log.Text().find("FILE: FileLockIntrinsicPortable implicit S lock succeeded on '" +
-                             path + "'.\n"),
-             std::string::npos);
-   EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
-   EXPECT_EQ(FileLock_Lock(path.c_str(), false, 1000, &err, nullptr), nullptr);
-   EXPECT_EQ(err, EROFS);
+   EXPECT_NE(TryLock(path, true, 1000).token, nullptr);
+   EXPECT_THAT(
+       log.Text(),
+       HasSubstr("FILE: FileLockIntrinsicPortable implicit S lock succeeded on '" + path + "'.\n"));
+   EXPECT_EQ(TryLock(path, false, 1000).err, EROFS);
    // FileIO: a read-only open with the lock works; a write open's lock fails as "lock failed".
    FileIODescriptor fd;
-   EXPECT_EQ(
-       FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_LOCKED, FILEIO_OPEN),
-       FILEIO_SUCCESS);
+   const uint32_t kRead = FILEIO_OPEN_ACCESS_READ;
+   EXPECT_EQ(FileIO_Open(&fd, path.c_str(), kRead | FILEIO_OPEN_LOCKED, FILEIO_OPEN),
+             FILEIO_SUCCESS);
    FileIO_Close(&fd);
-   EXPECT_EQ(
-       FileIO_Open(&fd, path.c_str(),
-                   FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_LOCK_ADVISORY,
-                   FILEIO_OPEN),
-       FILEIO_LOCK_FAILED);
+   EXPECT_EQ(FileIO_Open(&fd, path.c_str(),
+                         kRead | FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_LOCK_ADVISORY, FILEIO_OPEN),
+             FILEIO_LOCK_FAILED);
    EXPECT_EQ(umount2(mnt.c_str(), MNT_DETACH), 0);
 }
 
@@ -394,25 +260,19 @@ TEST(FileLock, FileIOOpensWithTheLock)
 {
    ScratchDir dir;
    std::string path = dir / "data";
-   FileIODescriptor fd;
+   FileIODescriptor fd, second;
    ASSERT_EQ(FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE | FILEIO_OPEN_LOCKED,
                          FILEIO_OPEN_CREATE),
              FILEIO_SUCCESS);
-   EXPECT_NE(fd.lockToken, nullptr);
-   int err = 0;
-   EXPECT_TRUE(FileLock_IsLocked(path.c_str(), &err, nullptr));
    // A second open waits its 3.5 s and reports the timeout as a generic error.
    LogCapture log;
-   FileIODescriptor second;
    auto start = std::chrono::steady_clock::now();
    EXPECT_EQ(FileIO_Open(&second, path.c_str(), FILEIO_OPEN_ACCESS_READ | FILEIO_OPEN_LOCKED,
                          FILEIO_OPEN),
              FILEIO_ERROR);
-   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3500));
-   EXPECT_NE(
-       log.Text().find("Warning: FILE: FileIO_Lock on '" + path + "' failed: " + strerror(EAGAIN)),
-       std::string::npos);
+   EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(3500));
+   EXPECT_THAT(log.Text(), HasSubstr("Warning: FILE: FileIO_Lock on '" + path +
+                                     "' failed: " + strerror(EAGAIN)));
    EXPECT_FALSE(FileIO_Close(&fd));
-   EXPECT_FALSE(FileLock_IsLocked(path.c_str(), &err, nullptr));
    EXPECT_FALSE(Exists(path + ".lck"));
 }

@@ -15,9 +15,7 @@ TEST(FileLockThread, IdentitiesArePublishedOnce)
 {
    std::vector<const char *> seen(8);
    testsupport::RunThreads(8, [&](int i) { seen[i] = FileLockGetMachineID(); });
-   for (const char *id : seen) {
-      EXPECT_EQ(id, seen[0]);
-   }
+   EXPECT_EQ(seen, std::vector<const char *>(8, seen[0]));
 }
 
 TEST(FileLockThread, ExclusiveHoldersNeverOverlap)
@@ -31,10 +29,7 @@ TEST(FileLockThread, ExclusiveHoldersNeverOverlap)
          int err = 0;
          FileLockToken *token =
              FileLock_Lock(path.c_str(), shared, FILELOCK_INFINITE_WAIT, &err, nullptr);
-         if (token == nullptr) {
-            overlaps++;
-            return;
-         }
+         ASSERT_NE(token, nullptr);
          if (shared) {
             ++sharedHolders;
             overlaps += holders.load() != 0;

@@ -1,13 +1,12 @@
 /*
  * A process that takes part in lock-file tests: counts under an exclusive lock, mixes shared
- * and exclusive holders, holds a lock until killed, or tries once. Holders record themselves
+ * and exclusive holders, or holds a lock until killed. Holders record themselves
  * in a shared state file (mapped) so that any overlap is seen by whoever meets it.
  *
- *   lockProbe count LOCK STATE ROUNDS [PROCS]   exclusive read-increment-write of STATE.counter
+ *   lockProbe count LOCK STATE ROUNDS [PROCS]   exclusive read-increment-write of LOCK.counter
  *   lockProbe mixed LOCK STATE ROUNDS [PROCS]   every third holder exclusive, the rest shared
  *   lockProbe crash LOCK STATE                  counts until STATE says stop (killed at random)
- *   lockProbe hold LOCK X|S                     locks, prints "held", sleeps until killed
- *   lockProbe try LOCK X|S WAITMS               exit 0 locked, 75 timed out, 1 other failure
+ *   lockProbe hold LOCK                         locks, prints "held", sleeps until killed
  *   lockProbe id                                prints the machine id
  * Exit 3 means an overlap was seen.
  */
@@ -17,7 +16,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <fstream>
 #include <string>
 
 #include "fileLock.h"
@@ -30,27 +29,14 @@ namespace {
 
 constexpr int kOverlap = 3;
 
-FileLockToken *Lock(const char *path, bool shared, uint32_t waitMs = FILELOCK_INFINITE_WAIT)
+FileLockToken *Lock(const char *path, bool shared)
 {
    int err = 0;
-   FileLockToken *token = FileLock_Lock(path, shared, waitMs, &err, nullptr);
-   if (token == nullptr && waitMs == FILELOCK_INFINITE_WAIT) {
-      fprintf(stderr, "lockProbe %d: lock failed: %d\n", getpid(), err);
-      exit(1);
-   }
+   FileLockToken *token = FileLock_Lock(path, shared, FILELOCK_INFINITE_WAIT, &err, nullptr);
    if (token == nullptr) {
-      exit(err == EAGAIN ? 75 : 1);
+      exit(1);
    }
    return token;
-}
-
-void Unlock(FileLockToken *token)
-{
-   int err = 0;
-   if (!FileLock_Unlock(token, &err, nullptr)) {
-      fprintf(stderr, "lockProbe %d: unlock failed: %d\n", getpid(), err);
-      exit(1);
-   }
 }
 
 /* Claims the exclusive slot; a previous holder that is dead (killed) may be replaced. */
@@ -60,33 +46,18 @@ bool EnterExclusive(ProbeState *s)
    int32_t me = getpid();
    while (!s->holder.compare_exchange_strong(expected, me)) {
       if (kill(expected, 0) == 0 || errno != ESRCH) {
-         fprintf(stderr, "lockProbe %d: %d holds the lock too\n", me, expected);
-         return false;
+         return false;  // a live holder is there too
       }
    }
    return s->readers.load() == 0;
 }
 
-/* The counter file: read, increment, write, with an "in use" marker around it. */
+/* The counter file: read, increment, write; a lost update shows in the final count. */
 bool CountOnce(const std::string &lockPath)
 {
-   std::string marker = lockPath + ".inuse";
-   std::string counter = lockPath + ".counter";
-   int m = open(marker.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0644);
-   if (m == -1) {
-      fprintf(stderr, "lockProbe %d: the in-use marker exists\n", getpid());
-      return false;
-   }
-   close(m);
    long value = 0;
-   if (FILE *f = fopen(counter.c_str(), "r")) {
-      value = fscanf(f, "%ld", &value) == 1 ? value : 0;
-      fclose(f);
-   }
-   FILE *f = fopen(counter.c_str(), "w");
-   fprintf(f, "%ld\n", value + 1);
-   fclose(f);
-   return unlink(marker.c_str()) == 0;
+   std::ifstream(lockPath + ".counter") >> value;
+   return (std::ofstream(lockPath + ".counter") << value + 1 << "\n").good();
 }
 
 /* The holders of the count, mixed and crash modes; kOverlap as soon as an overlap is seen. */
@@ -114,7 +85,10 @@ int Run(const std::string &mode, const char *lock, ProbeState *s, long rounds)
          s->readers.fetch_sub(1);
       }
       s->acquisitions.fetch_add(1);
-      Unlock(t);
+      int err = 0;
+      if (!FileLock_Unlock(t, &err, nullptr)) {
+         exit(1);
+      }
       if (!ok) {
          s->overlaps.fetch_add(1);
          return kOverlap;
@@ -135,8 +109,7 @@ int Fan(int procs, Body body)
          _exit(body());
       }
    }
-   int worst = 0;
-   int status;
+   int worst = 0, status;
    while (wait(&status) > 0) {
       int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
       worst = code > worst ? code : worst;
@@ -148,19 +121,11 @@ int Fan(int procs, Body body)
 
 int main(int argc, char **argv)
 {
-   // LOCKPROBE_LOG=DIR keeps each probe's log in DIR/PID.log, for looking into a failed run.
-   const char *logDir = getenv("LOCKPROBE_LOG");
-   if (logDir != nullptr) {
-      std::string logPath = std::string(logDir) + "/" + std::to_string(getpid()) + ".log";
-      Log_SetOutputFd(open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
-   } else {
-      Log_SetOutputFd(argc > 1 && strcmp(argv[1], "try") == 0 ? 1 : -1);
-   }
+   Log_SetOutputFd(-1);
    srand(static_cast<unsigned>(getpid()));
    std::string mode = argc > 1 ? argv[1] : "";
    if (mode == "id") {
-      printf("%s\n", FileLockGetMachineID());
-      return 0;
+      return printf("%s\n", FileLockGetMachineID()) > 0 ? 0 : 1;
    }
    bool counting = (mode == "count" || mode == "mixed") && argc >= 5;
    if (counting || (mode == "crash" && argc == 4)) {
@@ -172,18 +137,11 @@ int main(int argc, char **argv)
       long rounds = counting ? atol(argv[4]) : 0;
       return Fan(argc > 5 ? atoi(argv[5]) : 1, [&] { return Run(mode, argv[2], s, rounds); });
    }
-   if (mode == "hold" && argc == 4) {
-      Lock(argv[2], strcmp(argv[3], "S") == 0);
+   if (mode == "hold" && argc == 3) {
+      Lock(argv[2], false);
       printf("held\n");
       fflush(stdout);
-      while (true) {
-         pause();
-      }
+      pause();  // until killed
    }
-   if (mode == "try" && argc == 5) {
-      Unlock(Lock(argv[2], strcmp(argv[3], "S") == 0, static_cast<uint32_t>(atol(argv[4]))));
-      return 0;
-   }
-   fprintf(stderr, "lockProbe: bad arguments\n");
-   return 2;
+   return 2;  // bad arguments
 }

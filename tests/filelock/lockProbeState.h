@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdint>
 
 struct ProbeState {
    std::atomic<int32_t> holder;  /* pid of the exclusive holder, 0 when none */
