@@ -19,18 +19,15 @@ using cstest::Signer;
 const std::string kServicesDir = kRoot + "/Library/Application Support/Tesmar/Larkview/Services";
 const std::string kDaemon = "/Contents/Library/services/BRIX Services";
 const std::string kKext = "/Contents/Library/kexts/quillmod.kext";
+constexpr auto kOverwrite = fs::copy_options::overwrite_existing;
 
 // The nine files of the install table below the bundle's Contents/Library; each is signed with
 // its name (without ".sh"), the kext with its bundle identifier.
-const char *kFiles[] = {"tesmar-id",
-                        "tesmar-usbgate",
-                        "productInfo",
-                        "kexts/quillmod.kext",
-                        "services/BRIX Services",
-                        "services/services.sh",
-                        "services/Open Tesmar USB Gate Service",
-                        "services/Tesmar USB Gate Service",
-                        "services/usbGateService.sh"};
+// clang-format off
+const char *kFiles[] = {"tesmar-id", "tesmar-usbgate", "productInfo", "kexts/quillmod.kext",
+   "services/BRIX Services", "services/services.sh", "services/Open Tesmar USB Gate Service",
+   "services/Tesmar USB Gate Service", "services/usbGateService.sh"};
+// clang-format on
 
 class InstallE2e : public OpenerE2e {
   public:
@@ -81,104 +78,82 @@ TEST_F(InstallE2e, InstallsAVerifiedRootOwnedCopyAndStartsTheDaemonFromIt)
    EXPECT_EQ(ProcessesRunning(kDaemonPath).size(), 1u);
    EXPECT_TRUE(ProcessesRunning(app_ + kDaemon).empty());
    EXPECT_FALSE(fs::exists(kServicesDir + "/stale"));
+   auto rootsWithMode = [](const std::string &path, mode_t mode) {
+      struct stat st;
+      return lstat(path.c_str(), &st) == 0 && st.st_uid == 0 && st.st_gid == 0 &&
+             (st.st_mode & 07777) == mode;
+   };
    for (const char *file : kFiles) {
       std::string dst = kServicesDir + "/Contents/Library/" + file;
-      struct stat st;
-      mode_t want = dst.ends_with("productInfo") ? 0644 : 0755;
-      EXPECT_TRUE(lstat(dst.c_str(), &st) == 0 && st.st_uid == 0 && st.st_gid == 0 &&
-                  (st.st_mode & 07777) == want)
-          << dst;
+      EXPECT_TRUE(rootsWithMode(dst, dst.ends_with("productInfo") ? 0644 : 0755)) << dst;
       EXPECT_EQ(cstest::Check(dst, nullptr, true), CODESIGN_OK) << dst;
+   }
+   for (const char *dir : {"", "/Contents", "/Contents/Library", "/Contents/Library/kexts",
+                           "/Contents/Library/services"}) {
+      EXPECT_TRUE(rootsWithMode(kServicesDir + dir, 0755)) << dir;
    }
    EXPECT_EQ(ReadFile(kDaemonPath), ReadFile(app_ + kDaemon));
    EXPECT_EQ(fs::read_symlink(kServicesDir + kKext + "/Contents/current"), "MacOS/quillmod");
-   for (const char *dir : {"", "/Contents", "/Contents/Library", "/Contents/Library/kexts",
-                           "/Contents/Library/services"}) {
-      struct stat st;
-      EXPECT_TRUE(stat((kServicesDir + dir).c_str(), &st) == 0 && st.st_uid == 0 &&
-                  (st.st_mode & 07777) == 0755)
-          << dir;
-   }
    // A running daemon is found again; the bundle is not read.
    cstest::WriteFile(app_ + kDaemon, "tampered after the start");
    EXPECT_EQ(Run(&output), 0) << output;
 }
 
-// Each case spoils a freshly signed bundle; the opener exits 1 and no daemon runs. A damaged
-// signature of the daemon is logged with code 7.
+// Each case spoils a freshly signed bundle; the opener exits 1 and no daemon runs.
 TEST_F(InstallE2e, RefusesEveryBadBundle)
 {
    using Bytes = std::string &;
-   auto edit = [](const std::string &relative, std::function<void(Bytes)> change) {
-      return [=](const std::string &app) { cstest::Edit(app + relative, change); };
+   using S = const std::string &;
+   auto edit = [](std::function<void(Bytes)> change) {
+      return [=](S app) { cstest::Edit(app + kDaemon, change); };
    };
    auto sign = [](const char *identifier, Signer signer) {
-      return [=](const std::string &app) { cstest::Sign(app + kDaemon, identifier, signer); };
+      return [=](S app) { cstest::Sign(app + kDaemon, identifier, signer); };
    };
-   auto own = [](const std::string &relative, uid_t uid, gid_t gid) {
-      return
-          [=](const std::string &app) { ASSERT_EQ(lchown((app + relative).c_str(), uid, gid), 0); };
+   auto own = [](S relative, uid_t uid, gid_t gid) {
+      return [=](S app) { ASSERT_EQ(lchown((app + relative).c_str(), uid, gid), 0); };
    };
-   auto write = [](const std::string &relative, const char *text, mode_t mode = 0644) {
-      return [=](const std::string &app) { cstest::WriteFile(app + relative, text, mode); };
+   auto write = [](S relative, const char *text, mode_t mode = 0644) {
+      return [=](S app) { cstest::WriteFile(app + relative, text, mode); };
    };
-   const size_t kTrailer = CODESIGN_INFO_LEN + CODESIGN_MARKER_LEN;
-   const std::string kMacOS = kKext + "/Contents/MacOS";
-   const struct {
-      const char *name;
-      std::function<void(const std::string &)> spoil;
-      bool logsCodeSeven;
-   } cases[] = {
-       {"unsigned daemon",
-        [](const std::string &app) {
-           fs::remove(app + kDaemon);
-           fs::copy_file(E2E_SERVICES, app + kDaemon);
-        },
-        true},
-       {"one byte changed after signing", edit(kDaemon, [](Bytes b) { b[64] ^= 1; }), true},
-       {"wrong identifier", sign("tesmar-id", Signer::kMaker), true},
-       {"untrusted CA", sign("BRIX Services", Signer::kUntrusted), true},
-       {"leaf without the maker's name", sign("BRIX Services", Signer::kForeign), true},
-       {"truncated blob", edit(kDaemon, [&](Bytes b) { b.erase(b.size() - kTrailer - 1, 1); }),
-        true},
-       {"oversized blob length",
-        edit(kDaemon, [](Bytes b) { b[b.size() - CODESIGN_MARKER_LEN - 4] ^= 1; }), true},
-       {"length pointing outside the file",
-        edit(kDaemon, [](Bytes b) { b[b.size() - CODESIGN_MARKER_LEN - 3] ^= 1; }), true},
-       {"daemon owned by a user", own(kDaemon, kNobody, 0), false},
-       {"daemon group not root", own(kDaemon, 0, kNobody), false},
-       {"symbolic link to a signed daemon",
-        [](const std::string &app) {
-           fs::rename(app + kDaemon, app + "/real");
-           fs::create_symlink(app + "/real", app + kDaemon);
-        },
-        false},
-       {"kext file omitted",
-        [&](const std::string &app) { fs::remove(app + kMacOS + "/quillmod"); }, false},
-       {"kext file added", write(kMacOS + "/extra", "x"), false},
-       {"kext file altered", write(kMacOS + "/quillmod", "x", 0755), false},
-       {"kext entry owned by a user", own(kKext + "/Contents/current", kNobody, 0), false},
-       {"kext without identifier",
-        write(kKext + "/Contents/Info.plist", "<plist version=\"1.0\"><dict/></plist>"), false},
-       {"companion file unsigned", write("/Contents/Library/tesmar-id", "#!/bin/sh\n", 0755),
-        false},
+   const size_t kMarker = CODESIGN_MARKER_LEN, kTrailer = CODESIGN_INFO_LEN + kMarker;
+   const std::string kMacOS = kKext + "/Contents/MacOS", kLink = kKext + "/Contents/current";
+   // The first eight damage the daemon's signature, which is logged with code 7.
+   // clang-format off
+   const std::pair<const char *, std::function<void(S)>> cases[] = {
+       {"unsigned daemon", [](S a) { fs::copy_file(E2E_SERVICES, a + kDaemon, kOverwrite); }},
+       {"one byte changed after signing", edit([](Bytes b) { b[64] ^= 1; })},
+       {"wrong identifier", sign("tesmar-id", Signer::kMaker)},
+       {"untrusted CA", sign("BRIX Services", Signer::kUntrusted)},
+       {"leaf without the maker's name", sign("BRIX Services", Signer::kForeign)},
+       {"truncated blob", edit([&](Bytes b) { b.erase(b.size() - kTrailer - 1, 1); })},
+       {"oversized blob length", edit([&](Bytes b) { b[b.size() - kMarker - 4] ^= 1; })},
+       {"length outside the file", edit([&](Bytes b) { b[b.size() - kMarker - 3] ^= 1; })},
+       {"daemon owned by a user", own(kDaemon, kNobody, 0)},
+       {"daemon group not root", own(kDaemon, 0, kNobody)},
+       {"symbolic link to a signed daemon", [](S a) {
+          fs::rename(a + kDaemon, a + "/real"); fs::create_symlink(a + "/real", a + kDaemon); }},
+       {"kext file omitted", [&](S a) { fs::remove(a + kMacOS + "/quillmod"); }},
+       {"kext file added", write(kMacOS + "/extra", "x")},
+       {"kext file altered", write(kMacOS + "/quillmod", "x", 0755)},
+       {"kext entry owned by a user", own(kLink, kNobody, 0)},
+       {"kext without identifier", write(kKext + "/Contents/Info.plist", "<plist><dict/></plist>")},
+       {"companion file unsigned", write("/Contents/Library/tesmar-id", "#!/bin/sh\n", 0755)},
    };
-   for (const auto &c : cases) {
-      SCOPED_TRACE(c.name);
-      StopAll(kDaemonPath);
-      fs::remove_all(app_ + "/real");
+   // clang-format on
+   for (size_t i = 0; i < std::size(cases); i++) {
+      auto &[name, spoil] = cases[i];
+      SCOPED_TRACE(name);
       MakeBundle();
-      c.spoil(app_);
+      spoil(app_);
       std::string output;
       EXPECT_EQ(Run(&output), 1) << output;
-      for (const std::string &path : {kDaemonPath, app_ + kDaemon, app_ + "/real"}) {
-         EXPECT_TRUE(ProcessesRunning(path).empty()) << path;
-      }
-      if (c.logsCodeSeven) {
-         EXPECT_NE(output.find("PrivilegedHelper: Failed to verify the code signature of " + app_ +
-                               kDaemon + " due to 7"),
-                   std::string::npos)
-             << output;
+      EXPECT_TRUE(ProcessesRunning(kDaemonPath).empty() &&
+                  ProcessesRunning(app_ + kDaemon).empty() &&
+                  ProcessesRunning(app_ + "/real").empty());
+      if (i < 8) {
+         EXPECT_THAT(output, HasSubstr("PrivilegedHelper: Failed to verify the code signature of " +
+                                       app_ + kDaemon + " due to 7"));
       }
    }
 }
