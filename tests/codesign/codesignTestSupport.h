@@ -24,14 +24,11 @@ enum class Signer { kMaker, kForeign, kUntrusted };
 inline bool Sign(const std::string &path, const std::string &identifier,
                  Signer signer = Signer::kMaker)
 {
-   const char *name = signer == Signer::kMaker     ? "leaf"
-                      : signer == Signer::kForeign ? "foreign"
-                                                   : "untrusted";
-   std::string cert = kPki + "/" + name + ".pem";
-   std::string key = kPki + "/" + name + ".key";
+   const char *names[] = {"leaf", "foreign", "untrusted"};
+   std::string base = kPki + "/" + names[(int)signer];
    char error[256];
-   bool ok = CodeSign_Sign(path.c_str(), identifier.c_str(), cert.c_str(), key.c_str(), nullptr,
-                           error, sizeof error);
+   bool ok = CodeSign_Sign(path.c_str(), identifier.c_str(), (base + ".pem").c_str(),
+                           (base + ".key").c_str(), nullptr, error, sizeof error);
    if (!ok) {
       fprintf(stderr, "sign %s: %s\n", path.c_str(), error);
    }

@@ -23,22 +23,21 @@ TEST(OpenerCheck, LogsTheCodeOfTheFailingStep)
    std::string good = dir / "BRIX Services";
    WriteFile(good, "daemon", 0755);
    ASSERT_TRUE(Sign(good, "BRIX Services"));
-   WriteFile(dir / "unsigned", "daemon");
    std::string longPath = dir.Path() + "/" + std::string(PATH_MAX, 'a');
+   // The code (0: passes without a message); the opener's refusals with code 7 are checked
+   // through its installation.
    const struct {
       std::string path;
       const char *identifier;
-      int code;  // 0: passes without a message
+      int code;
    } cases[] = {
        {good, "BRIX Services", 0},
-       {std::string("/tmp/\xff\xfe"), "BRIX Services", 1},
-       {std::string("/tmp/\xed\xa0\x80"), "BRIX Services", 1},  // an encoded surrogate
+       {"/tmp/\xff\xfe", "BRIX Services", 1},
+       {"/tmp/\xed\xa0\x80", "BRIX Services", 1},  // an encoded surrogate
        {longPath, "BRIX Services", 2},
        {dir / "missing", "BRIX Services", 3},
        {dir.Path(), "BRIX Services", 3},  // a directory that is no bundle
        {good, "bad \" quote", 6},
-       {dir / "unsigned", "BRIX Services", 7},
-       {good, "tesmar-id", 7},
    };
    for (const auto &c : cases) {
       testsupport::LogCapture log;
@@ -69,16 +68,11 @@ TEST(OpenerCheck, BundleIdentifierReportsWhyItIsMissing)
    for (const auto &c : cases) {
       testsupport::LogCapture log;
       char *id = CoreFoundationUtils_GetBundleIdentifier(c.path.c_str());
-      if (c.code == 0) {
-         ASSERT_NE(id, nullptr);
-         EXPECT_STREQ(id, "com.tesmar.quillmod");
-         EXPECT_EQ(log.Text(), "");
-      } else {
-         EXPECT_EQ(id, nullptr);
-         EXPECT_EQ(log.Text(), "CoreFoundationUtils: Failed to get bundle identifier for " +
-                                   c.path + " due to (" + std::to_string(c.code) + ").\n");
-      }
-      free(id);
+      EXPECT_EQ(testsupport::Take(id), c.code == 0 ? "com.tesmar.quillmod" : "(null)") << c.path;
+      EXPECT_EQ(log.Text(), c.code == 0
+                                ? ""
+                                : "CoreFoundationUtils: Failed to get bundle identifier for " +
+                                      c.path + " due to (" + std::to_string(c.code) + ").\n");
    }
 }
 

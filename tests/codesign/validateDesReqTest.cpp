@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -17,33 +18,39 @@ const std::string kDesReq =
     "anchor apple generic and anchor trusted and cert leaf[subject.CN] = *\"Tesmar, Inc.\"*";
 
 struct SafeCopy {
+   SafeCopy(const std::string &srcDir, std::vector<const char *> names)
+   {
+      testsupport::LogCapture capture;
+      ok = FileMacOSValidateDesReq(srcDir.c_str(), names.data(), names.size(), &dir);
+      log = capture.Text();
+   }
+   ~SafeCopy() { free(dir); }
    bool ok;
    char *dir = nullptr;
    std::string log;
-   ~SafeCopy() { free(dir); }
 };
 
-void SafeRun(SafeCopy &out, const std::string &srcDir, std::vector<const char *> names)
+// Source files named by what they are: "one" and "two" signed by the maker, the others spoiled.
+void MakeSources(const testsupport::ScratchDir &src)
 {
-   testsupport::LogCapture log;
-   out.ok = FileMacOSValidateDesReq(srcDir.c_str(), names.data(), names.size(), &out.dir);
-   out.log = log.Text();
+   for (auto [name, signer] : {std::pair{"one", Signer::kMaker},
+                               {"two", Signer::kMaker},
+                               {"foreign", Signer::kForeign},
+                               {"untrusted", Signer::kUntrusted}}) {
+      WriteFile(src / name, std::string("tool ") + name, 0755);
+      ASSERT_TRUE(Sign(src / name, name, signer));
+   }
+   WriteFile(src / "unsigned", "plain", 0755);
 }
 
 TEST(ValidateDesReq, CopiesAndValidatesEveryFileIntoAFreshOwnerOnlyDirectory)
 {
    testsupport::ScratchDir src;
-   for (const char *name : {"one", "two"}) {
-      WriteFile(src / name, std::string("tool ") + name, 0755);
-      ASSERT_TRUE(Sign(src / name, name));
-   }
-   SafeCopy copy;
-   SafeRun(copy, src.Path(), {"one", "two"});
-   ASSERT_TRUE(copy.ok) << copy.log;
-   ASSERT_NE(copy.dir, nullptr);
+   MakeSources(src);
+   SafeCopy copy(src.Path(), {"one", "two"});
+   ASSERT_TRUE(copy.ok && copy.dir != nullptr) << copy.log;
    struct stat st;
-   ASSERT_EQ(stat(copy.dir, &st), 0);
-   EXPECT_EQ(st.st_mode & 0777, 0700u);
+   EXPECT_TRUE(stat(copy.dir, &st) == 0 && (st.st_mode & 0777) == 0700);
    EXPECT_NE(std::string(copy.dir).find("safeDir" + std::to_string(getpid())), std::string::npos);
    for (const char *name : {"one", "two"}) {
       std::string dst = std::string(copy.dir) + "/" + name;
@@ -52,12 +59,8 @@ TEST(ValidateDesReq, CopiesAndValidatesEveryFileIntoAFreshOwnerOnlyDirectory)
                               "\" for file \"" + dst + "\""),
                 std::string::npos);
    }
-
-   SafeCopy none;
-   SafeRun(none, src.Path(), {});
-   EXPECT_TRUE(none.ok);
-   EXPECT_NE(none.dir, nullptr);
-   EXPECT_STRNE(none.dir, copy.dir);
+   SafeCopy none(src.Path(), {});
+   EXPECT_TRUE(none.ok && none.dir != nullptr && strcmp(none.dir, copy.dir) != 0);
    std::filesystem::remove_all(copy.dir);
    std::filesystem::remove_all(none.dir);
 }
@@ -65,29 +68,14 @@ TEST(ValidateDesReq, CopiesAndValidatesEveryFileIntoAFreshOwnerOnlyDirectory)
 TEST(ValidateDesReq, FirstFailureEndsWithNoDirectoryAndSaysWhy)
 {
    testsupport::ScratchDir src;
-   WriteFile(src / "good", "good", 0755);
-   ASSERT_TRUE(Sign(src / "good", "good"));
-   WriteFile(src / "unsigned", "plain", 0755);
-   WriteFile(src / "foreign", "foreign", 0755);
-   ASSERT_TRUE(Sign(src / "foreign", "foreign", Signer::kForeign));
-   WriteFile(src / "untrusted", "untrusted", 0755);
-   ASSERT_TRUE(Sign(src / "untrusted", "untrusted", Signer::kUntrusted));
-   const struct {
-      const char *bad;
-      std::string says;
-   } cases[] = {
-       {"missing", "FILE: File_Copy failed, from \"" + src / "missing" + "\""},
-       {"unsigned", "SecStaticCodeCheckValidity for file"},
-       {"foreign", "SecStaticCodeCheckValidity for file"},
-       {"untrusted", "SecStaticCodeCheckValidity for file"},
-   };
-   for (const auto &c : cases) {
-      SafeCopy copy;
-      SafeRun(copy, src.Path(), {"good", c.bad, "good"});
-      EXPECT_FALSE(copy.ok) << c.bad;
-      EXPECT_EQ(copy.dir, nullptr) << c.bad;
-      EXPECT_NE(copy.log.find(c.says), std::string::npos) << c.bad << ": " << copy.log;
-      if (std::string(c.bad) != "missing") {
+   MakeSources(src);
+   for (const char *bad : {"missing", "unsigned", "foreign", "untrusted"}) {
+      SafeCopy copy(src.Path(), {"one", bad, "two"});
+      EXPECT_TRUE(!copy.ok && copy.dir == nullptr) << bad;
+      std::string says = *bad == 'm' ? "FILE: File_Copy failed, from \"" + src / "missing" + "\""
+                                     : "SecStaticCodeCheckValidity for file";
+      EXPECT_NE(copy.log.find(says), std::string::npos) << bad << ": " << copy.log;
+      if (*bad != 'm') {
          EXPECT_NE(copy.log.find("FILE: Failed to validate designated requirements \"" + kDesReq),
                    std::string::npos)
              << copy.log;

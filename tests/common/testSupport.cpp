@@ -29,9 +29,7 @@ namespace testsupport {
 LogCapture::LogCapture()
     : fd_(memfd_create("log-capture", MFD_CLOEXEC)), previousFd_(Log_GetOutputFd())
 {
-   if (fd_ < 0) {
-      ADD_FAILURE() << "memfd_create failed";
-   }
+   EXPECT_GE(fd_, 0) << "memfd_create failed";
    Log_SetOutputFd(fd_);
 }
 
@@ -43,15 +41,7 @@ LogCapture::~LogCapture()
 
 std::string LogCapture::Raw() const
 {
-   std::string text;
-   char chunk[4096];
-   off_t offset = 0;
-   ssize_t n;
-   while ((n = pread(fd_, chunk, sizeof chunk, offset)) > 0) {
-      text.append(chunk, (size_t)n);
-      offset += n;
-   }
-   return text;
+   return ReadFile("/proc/self/fd/" + std::to_string(fd_));  // a fresh read from the start
 }
 
 std::string LogCapture::Text() const
@@ -61,9 +51,7 @@ std::string LogCapture::Text() const
 
 void LogCapture::Clear()
 {
-   if (ftruncate(fd_, 0) != 0 || lseek(fd_, 0, SEEK_SET) != 0) {
-      ADD_FAILURE() << "cannot clear the log capture";
-   }
+   EXPECT_TRUE(ftruncate(fd_, 0) == 0 && lseek(fd_, 0, SEEK_SET) == 0) << "cannot clear the log";
 }
 
 std::string StripStamps(const std::string &text)
@@ -75,12 +63,8 @@ std::string StripStamps(const std::string &text)
 ScratchDir::ScratchDir()
 {
    const char *tmp = getenv("TMPDIR");
-   std::string pattern =
-       std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tesmar-test-XXXXXX";
-   if (mkdtemp(pattern.data()) == nullptr) {
-      ADD_FAILURE() << "mkdtemp failed";
-   }
-   path_ = pattern;
+   path_ = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/tesmar-test-XXXXXX";
+   EXPECT_NE(mkdtemp(path_.data()), nullptr);
 }
 
 ScratchDir::~ScratchDir()
@@ -141,14 +125,8 @@ bool Exists(const std::string &path)
 
 std::string RegexQuote(const std::string &text)
 {
-   std::string quoted;
-   for (char c : text) {
-      if (std::string_view("\\^$.|?*+()[]{}").find(c) != std::string_view::npos) {
-         quoted += '\\';
-      }
-      quoted += c;
-   }
-   return quoted;
+   static const std::regex meta(R"([\\^$.|?*+()[\]{}])");
+   return std::regex_replace(text, meta, R"(\$&)");
 }
 
 }  // namespace testsupport

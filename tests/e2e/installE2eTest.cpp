@@ -16,24 +16,17 @@ namespace {
 using cstest::Signer;
 
 const std::string kServicesDir = kRoot + "/Library/Application Support/Tesmar/Larkview/Services";
+const std::string kDaemon = "/Contents/Library/services/BRIX Services";
+const std::string kKext = "/Contents/Library/kexts/quillmod.kext";
+constexpr auto kOverwrite = fs::copy_options::overwrite_existing;
 
-struct BundleFile {
-   const char *relative;
-   const char *identifier;
-};
-
-// The nine files of the install table, below the bundle root.
-const BundleFile kFiles[] = {
-    {"/Contents/Library/tesmar-id", "tesmar-id"},
-    {"/Contents/Library/tesmar-usbgate", "tesmar-usbgate"},
-    {"/Contents/Library/productInfo", "productInfo"},
-    {"/Contents/Library/kexts/quillmod.kext", "com.tesmar.quillmod"},
-    {"/Contents/Library/services/BRIX Services", "BRIX Services"},
-    {"/Contents/Library/services/services.sh", "services"},
-    {"/Contents/Library/services/Open Tesmar USB Gate Service", "Open Tesmar USB Gate Service"},
-    {"/Contents/Library/services/Tesmar USB Gate Service", "Tesmar USB Gate Service"},
-    {"/Contents/Library/services/usbGateService.sh", "usbGateService"},
-};
+// The nine files of the install table below the bundle's Contents/Library; each is signed with
+// its name (without ".sh"), the kext with its bundle identifier.
+// clang-format off
+const char *kFiles[] = {"tesmar-id", "tesmar-usbgate", "productInfo", "kexts/quillmod.kext",
+   "services/BRIX Services", "services/services.sh", "services/Open Tesmar USB Gate Service",
+   "services/Tesmar USB Gate Service", "services/usbGateService.sh"};
+// clang-format on
 
 class InstallE2e : public OpenerE2e {
   public:
@@ -47,36 +40,30 @@ class InstallE2e : public OpenerE2e {
       MakeBundle();
    }
 
-   std::string Src(const char *relative) const { return app_ + relative; }
-   std::string BundleDaemon() const { return Src("/Contents/Library/services/BRIX Services"); }
-   std::string Kext(const char *relative) const
-   {
-      return Src("/Contents/Library/kexts/quillmod.kext") + relative;
-   }
-
+   // Every file of the bundle, freshly made and signed.
    void MakeBundle()
    {
-      for (const BundleFile &file : kFiles) {
-         std::string path = Src(file.relative);
+      for (std::string relative : kFiles) {
+         relative = "/Contents/Library/" + relative;
+         std::string path = app_ + relative;
+         std::string identifier =
+             relative == kKext ? "com.tesmar.quillmod" : fs::path(relative).stem().string();
          fs::remove_all(path);
-         if (strstr(file.relative, ".kext") != nullptr) {
-            cstest::MakeBundle(path, file.identifier);
-         } else if (strstr(file.relative, "BRIX Services") != nullptr) {
+         if (relative == kKext) {
+            cstest::MakeBundle(path, identifier);
+         } else if (relative == kDaemon) {
             fs::copy_file(E2E_SERVICES, path);
          } else {
-            cstest::WriteFile(path, std::string("#!/bin/sh\n# ") + file.identifier + "\n", 0700);
+            cstest::WriteFile(path, std::string("#!/bin/sh\n# ") + identifier + "\n", 0700);
          }
-         ASSERT_TRUE(cstest::Sign(path, file.identifier)) << path;
+         ASSERT_TRUE(cstest::Sign(path, identifier)) << path;
       }
    }
 
    // One descriptor-mode hand-over by nobody; its status, its output in *output.
    int Run(std::string *output, const RunOptions &options = {})
    {
-      int out = OpenOutput();
-      int status = HandOver(out, options, output);
-      close(out);
-      return status;
+      return HandOver(options, output);
    }
 
    std::string app_;
@@ -87,33 +74,27 @@ TEST_F(InstallE2e, InstallsAVerifiedRootOwnedCopyAndStartsTheDaemonFromIt)
    cstest::WriteFile(kServicesDir + "/stale", "left from an older version");
    std::string output;
    ASSERT_EQ(Run(&output), 0) << output;
-   std::vector<pid_t> daemons = ProcessesRunning(kDaemonPath);
-   ASSERT_EQ(daemons.size(), 1u);
-   EXPECT_TRUE(ProcessesRunning(BundleDaemon()).empty());
+   EXPECT_EQ(ProcessesRunning(kDaemonPath).size(), 1u);
+   EXPECT_TRUE(ProcessesRunning(app_ + kDaemon).empty());
    EXPECT_FALSE(fs::exists(kServicesDir + "/stale"));
-
-   for (const BundleFile &file : kFiles) {
-      std::string dst = kServicesDir + file.relative;
+   auto rootsWithMode = [](const std::string &path, mode_t mode) {
       struct stat st;
-      ASSERT_EQ(lstat(dst.c_str(), &st), 0) << dst;
-      EXPECT_EQ(st.st_uid, 0u) << dst;
-      EXPECT_EQ(st.st_gid, 0u) << dst;
-      mode_t want = strstr(file.relative, "productInfo") ? 0644 : 0755;
-      EXPECT_EQ(st.st_mode & 07777, want) << dst;
+      return lstat(path.c_str(), &st) == 0 && st.st_uid == 0 && st.st_gid == 0 &&
+             (st.st_mode & 07777) == mode;
+   };
+   for (const char *file : kFiles) {
+      std::string dst = kServicesDir + "/Contents/Library/" + file;
+      EXPECT_TRUE(rootsWithMode(dst, dst.ends_with("productInfo") ? 0644 : 0755)) << dst;
       EXPECT_EQ(cstest::Check(dst, nullptr, true), CODESIGN_OK) << dst;
    }
-   EXPECT_EQ(cstest::ReadFile(kDaemonPath), cstest::ReadFile(BundleDaemon()));
-   EXPECT_EQ(Readlink(kServicesDir + "/Contents/Library/kexts/quillmod.kext/Contents/current"),
-             "MacOS/quillmod");
    for (const char *dir : {"", "/Contents", "/Contents/Library", "/Contents/Library/kexts",
                            "/Contents/Library/services"}) {
-      struct stat st;
-      ASSERT_EQ(stat((kServicesDir + dir).c_str(), &st), 0);
-      EXPECT_EQ(st.st_mode & 07777, 0755u) << dir;
-      EXPECT_EQ(st.st_uid, 0u) << dir;
+      EXPECT_TRUE(rootsWithMode(kServicesDir + dir, 0755)) << dir;
    }
+   EXPECT_EQ(ReadFile(kDaemonPath), ReadFile(app_ + kDaemon));
+   EXPECT_EQ(fs::read_symlink(kServicesDir + kKext + "/Contents/current"), "MacOS/quillmod");
    // A running daemon is found again; the bundle is not read.
-   cstest::WriteFile(BundleDaemon(), "tampered after the start");
+   cstest::WriteFile(app_ + kDaemon, "tampered after the start");
    EXPECT_EQ(Run(&output), 0) << output;
 }
 
@@ -121,91 +102,57 @@ TEST_F(InstallE2e, InstallsAVerifiedRootOwnedCopyAndStartsTheDaemonFromIt)
 TEST_F(InstallE2e, RefusesEveryBadBundle)
 {
    using Bytes = std::string &;
-   auto flipByte = [](const std::string &path, size_t fromEnd) {
-      cstest::Edit(path, [&](Bytes b) { b[b.size() - fromEnd] ^= 1; });
+   using S = const std::string &;
+   auto edit = [](std::function<void(Bytes)> change) {
+      return [=](S app) { cstest::Edit(app + kDaemon, change); };
    };
-   const struct {
-      const char *name;
-      std::function<void(InstallE2e &)> spoil;
-      bool logsCodeSeven;  // of the bundle's daemon
-   } cases[] = {
-       {"unsigned daemon",
-        [](InstallE2e &t) {
-           fs::remove(t.BundleDaemon());
-           fs::copy_file(E2E_SERVICES, t.BundleDaemon());
-        },
-        true},
-       {"one byte changed after signing",
-        [](InstallE2e &t) { cstest::Edit(t.BundleDaemon(), [](Bytes b) { b[64] ^= 1; }); }, true},
-       {"wrong identifier", [](InstallE2e &t) { cstest::Sign(t.BundleDaemon(), "tesmar-id"); },
-        true},
-       {"untrusted CA",
-        [](InstallE2e &t) { cstest::Sign(t.BundleDaemon(), "BRIX Services", Signer::kUntrusted); },
-        true},
-       {"leaf without the maker's name",
-        [](InstallE2e &t) { cstest::Sign(t.BundleDaemon(), "BRIX Services", Signer::kForeign); },
-        true},
-       {"truncated blob",
-        [](InstallE2e &t) {
-           cstest::Edit(t.BundleDaemon(), [](Bytes b) {
-              b.erase(b.size() - CODESIGN_INFO_LEN - CODESIGN_MARKER_LEN - 1, 1);
-           });
-        },
-        true},
-       {"oversized blob length",
-        [&](InstallE2e &t) { flipByte(t.BundleDaemon(), CODESIGN_MARKER_LEN + 4); }, true},
-       {"length pointing outside the file",
-        [&](InstallE2e &t) { flipByte(t.BundleDaemon(), CODESIGN_MARKER_LEN + 3); }, true},
-       {"daemon owned by a user",
-        [](InstallE2e &t) { ASSERT_EQ(chown(t.BundleDaemon().c_str(), kNobody, 0), 0); }, false},
-       {"daemon group not root",
-        [](InstallE2e &t) { ASSERT_EQ(chown(t.BundleDaemon().c_str(), 0, kNobody), 0); }, false},
-       {"symbolic link to a signed daemon",
-        [](InstallE2e &t) {
-           fs::rename(t.BundleDaemon(), t.app_ + "/real");
-           fs::create_symlink(t.app_ + "/real", t.BundleDaemon());
-        },
-        false},
-       {"kext file omitted", [](InstallE2e &t) { fs::remove(t.Kext("/Contents/MacOS/quillmod")); },
-        false},
-       {"kext file added",
-        [](InstallE2e &t) { cstest::WriteFile(t.Kext("/Contents/MacOS/extra"), "x"); }, false},
-       {"kext file altered",
-        [](InstallE2e &t) { cstest::WriteFile(t.Kext("/Contents/MacOS/quillmod"), "x", 0755); },
-        false},
-       {"kext entry owned by a user",
-        [](InstallE2e &t) {
-           ASSERT_EQ(lchown(t.Kext("/Contents/current").c_str(), kNobody, 0), 0);
-        },
-        false},
-       {"kext without identifier",
-        [](InstallE2e &t) {
-           cstest::WriteFile(t.Kext("/Contents/Info.plist"),
-                             "<plist version=\"1.0\"><dict/></plist>");
-        },
-        false},
-       {"companion file unsigned",
-        [](InstallE2e &t) {
-           cstest::WriteFile(t.Src("/Contents/Library/tesmar-id"), "#!/bin/sh\n", 0755);
-        },
-        false},
+   auto sign = [](const char *identifier, Signer signer) {
+      return [=](S app) { cstest::Sign(app + kDaemon, identifier, signer); };
    };
-   for (const auto &c : cases) {
-      SCOPED_TRACE(c.name);
-      StopAll(kDaemonPath);
-      fs::remove_all(app_ + "/real");
+   auto own = [](S relative, uid_t uid, gid_t gid) {
+      return [=](S app) { ASSERT_EQ(lchown((app + relative).c_str(), uid, gid), 0); };
+   };
+   auto write = [](S relative, const char *text, mode_t mode = 0644) {
+      return [=](S app) { cstest::WriteFile(app + relative, text, mode); };
+   };
+   const size_t kMarker = CODESIGN_MARKER_LEN, kTrailer = CODESIGN_INFO_LEN + kMarker;
+   const std::string kMacOS = kKext + "/Contents/MacOS", kLink = kKext + "/Contents/current";
+   // The first eight damage the daemon's signature, which is logged with code 7.
+   // clang-format off
+   const std::pair<const char *, std::function<void(S)>> cases[] = {
+       {"unsigned daemon", [](S a) { fs::copy_file(E2E_SERVICES, a + kDaemon, kOverwrite); }},
+       {"one byte changed after signing", edit([](Bytes b) { b[64] ^= 1; })},
+       {"wrong identifier", sign("tesmar-id", Signer::kMaker)},
+       {"untrusted CA", sign("BRIX Services", Signer::kUntrusted)},
+       {"leaf without the maker's name", sign("BRIX Services", Signer::kForeign)},
+       {"truncated blob", edit([&](Bytes b) { b.erase(b.size() - kTrailer - 1, 1); })},
+       {"oversized blob length", edit([&](Bytes b) { b[b.size() - kMarker - 4] ^= 1; })},
+       {"length outside the file", edit([&](Bytes b) { b[b.size() - kMarker - 3] ^= 1; })},
+       {"daemon owned by a user", own(kDaemon, kNobody, 0)},
+       {"daemon group not root", own(kDaemon, 0, kNobody)},
+       {"symbolic link to a signed daemon", [](S a) {
+          fs::rename(a + kDaemon, a + "/real"); fs::create_symlink(a + "/real", a + kDaemon); }},
+       {"kext file omitted", [&](S a) { fs::remove(a + kMacOS + "/quillmod"); }},
+       {"kext file added", write(kMacOS + "/extra", "x")},
+       {"kext file altered", write(kMacOS + "/quillmod", "x", 0755)},
+       {"kext entry owned by a user", own(kLink, kNobody, 0)},
+       {"kext without identifier", write(kKext + "/Contents/Info.plist", "<plist><dict/></plist>")},
+       {"companion file unsigned", write("/Contents/Library/tesmar-id", "#!/bin/sh\n", 0755)},
+   };
+   // clang-format on
+   for (size_t i = 0; i < std::size(cases); i++) {
+      auto &[name, spoil] = cases[i];
+      SCOPED_TRACE(name);
       MakeBundle();
-      c.spoil(*this);
+      spoil(app_);
       std::string output;
       EXPECT_EQ(Run(&output), 1) << output;
-      EXPECT_TRUE(ProcessesRunning(kDaemonPath).empty());
-      EXPECT_TRUE(ProcessesRunning(BundleDaemon()).empty());
-      EXPECT_TRUE(ProcessesRunning(app_ + "/real").empty());
-      if (c.logsCodeSeven) {
-         EXPECT_NE(output.find("PrivilegedHelper: Failed to verify the code signature of " +
-                               BundleDaemon() + " due to 7"),
-                   std::string::npos)
-             << output;
+      EXPECT_TRUE(ProcessesRunning(kDaemonPath).empty() &&
+                  ProcessesRunning(app_ + kDaemon).empty() &&
+                  ProcessesRunning(app_ + "/real").empty());
+      if (i < 8) {
+         EXPECT_THAT(output, HasSubstr("PrivilegedHelper: Failed to verify the code signature of " +
+                                       app_ + kDaemon + " due to 7"));
       }
    }
 }

@@ -4,12 +4,10 @@
  */
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 
-#include <chrono>
+#include <tuple>
 
 #include "codesignTestSupport.h"
 #include "privilegedHelperInt.h"
@@ -24,12 +22,9 @@ using testsupport::WriteFile;
 const char kService[] = "com.tesmar.test.helper";
 const char kClientId[] = "com.tesmar.test.client";
 
-std::string Requirement(const std::string &identifier)
-{
-   return "identifier \"" + identifier +
-          "\" and anchor apple generic and anchor trusted and "
-          "cert leaf[subject.CN] = *\"Tesmar, Inc.\"*";
-}
+const std::string kMakerReq =
+    " and anchor apple generic and anchor trusted and cert leaf[subject.CN] = *\"Tesmar, Inc.\"*";
+const std::string kClientReq = "identifier \"" + std::string(kClientId) + "\"" + kMakerReq;
 
 std::string InfoPlist(const std::string &body)
 {
@@ -58,28 +53,21 @@ std::string Encode(plist_t node)
    return bytes;
 }
 
-// The first three share the order of cstest::Signer.
-enum class Signer { kMaker, kForeign, kUntrusted, kNone, kAltered };
+// The first three share the order of cstest::Signer; kOtherName signs as another client.
+enum class Signer { kMaker, kForeign, kUntrusted, kNone, kAltered, kOtherName };
 
-// A copy of the test client, signed as identifier by signer.
+// A copy of the test client, signed by signer.
 std::string ClientCopy(const ScratchDir &dir, const std::string &name,
-                       const std::string &identifier, Signer signer = Signer::kMaker)
+                       Signer signer = Signer::kMaker)
 {
    std::string path = dir / name;
    std::filesystem::copy_file(CLIENT_PROGRAM, path);
-   if (signer == Signer::kNone) {
-      return path;
-   }
-   bool altered = signer == Signer::kAltered;
    EXPECT_TRUE(
-       cstest::Sign(path, identifier, altered ? cstest::Signer::kMaker : (cstest::Signer)signer));
-   if (altered) {
-      // One letter of a message text changed: the program still runs, its signature fails.
-      std::string bytes = ReadFile(path);
-      size_t at = bytes.rfind(std::string("connect\0", 8));  // the perror text, not the symbol
-      EXPECT_NE(std::string::npos, at);
-      bytes[at] = 'C';
-      WriteFile(path, bytes);
+       signer == Signer::kNone ||
+       cstest::Sign(path, signer == Signer::kOtherName ? "com.tesmar.test.other" : kClientId,
+                    signer >= Signer::kAltered ? cstest::Signer::kMaker : (cstest::Signer)signer));
+   if (signer == Signer::kAltered) {  // one letter of the perror text: it runs, its signature fails
+      cstest::Edit(path, [](std::string &b) { b.at(b.rfind(std::string("connect\0", 8))) = 'C'; });
    }
    return path;
 }
@@ -97,12 +85,9 @@ pid_t Spawn(const std::vector<std::string> &args, const std::string &output)
 // Waits for a process this test started, killing it after boundMs; its exit status or -1.
 int WaitBounded(pid_t pid, int boundMs)
 {
-   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(boundMs);
    int status = 0;
-   while (waitpid(pid, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) {
-         kill(pid, SIGKILL);
-         waitpid(pid, &status, 0);
+   for (int waited = 0; waitpid(pid, &status, WNOHANG) == 0; waited += 2) {
+      if (waited >= boundMs && kill(pid, SIGKILL) == 0 && waitpid(pid, &status, 0) == pid) {
          return -1;
       }
       usleep(2000);
@@ -119,80 +104,56 @@ size_t Count(const std::string &text, const std::string &what)
    return count;
 }
 
-class Helper {
-  public:
-   Helper(const ScratchDir &dir, const std::string &infoPlist, std::vector<std::string> extra = {})
-       : log_(dir / "helper.log"), socket_(dir / kService)
+// The example helper serving kService from dir, killed at the end of the test.
+struct Helper {
+   Helper(const ScratchDir &dir, const std::string &infoPlist = AllowedClients({kClientReq}),
+          std::vector<std::string> extra = {})
+       : log(dir / "helper.log"), socket(dir / kService)
    {
       WriteFile(dir / "Info.plist", infoPlist);
-      std::vector<std::string> args = {HELPER_PROGRAM, "--run-dir", dir.Path(), "--info-plist",
-                                       dir / "Info.plist"};
-      args.insert(args.end(), extra.begin(), extra.end());
-      args.push_back(kService);
-      struct stat before = {};
-      stat(socket_.c_str(), &before);
-      pid_ = Spawn(args, log_);
+      extra.insert(extra.begin(),
+                   {HELPER_PROGRAM, "--run-dir", dir.Path(), "--info-plist", dir / "Info.plist"});
+      extra.push_back(kService);
+      struct stat before = {}, now = {};
+      stat(socket.c_str(), &before);
+      pid = Spawn(extra, log);
       // Ready when a new socket file is in place (a stale one may be there before).
-      struct stat now = {};
-      for (int i = 0; i < 2000 && (stat(socket_.c_str(), &now) != 0 || now.st_ino == before.st_ino);
+      for (int i = 0; i < 2000 && (stat(socket.c_str(), &now) != 0 || now.st_ino == before.st_ino);
            i++) {
          usleep(1000);
       }
    }
-   ~Helper()
-   {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-   }
-   const std::string &Socket() const { return socket_; }
-   pid_t Pid() const { return pid_; }
-   std::string Log() const { return testsupport::StripStamps(ReadFile(log_)); }
+   ~Helper() { (void)(kill(pid, SIGKILL) == 0 && waitpid(pid, nullptr, 0) == pid); }
+   std::string Log() const { return testsupport::StripStamps(ReadFile(log)); }
    // The log once it holds count lines with text (it may lag the clients' exits a little).
    std::string LogWith(const std::string &text, size_t count = 1) const
    {
-      std::string log = Log();
-      for (int i = 0; i < 10000 && Count(log, text) < count; i++) {
+      for (int i = 0; i < 10000 && Count(Log(), text) < count; i++) {
          usleep(1000);
-         log = Log();
       }
-      return log;
+      return Log();
    }
+   pid_t Start(const std::vector<std::string> &args) const { return Spawn(args, log + ".client"); }
    // Runs a client to its end (bounded) and returns its exit status.
-   int Run(const std::vector<std::string> &args, int boundMs = 20000) const
-   {
-      return WaitBounded(Start(args), boundMs);
-   }
-   pid_t Start(const std::vector<std::string> &args) const { return Spawn(args, log_ + ".client"); }
+   int Run(const std::vector<std::string> &args) const { return WaitBounded(Start(args), 20000); }
 
-  private:
-   std::string log_;
-   std::string socket_;
-   pid_t pid_;
+   std::string log, socket;
+   pid_t pid;
 };
 
 // The pidfd binds the checked executable to the process that connected.
 TEST(HelperIdentity, PidfdRefusesAnotherOrAnEndedProcess)
 {
-   pid_t pids[2];
-   for (pid_t &pid : pids) {
-      if ((pid = fork()) == 0) {
-         pause();
-         _exit(0);
-      }
-   }
-   auto [first, second] = pids;
+   pid_t first = Spawn({"sleep", "60"}, "/dev/null"), second = Spawn({"sleep", "60"}, "/dev/null");
    int pidfd = (int)syscall(SYS_pidfd_open, first, 0);
    ASSERT_GE(pidfd, 0);
    EXPECT_TRUE(PrivilegedHelperPidfdNames(pidfd, first));
-   int exe = PrivilegedHelperOpenClientExe(pidfd, first);
-   EXPECT_GE(exe, 0);
-   close(exe);
+   EXPECT_EQ(0, close(PrivilegedHelperOpenClientExe(pidfd, first)));
 
    // Another live process under the checked pid (as after reuse) is refused.
-   EXPECT_FALSE(PrivilegedHelperPidfdNames(pidfd, second));
    errno = 0;
-   EXPECT_EQ(-1, PrivilegedHelperOpenClientExe(pidfd, second));
-   EXPECT_EQ(ESRCH, errno);
+   EXPECT_FALSE(PrivilegedHelperPidfdNames(pidfd, second));
+   EXPECT_TRUE(PrivilegedHelperOpenClientExe(pidfd, second) == -1 && errno == ESRCH);
 
    // So is the process once it has ended, reaped or not.
    kill(first, SIGKILL);
@@ -208,154 +169,101 @@ TEST(HelperIdentity, PidfdRefusesAnotherOrAnEndedProcess)
 
 TEST(HelperAdmission, AcceptsOnlyAllowedClients)
 {
-   const std::string refused = "Warning: Validation failed. Canceling connection.\n";
-   const std::string two = AllowedClients({Requirement("other"), Requirement(kClientId)});
-   const struct {
-      const char *name;
-      std::string infoPlist;
-      const char *clientId;
-      Signer signer;
-      int clientStatus;
-      std::string failures;  // the "Failed validation" lines' status codes, in order
-      std::vector<std::string> logLines;
-   } rows[] = {
-       {"second requirement", two, kClientId, Signer::kMaker, 0, "5", {}},
-       {"unsigned", two, kClientId, Signer::kNone, 3, "11", {refused}},
-       {"wrong identifier", two, "com.tesmar.test.other", Signer::kMaker, 3, "55", {refused}},
-       {"untrusted signer", two, kClientId, Signer::kUntrusted, 3, "56", {refused}},
-       {"foreign signer", two, kClientId, Signer::kForeign, 3, "57", {refused}},
-       {"altered", two, kClientId, Signer::kAltered, 3, "44", {refused}},
-       {"unparsable requirement",
-        AllowedClients({"identifier", Requirement(kClientId)}),
-        kClientId,
-        Signer::kMaker,
-        0,
-        "-",
-        {}},
-       {"empty array", AllowedClients({}), kClientId, Signer::kMaker, 3, "", {refused}},
-       {"no XPCService",
-        InfoPlist("<key>CFBundleIdentifier</key><string>x</string>"),
-        kClientId,
-        Signer::kMaker,
-        3,
-        "",
-        {": Unable to find XPCService dictionary.\n", refused}},
-       {"no _AllowedClients",
-        InfoPlist("<key>XPCService</key><dict/>"),
-        kClientId,
-        Signer::kMaker,
-        3,
-        "",
-        {": Unable to find _AllowedClients array.\n", refused}},
-       {"not an array",
-        InfoPlist("<key>XPCService</key><dict><key>_AllowedClients</key><string>" +
-                  Requirement(kClientId) + "</string></dict>"),
-        kClientId,
-        Signer::kMaker,
-        3,
-        "",
-        {": Unexpected _AllowedClients type.\n", refused}},
-       {"unreadable Info.plist",
-        "not a property list",
-        kClientId,
-        Signer::kMaker,
-        3,
-        "",
-        {": Unable to find XPCService dictionary.\n", refused}},
+   const std::string two = AllowedClients({"identifier \"other\"" + kMakerReq, kClientReq});
+   const std::string noDict = "<key>CFBundleIdentifier</key><string>x</string>";
+   const std::string notArray = "<key>XPCService</key><dict><key>_AllowedClients</key><string>" +
+                                kClientReq + "</string></dict>";
+   // Info.plist, client, admitted, the first digit of each "Failed validation" line's status code
+   // in order, a line logged before the refusal.
+   const std::tuple<std::string, Signer, bool, std::string, const char *> rows[] = {
+       {two, Signer::kMaker, true, "5", ""},
+       {two, Signer::kNone, false, "11", ""},
+       {two, Signer::kOtherName, false, "55", ""},
+       {two, Signer::kUntrusted, false, "56", ""},
+       {two, Signer::kForeign, false, "57", ""},
+       {two, Signer::kAltered, false, "44", ""},
+       {AllowedClients({"identifier", kClientReq}), Signer::kMaker, true, "-", ""},
+       {AllowedClients({}), Signer::kMaker, false, "", ""},
+       {InfoPlist(noDict), Signer::kMaker, false, "", ": Unable to find XPCService dictionary.\n"},
+       {"not a property list", Signer::kMaker, false, "",
+        ": Unable to find XPCService dictionary.\n"},
+       {InfoPlist("<key>XPCService</key><dict/>"), Signer::kMaker, false, "",
+        ": Unable to find _AllowedClients array.\n"},
+       {InfoPlist(notArray), Signer::kMaker, false, "", ": Unexpected _AllowedClients type.\n"},
    };
-   for (const auto &row : rows) {
-      SCOPED_TRACE(row.name);
+   for (const auto &[infoPlist, signer, admitted, wantFailures, why] : rows) {
+      SCOPED_TRACE(infoPlist + " " + std::to_string((int)signer));
       ScratchDir dir;
-      Helper helper(dir, row.infoPlist);
-      std::string client = ClientCopy(dir, "client", row.clientId, row.signer);
-      pid_t pid = helper.Start({client, "echo", helper.Socket(), "3"});
-      EXPECT_EQ(row.clientStatus, WaitBounded(pid, 20000));
-      std::vector<std::string> lines = row.logLines;
-      lines.push_back(": Received connection from " + client + "\n");
-      if (row.clientStatus == 0) {
-         char closed[64];  // the pid column is five wide
-         snprintf(closed, sizeof closed, "%5d: Connection closed by client.\n", (int)pid);
-         lines.push_back(closed);
-      }
+      Helper helper(dir, infoPlist);
+      std::string client = ClientCopy(dir, "client", signer);
+      pid_t pid = helper.Start({client, "echo", helper.socket, "3"});
+      EXPECT_EQ(admitted ? 0 : 3, WaitBounded(pid, 20000));
+      char closed[64];  // the pid column is five wide
+      snprintf(closed, sizeof closed, "%5d: Connection closed by client.\n", (int)pid);
+      std::vector<std::string> lines = {
+          why, ": Received connection from " + client + "\n",
+          admitted ? closed : "Warning: Validation failed. Canceling connection.\n"};
       std::string log = helper.LogWith(lines.back());
       EXPECT_EQ(0u, log.find(std::string("Starting service: ") + kService + "\n")) << log;
       for (const std::string &line : lines) {
          EXPECT_NE(std::string::npos, log.find(line)) << log;
       }
-      // One line per failed requirement, in array order, with its status.
       std::string failures;
       const std::string failed = ": Failed validation. (";
       for (size_t at = log.find(failed); at != std::string::npos; at = log.find(failed, at + 1)) {
          failures += log[at + failed.size()];
       }
-      EXPECT_EQ(row.failures, failures) << log;
+      EXPECT_EQ(wantFailures, failures) << log;
    }
 }
 
-// A client that becomes another program, or lends its connection to another process, loses it.
-TEST(HelperIdentity, ConnectionDoesNotOutliveTheCheckedProgram)
+// Descriptors pass both ways; a client that becomes another program, or lends its connection to
+// another process, loses it; only a stale socket is replaced.
+TEST(HelperService, ServesOnlyTheCheckedProgramAndReplacesOnlyStaleSockets)
 {
    ScratchDir dir;
-   Helper helper(dir, AllowedClients({Requirement(kClientId)}));
-   std::string signedClient = ClientCopy(dir, "client", kClientId);
-   std::string unsignedClient = ClientCopy(dir, "other", kClientId, Signer::kNone);
-   EXPECT_EQ(3, helper.Run({signedClient, "exec", helper.Socket(), unsignedClient, "2"}));
-   EXPECT_EQ(3, helper.Run({signedClient, "fork", helper.Socket(), "2"}));
+   {
+      Helper killed(dir);
+   }  // its socket stays behind, bound by no one
+   Helper helper(dir, AllowedClients({kClientReq}), {"--mode", "0660"});
+   std::string client = ClientCopy(dir, "client");
+   EXPECT_EQ(0, helper.Run({client, "passfd", helper.socket}));
+   struct stat st;
+   EXPECT_TRUE(stat(helper.socket.c_str(), &st) == 0 && (st.st_mode & 0777) == 0660);
+
+   EXPECT_EQ(3, helper.Run(
+                    {client, "exec", helper.socket, ClientCopy(dir, "other", Signer::kNone), "2"}));
+   EXPECT_EQ(3, helper.Run({client, "fork", helper.socket, "2"}));
    std::string log = helper.Log();
    // The exec may land before the check (refused there) or after it (refused at the message).
    EXPECT_EQ(2u, Count(log, "Message from a process other than the validated client\n") +
                      Count(log, "Validation failed. Canceling connection.\n"))
        << log;
    // The same program re-executing itself keeps its connection.
-   EXPECT_EQ(0, helper.Run({signedClient, "exec", helper.Socket(), signedClient, "2"}));
-}
+   EXPECT_EQ(0, helper.Run({client, "exec", helper.socket, client, "2"}));
 
-TEST(HelperService, PassesDescriptorsAndReplacesOnlyStaleSockets)
-{
-   ScratchDir dir;
-   int stale = socket(AF_UNIX, SOCK_SEQPACKET, 0);  // left bound by an earlier run
-   struct sockaddr_un addr = {};
-   addr.sun_family = AF_UNIX;
-   snprintf(addr.sun_path, sizeof addr.sun_path, "%s", (dir / kService).c_str());
-   ASSERT_EQ(0, bind(stale, (const struct sockaddr *)&addr, sizeof addr));
-   close(stale);
-
-   Helper helper(dir, AllowedClients({Requirement(kClientId)}), {"--mode", "0660"});
-   EXPECT_EQ(0, helper.Run({ClientCopy(dir, "client", kClientId), "passfd", helper.Socket()}));
-   struct stat st;
-   ASSERT_EQ(0, stat(helper.Socket().c_str(), &st));
-   EXPECT_EQ(0660u, st.st_mode & 0777);
-
-   // A second helper for the same name leaves the first alone.
-   std::string second = dir / "second.log";
-   EXPECT_EQ(1,
-             WaitBounded(Spawn({HELPER_PROGRAM, "--run-dir", dir.Path(), kService}, second), 5000));
-   EXPECT_NE(std::string::npos, ReadFile(second).find("Another helper already serves"));
-
-   // A file that is not a socket is never replaced.
+   // A second helper for the same name leaves the first alone; a file that is not a socket is
+   // never replaced.
+   auto another = [](const ScratchDir &in) {
+      return WaitBounded(Spawn({HELPER_PROGRAM, "--run-dir", in.Path(), kService}, in / "2.log"),
+                         5000);
+   };
+   EXPECT_EQ(1, another(dir));
+   EXPECT_NE(std::string::npos, ReadFile(dir / "2.log").find("Another helper already serves"));
    ScratchDir other;
    WriteFile(other / kService, "keep me");
-   EXPECT_EQ(1, WaitBounded(Spawn({HELPER_PROGRAM, "--run-dir", other.Path(), kService},
-                                  other / "helper.log"),
-                            5000));
+   EXPECT_EQ(1, another(other));
    EXPECT_EQ("keep me", ReadFile(other / kService));
 }
 
-// A dictionary whose encoding is exactly size bytes (the data length steps the header size).
+// A dictionary whose binary encoding is exactly size bytes.
 std::string EncodedDictOfSize(size_t size)
 {
-   for (size_t pad = 0; pad < 32; pad++) {
-      size_t blob = size - 100;
-      for (int round = 0; round < 4; round++) {
-         plist_t dict = plist_new_dict();
-         std::string filler(blob, 'a');
-         plist_dict_set_item(dict, "d", plist_new_data(filler.data(), filler.size()));
-         plist_dict_set_item(dict, "p", plist_new_string(std::string(pad, 'p').c_str()));
-         std::string bytes = Encode(dict);
-         if (bytes.size() == size) {
-            return bytes;
-         }
-         blob = blob + size - bytes.size();
+   for (size_t blob = size - 100; blob < size; blob++) {
+      plist_t dict = plist_new_dict();
+      plist_dict_set_item(dict, "d", plist_new_data(std::string(blob, 'a').data(), blob));
+      if (std::string bytes = Encode(dict); bytes.size() == size) {
+         return bytes;
       }
    }
    return {};
@@ -364,66 +272,58 @@ std::string EncodedDictOfSize(size_t size)
 TEST(HelperHostile, ServesOthersThroughHostilePeers)
 {
    ScratchDir dir;
-   Helper helper(dir, AllowedClients({Requirement(kClientId)}), {"--reply-timeout", "300"});
-   std::string client = ClientCopy(dir, "client", kClientId);
+   Helper helper(dir, AllowedClients({kClientReq}), {"--reply-timeout", "300"});
+   std::string client = ClientCopy(dir, "client");
 
    // Silent connections and a client that never reads its replies, while others are served.
-   pid_t silent = helper.Start({client, "silent", helper.Socket(), "200", "3000"});
-   pid_t noread = helper.Start({client, "noread", helper.Socket(), "3000", "3000"});
+   pid_t silent = helper.Start({client, "silent", helper.socket, "200", "3000"});
+   pid_t noread = helper.Start({client, "noread", helper.socket, "3000", "3000"});
    helper.LogWith("Received connection from", 201);
 
    std::string atLimit = EncodedDictOfSize(PRIVILEGED_HELPER_MAX_MESSAGE);
    ASSERT_EQ((size_t)PRIVILEGED_HELPER_MAX_MESSAGE, atLimit.size());
-   const struct {
-      const char *name;
-      std::string bytes;
-      int status;  // 0 a reply came, 3 the helper ended the connection, 5 it stayed open
-      const char *logLine;
-   } rows[] = {
-       {"garbage", "this is not a property list", 3, "Malformed message\n"},
-       {"header only", "bplist00", 3, "Malformed message\n"},
-       {"truncated", atLimit.substr(0, 4000), 3, "Malformed message\n"},
-       {"xml", InfoPlist(""), 3, "Malformed message\n"},
-       {"array", Encode(plist_new_array()), 5, ": Connection received unexpected event type.\n"},
-       {"at the limit", atLimit, 0, nullptr},
-       {"over the limit", atLimit + "x", 3, "Message too large\n"},
+   const std::string malformed = "Malformed message\n";
+   // The status: 0 a reply came, 3 the helper ended the connection, 5 it stayed open.
+   const std::tuple<std::string, int, std::string> rows[] = {
+       {"bplist00", 3, malformed},
+       {atLimit.substr(0, 4000), 3, malformed},
+       {InfoPlist(""), 3, malformed},
+       {Encode(plist_new_array()), 5, ": Connection received unexpected event type.\n"},
+       {atLimit, 0, ""},
+       {atLimit + "x", 3, "Message too large\n"},
    };
-   for (const auto &row : rows) {
-      SCOPED_TRACE(row.name);
-      WriteFile(dir / "datagram", row.bytes);
-      std::string line = row.logLine != nullptr ? row.logLine : "";
-      size_t before = line.empty() ? 0 : Count(helper.Log(), line);
-      EXPECT_EQ(row.status, helper.Run({client, "raw", helper.Socket(), dir / "datagram"}));
-      if (!line.empty()) {  // a line of its own, not one left by an earlier row
-         EXPECT_EQ(before + 1, Count(helper.LogWith(line, before + 1), line)) << helper.Log();
+   for (const auto &[bytes, status, line] : rows) {
+      SCOPED_TRACE(line + std::to_string(bytes.size()));
+      WriteFile(dir / "datagram", bytes);
+      size_t before = Count(helper.Log(), line);  // a line of its own, not an earlier row's
+      EXPECT_EQ(status, helper.Run({client, "raw", helper.socket, dir / "datagram"}));
+      if (!line.empty()) {
+         EXPECT_EQ(before + 1, Count(helper.LogWith(line, before + 1), line));
       }
-      EXPECT_EQ(0, helper.Run({client, "echo", helper.Socket(), "20"}));
+      EXPECT_EQ(0, helper.Run({client, "echo", helper.socket, "20"}));
    }
    EXPECT_EQ(0, WaitBounded(noread, 10000));
    EXPECT_NE(std::string::npos, helper.Log().find("Client does not read replies\n"));
    EXPECT_EQ(0, WaitBounded(silent, 10000));
-   EXPECT_EQ(0, helper.Run({client, "echo", helper.Socket(), "20"}));
 #if !HELPER_TEST_SANITIZED  // the sanitizers' own memory would swamp the figure
-   std::string status = ReadFile("/proc/" + std::to_string(helper.Pid()) + "/status");
-   size_t at = status.find("VmRSS:");
-   long rss = at == std::string::npos ? -1 : atol(status.c_str() + at + 6);
-   EXPECT_GT(rss, 0);
-   EXPECT_LT(rss, 64 * 1024) << "helper resident set in KiB";
+   std::string status = ReadFile("/proc/" + std::to_string(helper.pid) + "/status");
+   long rss = atol(status.substr(status.find("VmRSS:") + 6).c_str());
+   EXPECT_TRUE(rss > 0 && rss < 64 * 1024) << "helper resident set " << rss << " KiB";
 #endif
 }
 
 TEST(HelperLoad, SixtyFourClientsOfAThousandMessages)
 {
    ScratchDir dir;
-   Helper helper(dir, AllowedClients({Requirement(kClientId)}));
-   std::string client = ClientCopy(dir, "client", kClientId);
+   Helper helper(dir);
+   std::string client = ClientCopy(dir, "client");
    // Instrumented builds check every client's signature many times slower: a smaller load
    // there keeps the run bounded, the full one runs in the plain build.
    const int kClients = HELPER_TEST_SANITIZED ? 16 : 64;
    const char *kMessages = HELPER_TEST_SANITIZED ? "200" : "1000";
    std::vector<pid_t> clients;
    for (int i = 0; i < kClients; i++) {
-      clients.push_back(helper.Start({client, "echo", helper.Socket(), kMessages}));
+      clients.push_back(helper.Start({client, "echo", helper.socket, kMessages}));
    }
    // Each client checks its replies in order and that no reply comes twice.
    for (pid_t pid : clients) {

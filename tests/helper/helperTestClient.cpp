@@ -1,24 +1,23 @@
 /*
  * A client for the privileged-helper tests, copied and signed (or not) by them.
  *
- *    helper-test-client echo SOCKET N            N numbered requests, each reply checked
- *    helper-test-client fd FD N                  the same over an inherited connection
- *    helper-test-client exec SOCKET PROGRAM N    connects, then becomes PROGRAM with "fd FD N"
+ *    helper-test-client echo SOCKET|FD N         N numbered requests, each reply checked, over
+ *                                                a new or an inherited connection
+ *    helper-test-client exec SOCKET PROGRAM N    connects, then becomes PROGRAM with "echo FD N"
  *    helper-test-client fork SOCKET N            connects; a child process sends the requests
  *    helper-test-client silent SOCKET COUNT MS   COUNT connections held MS ms without a word
  *    helper-test-client noread SOCKET N MS       N requests, no reply read, then MS ms of sleep
- *    helper-test-client raw SOCKET FILE...       each file sent as one datagram; then waits
- *                                                for the end of the connection
+ *    helper-test-client raw SOCKET FILE          the file sent as one datagram; then waits for
+ *                                                the end of the connection
  *    helper-test-client passfd SOCKET            a pipe's write end sent and passed back
  *
  * Exit status: 0 as expected (raw: a reply came), 3 the helper ended the connection, 4 a wrong
  * or missing reply, 5 the connection stayed open without a reply, 2 usage or set-up failure.
  */
+#include <ctype.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -42,48 +41,45 @@ plist_t Request(long seq)
    return request;
 }
 
+// A reply's "seq" (-1 when it has none, -2 when there is no reply: errno says why); frees it.
+long Seq(plist_t reply)
+{
+   uint64_t seq = ~0ull;
+   if (plist_t node = reply != nullptr ? plist_dict_get_item(reply, "seq") : nullptr) {
+      plist_get_uint_val(node, &seq);
+   }
+   long result = reply == nullptr ? -2 : seq == ~0ull ? -1 : (long)seq;
+   plist_free(reply);
+   return result;
+}
+
 int Echo(PrivilegedHelperClient *client, long count)
 {
    for (long i = 0; i < count; i++) {
       plist_t request = Request(i);
-      plist_t reply = PrivilegedHelperClient_SendWithReply(client, request, kTimeoutMs);
+      long seq = Seq(PrivilegedHelperClient_SendWithReply(client, request, kTimeoutMs));
       plist_free(request);
-      if (reply == nullptr) {
-         return errno == ECONNRESET || errno == EPIPE ? 3 : 4;
-      }
-      uint64_t seq = ~0ull;
-      plist_t node = plist_dict_get_item(reply, "seq");
-      if (node != nullptr) {
-         plist_get_uint_val(node, &seq);
-      }
-      plist_free(reply);
-      if (seq != (uint64_t)i) {
-         return 4;
+      if (seq != i) {
+         return seq == -2 && (errno == ECONNRESET || errno == EPIPE) ? 3 : 4;
       }
    }
    // Every request answered exactly once: nothing more arrives.
-   plist_t extra = PrivilegedHelperClient_Receive(client, 50, nullptr, nullptr);
-   if (extra != nullptr) {
-      plist_free(extra);
-      return 4;
-   }
-   return errno == ETIMEDOUT ? 0 : 3;
+   long extra = Seq(PrivilegedHelperClient_Receive(client, 50, nullptr, nullptr));
+   return extra != -2 ? 4 : errno == ETIMEDOUT ? 0 : 3;
 }
 
-int WaitForEnd(PrivilegedHelperClient *client, long)
+// Sends a request, passing fds.
+bool Send(PrivilegedHelperClient *client, long seq, int *fds = nullptr, size_t count = 0)
 {
-   plist_t reply = PrivilegedHelperClient_Receive(client, 1000, nullptr, nullptr);
-   if (reply != nullptr) {
-      plist_free(reply);
-      return 0;
-   }
-   return errno == ETIMEDOUT ? 5 : 3;
+   plist_t request = Request(seq);
+   bool sent = PrivilegedHelperClient_Send(client, request, fds, count);
+   plist_free(request);
+   return sent;
 }
 
 int RawConnect(const char *path)
 {
-   struct sockaddr_un addr = {};
-   addr.sun_family = AF_UNIX;
+   struct sockaddr_un addr = {AF_UNIX, {}};
    snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path);
    int sock = socket(AF_UNIX, SOCK_SEQPACKET, 0);
    if (sock == -1 || connect(sock, (const struct sockaddr *)&addr, sizeof addr) == -1) {
@@ -93,47 +89,20 @@ int RawConnect(const char *path)
    return sock;
 }
 
-PrivilegedHelperClient *Connect(const char *path)
+int PassFd(PrivilegedHelperClient *client)
 {
-   PrivilegedHelperClient *client = PrivilegedHelperClient_ConnectPath(path);
-   if (client == nullptr) {
-      perror("connect");
-      exit(2);
-   }
-   return client;
-}
-
-int PassFd(PrivilegedHelperClient *client, long)
-{
-   int pipeFds[2];
-   if (pipe(pipeFds) == -1) {
+   int ends[2], back = -1;
+   size_t count = 1;
+   char byte = 0;
+   if (pipe(ends) == -1 || !Send(client, 0, &ends[1], 1)) {
       return 2;
    }
-   plist_t request = plist_new_dict();
-   bool sent = PrivilegedHelperClient_Send(client, request, &pipeFds[1], 1);
-   plist_free(request);
-   close(pipeFds[1]);
-   int back = -1;
-   size_t count = 1;
-   plist_t reply =
-       sent ? PrivilegedHelperClient_Receive(client, kTimeoutMs, &back, &count) : nullptr;
-   if (reply == nullptr) {
-      return 3;
-   }
-   plist_free(reply);
-   char byte = 0;
-   if (count != 1 || write(back, "x", 1) != 1 || read(pipeFds[0], &byte, 1) != 1 || byte != 'x') {
-      return 4;
-   }
-   return 0;
-}
-
-// Runs one mode over client and closes it.
-int Finish(PrivilegedHelperClient *client, int (*run)(PrivilegedHelperClient *, long), long arg)
-{
-   int status = run(client, arg);
-   PrivilegedHelperClient_Close(client);
-   return status;
+   close(ends[1]);
+   long seq = Seq(PrivilegedHelperClient_Receive(client, kTimeoutMs, &back, &count));
+   return seq == -2 ? 3
+          : count == 1 && write(back, "x", 1) == 1 && read(ends[0], &byte, 1) == 1 && byte == 'x'
+              ? 0
+              : 4;
 }
 
 }  // namespace
@@ -144,67 +113,51 @@ int main(int argc, char **argv)
       return 2;
    }
    std::string mode = argv[1];
-   if (mode == "echo" && argc == 4) {
-      return Finish(Connect(argv[2]), Echo, atol(argv[3]));
-   }
-   if (mode == "fd" && argc == 4) {
-      return Finish(PrivilegedHelperClient_FromFd(atoi(argv[2])), Echo, atol(argv[3]));
-   }
+   long n = argc >= 4 ? atol(argv[3]) : 0;
    if (mode == "exec" && argc == 5) {
-      int sock = RawConnect(argv[2]);  // no close-on-exec: the next program inherits it
-      std::string fd = std::to_string(sock);
-      execl(argv[3], argv[3], "fd", fd.c_str(), argv[4], (char *)nullptr);
+      std::string fd = std::to_string(RawConnect(argv[2]));  // inherited by the next program
+      execl(argv[3], argv[3], "echo", fd.c_str(), argv[4], (char *)nullptr);
       return 2;
    }
-   if (mode == "fork" && argc == 4) {
-      PrivilegedHelperClient *client = Connect(argv[2]);
+   bool raw = mode == "raw";
+   int sock = raw ? RawConnect(argv[2]) : isdigit((unsigned char)argv[2][0]) ? atoi(argv[2]) : -1;
+   PrivilegedHelperClient *client = sock >= 0 ? PrivilegedHelperClient_FromFd(sock)
+                                              : PrivilegedHelperClient_ConnectPath(argv[2]);
+   std::vector<PrivilegedHelperClient *> held = {client};
+   int status = 0;
+   if (client == nullptr) {
+      status = 2;
+   } else if (mode == "echo") {
+      status = Echo(client, n);
+   } else if (mode == "fork") {
       pid_t child = fork();
       if (child == 0) {
-         _exit(Echo(client, atol(argv[3])));
+         _exit(Echo(client, n));
       }
-      int status = 0;
       waitpid(child, &status, 0);
-      PrivilegedHelperClient_Close(client);
-      return WIFEXITED(status) ? WEXITSTATUS(status) : 2;
-   }
-   if (mode == "silent" && argc == 5) {
-      std::vector<PrivilegedHelperClient *> held;
-      for (long i = 0; i < atol(argv[3]); i++) {
-         held.push_back(Connect(argv[2]));
+      status = WIFEXITED(status) ? WEXITSTATUS(status) : 2;
+   } else if (mode == "silent" || mode == "noread") {
+      for (long i = 1; mode == "silent" && i < n; i++) {
+         held.push_back(PrivilegedHelperClient_ConnectPath(argv[2]));
       }
-      usleep((useconds_t)atol(argv[4]) * 1000);
-      for (PrivilegedHelperClient *client : held) {
-         PrivilegedHelperClient_Close(client);
+      // The helper may give up on a client that does not read its replies.
+      for (long i = 0; mode == "noread" && i < n && Send(client, i); i++) {
       }
-      return 0;
-   }
-   if (mode == "noread" && argc == 5) {
-      PrivilegedHelperClient *client = Connect(argv[2]);
-      for (long i = 0; i < atol(argv[3]); i++) {
-         plist_t request = Request(i);
-         bool sent = PrivilegedHelperClient_Send(client, request, nullptr, 0);
-         plist_free(request);
-         if (!sent) {
-            break;  // the helper gave up on this client
-         }
+      usleep(argc >= 5 ? (useconds_t)atol(argv[4]) * 1000 : 0);
+   } else if (raw && argc == 4) {
+      std::ifstream in(argv[3], std::ios::binary);
+      std::string bytes(std::istreambuf_iterator<char>(in), {});
+      if (send(sock, bytes.data(), bytes.size(), MSG_NOSIGNAL) == -1) {
+         status = errno == EPIPE || errno == ECONNRESET ? 3 : 2;
+      } else {
+         long seq = Seq(PrivilegedHelperClient_Receive(client, 1000, nullptr, nullptr));
+         status = seq != -2 ? 0 : errno == ETIMEDOUT ? 5 : 3;
       }
-      usleep((useconds_t)atol(argv[4]) * 1000);
-      PrivilegedHelperClient_Close(client);
-      return 0;
+   } else {
+      status = mode == "passfd" ? PassFd(client) : 2;
    }
-   if (mode == "raw") {
-      int sock = RawConnect(argv[2]);
-      for (int i = 3; i < argc; i++) {
-         std::ifstream in(argv[i], std::ios::binary);
-         std::string bytes(std::istreambuf_iterator<char>(in), {});
-         if (send(sock, bytes.data(), bytes.size(), MSG_NOSIGNAL) == -1) {
-            return errno == EPIPE || errno == ECONNRESET ? 3 : 2;
-         }
-      }
-      return Finish(PrivilegedHelperClient_FromFd(sock), WaitForEnd, 0);
+   for (PrivilegedHelperClient *c : held) {
+      PrivilegedHelperClient_Close(c);
    }
-   if (mode == "passfd") {
-      return Finish(Connect(argv[2]), PassFd, 0);
-   }
-   return 2;
+   return status;
 }

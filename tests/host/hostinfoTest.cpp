@@ -1,12 +1,12 @@
 #include <ifaddrs.h>
 #include <linux/if_packet.h>
-#include <sched.h>
-#include <stdlib.h>
+#include <spawn.h>
 #include <sys/prctl.h>
-#include <sys/time.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <gmock/gmock.h>
 
 #include <regex>
 
@@ -15,11 +15,13 @@
 #include "misc/hostinfoInt.h"
 #include "testSupport.h"
 
+using namespace std::string_view_literals;
 using testsupport::LogCapture;
+using testsupport::Take;
 
 struct FakeInterface {
    const char *name;
-   std::vector<unsigned char> address;
+   std::string_view address;
    int family = AF_PACKET;
 };
 
@@ -31,7 +33,7 @@ static uint64_t SelectFrom(const std::vector<FakeInterface> &list)
    for (size_t i = 0; i < list.size(); i++) {
       links[i].sll_family = static_cast<unsigned short>(list[i].family);
       links[i].sll_halen = static_cast<unsigned char>(list[i].address.size());
-      std::copy(list[i].address.begin(), list[i].address.end(), links[i].sll_addr);
+      list[i].address.copy(reinterpret_cast<char *>(links[i].sll_addr), sizeof links[i].sll_addr);
       entries[i].ifa_next = i + 1 < list.size() ? &entries[i + 1] : nullptr;
       entries[i].ifa_name = const_cast<char *>(list[i].name);
       entries[i].ifa_addr = reinterpret_cast<sockaddr *>(&links[i]);
@@ -45,20 +47,18 @@ TEST(HostinfoMachineID, HostNameHashAndInterfaceOrder)
    EXPECT_EQ(HostinfoHostNameHash("\xff"), 177828u);     /* bytes are unsigned */
    EXPECT_EQ(HostinfoHostNameHash("hello"), 261238937u); /* wraps at 32 bits */
 
-   EXPECT_EQ(SelectFrom({{"en0", {1, 1, 1, 1, 1, 1}, AF_INET}, /* not link level */
-                         {"en0", {}},                          /* no hardware address */
-                         {"eth0", {9, 9, 9, 9, 9, 9}},         /* "en" names come first */
-                         {"en2", {2, 2, 2, 2, 2, 2}},
-                         {"en1", {0x02, 0xfc, 0x00, 0x11, 0x22, 0x33}}}),
+   EXPECT_EQ(SelectFrom({{"en0", "\1\1\1\1\1\1"sv, AF_INET}, /* not link level */
+                         {"en0", ""},                        /* no hardware address */
+                         {"eth0", "\11\11\11\11\11\11"sv},   /* "en" names come first */
+                         {"en2", "\2\2\2\2\2\2"sv},
+                         {"en1", "\x02\xfc\x00\x11\x22\x33"sv}}),
              0x33221100fc02ull);
-   EXPECT_EQ(SelectFrom({{"lo", {0, 0, 0, 0, 0, 0}},
-                         {"eth10", {1, 1, 1, 1, 1, 1}},
-                         {"eth7", {7, 0, 0, 0, 0, 0}}}),
-             7u);
+   EXPECT_EQ(
+       SelectFrom(
+           {{"lo", "\0\0\0\0\0\0"sv}, {"eth10", "\1\1\1\1\1\1"sv}, {"eth7", "\7\0\0\0\0\0"sv}}),
+       7u);
    LogCapture log;
-   EXPECT_EQ(SelectFrom({{"enp0s3", {1, 2, 3, 4, 5, 6}},
-                         {"en8", {1, 2, 3, 4, 5, 6}},
-                         {"eth0", {1, 2, 3, 4, 5, 6}, AF_INET}}),
+   EXPECT_EQ(SelectFrom({{"enp0s3", "abcdef"}, {"en8", "abcdef"}, {"eth0", "abcdef", AF_INET}}),
              0u);
    EXPECT_EQ(HostinfoSelectHardwareID(nullptr), 0u);
    EXPECT_EQ(log.Text(), "");
@@ -67,21 +67,15 @@ TEST(HostinfoMachineID, HostNameHashAndInterfaceOrder)
 TEST(HostinfoOS, ReleaseFileVersionAndDescription)
 {
    const char *text =
-       "# comment NAME=wrong\n"
-       "NAME=\"Some \\\"Linux\\\"\"\n"
-       "ID=plain  \n"
-       "VERSION_CODENAME='single \\ quoted'\n"
-       "  BUILD_ID=first\n"
-       "BUILD_ID=second\n"
-       "EMPTY=\n"
-       "UNTERMINATED=\"open";
-   const std::pair<const char *, const char *> expected[] = {
+       "# comment NAME=wrong\nNAME=\"Some \\\"Linux\\\"\"\nID=plain  \n"
+       "VERSION_CODENAME='single \\ quoted'\n  BUILD_ID=first\nBUILD_ID=second\n"
+       "EMPTY=\nUNTERMINATED=\"open";
+   const std::pair<const char *, const char *> kWant[] = {
        {"NAME", "Some \"Linux\""}, {"ID", "plain"}, {"VERSION_CODENAME", "single \\ quoted"},
        {"BUILD_ID", "second"},     {"EMPTY", ""},   {"UNTERMINATED", "open"}};
-   for (auto [key, result] : expected) {
+   for (auto [key, want] : kWant) {
       std::string value = "unset";
-      EXPECT_TRUE(HostinfoOSReleaseValue(text, key, &value)) << key;
-      EXPECT_EQ(value, result);
+      EXPECT_TRUE(HostinfoOSReleaseValue(text, key, &value) && value == want) << key << value;
    }
    std::string value;
    EXPECT_FALSE(HostinfoOSReleaseValue(text, "VERSION_ID", &value) ||
@@ -89,21 +83,17 @@ TEST(HostinfoOS, ReleaseFileVersionAndDescription)
 
    struct utsname u;
    ASSERT_EQ(uname(&u), 0);
-   EXPECT_STREQ(Hostinfo_OSVersionString(), u.release);
    std::string numbers =
        std::to_string(Hostinfo_OSVersion(0)) + "." + std::to_string(Hostinfo_OSVersion(1)) + ".";
    EXPECT_EQ(std::string(u.release).rfind(numbers, 0), 0u) << u.release;
    EXPECT_EQ(Hostinfo_OSVersion(99), 0);
-   std::string description = testsupport::Take(Hostinfo_GetOSName());
-   EXPECT_TRUE(std::regex_match(
-       description, std::regex(std::string(R"([^ ].* [^ ]+ \([^ ]+\) )") + u.sysname + " " +
-                               testsupport::RegexQuote(u.release))))
-       << description;
+   EXPECT_THAT(Take(Hostinfo_GetOSName()),
+               testing::MatchesRegex("[^ ].* [^ ]+ \\([^ ]+\\) " + std::string(u.sysname) + " " +
+                                     testsupport::RegexQuote(u.release)));
 }
 
 TEST(HostinfoProcess, StartTimesAndExistence)
 {
-   EXPECT_EQ(Id_ProcessExists(getpid()), ID_PROCESS_EXISTS);
    uint64_t before, renamed = 0, startUs;
    ASSERT_TRUE(Hostinfo_GetProcessStartTicks(getpid(), &before));
    /* A command name with ")" and numbers in it does not shift the fields. */
@@ -115,53 +105,27 @@ TEST(HostinfoProcess, StartTimesAndExistence)
    EXPECT_EQ(renamed, before);
 
    ASSERT_TRUE(Hostinfo_GetProcessStartTime(getpid(), &startUs));
-   struct timeval now;
-   gettimeofday(&now, nullptr);
-   uint64_t nowUs = static_cast<uint64_t>(now.tv_sec) * 1000000 + now.tv_usec;
-   EXPECT_TRUE(startUs <= nowUs && startUs + 3600ull * 1000000 > nowUs); /* within the hour */
+   uint64_t nowUs = time(nullptr) * 1000000ull;
+   EXPECT_TRUE(startUs <= nowUs + 1000000 && startUs + 3600ull * 1000000 > nowUs); /* this hour */
 
-   pid_t child = fork();
-   if (child == 0) {
-      _exit(0);
-   }
+   pid_t child;
+   char *argv[] = {(char *)"true", nullptr};
+   ASSERT_EQ(posix_spawn(&child, "/bin/true", nullptr, nullptr, argv, environ), 0);
    ASSERT_EQ(waitpid(child, nullptr, 0), child);
    EXPECT_EQ(Id_ProcessExists(child), ID_PROCESS_GONE);
    EXPECT_FALSE(Hostinfo_GetProcessStartTicks(child, &before) || errno != ENOENT);
    EXPECT_FALSE(Hostinfo_GetProcessStartTime(0, &startUs) || errno != EINVAL);
-   EXPECT_FALSE(Hostinfo_GetProcessStartTime(-1, &startUs));
 }
 
-TEST(HostinfoQueries, CpuidSignatureIsStableAcrossProcessors)
+TEST(HostinfoQueries, SignatureLoadMemoryAndSlabs)
 {
-#if defined(__x86_64__) || defined(__i386__)
-   std::string first = testsupport::Take(Hostinfo_GetCpuidSignature());
-   EXPECT_TRUE(
-       std::regex_match(first, std::regex("00000000:[0-9A-F]{32}-([0-9A-F]{8}:[0-9A-F]{32}-)*")))
-       << first;
-   EXPECT_NE(first.find("80000000:"), std::string::npos);
-   cpu_set_t allowed;
-   ASSERT_EQ(sched_getaffinity(0, sizeof allowed, &allowed), 0);
-   for (int cpu = 0; cpu < CPU_SETSIZE; cpu++) {
-      if (CPU_ISSET(cpu, &allowed)) {
-         std::thread([&] {
-            cpu_set_t one;
-            CPU_ZERO(&one);
-            CPU_SET(cpu, &one);
-            ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
-            EXPECT_EQ(testsupport::Take(Hostinfo_GetCpuidSignature()), first)
-                << "processor " << cpu;
-         }).join();
-      }
-   }
-#else
-   GTEST_SKIP() << "no processor identification leaves on this architecture";
+#if defined(__x86_64__) || defined(__i386__)  // processor identification leaves
+   std::string leaf = "[0-9A-F]{8}:[0-9A-F]{32}-";
+   std::string signature = Take(Hostinfo_GetCpuidSignature());
+   EXPECT_TRUE(std::regex_match(signature, std::regex("00000000:[0-9A-F]{32}-(" + leaf +
+                                                      ")*80000000:[0-9A-F]{32}-(" + leaf + ")*")))
+       << signature;
 #endif
-}
-
-TEST(HostinfoQueries, LoadMemoryAndSlabs)
-{
-   float avg1, avg5, avg15;
-   ASSERT_TRUE(Hostinfo_GetLoadAverage(&avg1, &avg5, &avg15));
    LogCapture log;
    Hostinfo_LogLoadAverage();
    Hostinfo_LogMemUsage();
@@ -175,10 +139,9 @@ TEST(HostinfoQueries, LoadMemoryAndSlabs)
    EXPECT_EQ(total, static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)));
    EXPECT_TRUE(available > 0 && available <= total);
 
-   if (access("/sys/kernel/slab/kmalloc-64/object_size", R_OK) == 0 ||
-       access("/proc/slabinfo", R_OK) == 0) {
-      EXPECT_EQ(Hostinfo_GetKernelZoneElemSize("kmalloc-64"), 64u);
-   }
+   EXPECT_TRUE(Hostinfo_GetKernelZoneElemSize("kmalloc-64") == 64u ||
+               (access("/sys/kernel/slab/kmalloc-64/object_size", R_OK) != 0 &&
+                access("/proc/slabinfo", R_OK) != 0));
    for (const char *bad : {"no-such-cache", "../slab/kmalloc-64", "", (const char *)nullptr}) {
       EXPECT_EQ(Hostinfo_GetKernelZoneElemSize(bad), 0u) << (bad != nullptr ? bad : "NULL");
    }

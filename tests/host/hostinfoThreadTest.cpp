@@ -17,13 +17,10 @@ TEST(HostinfoMachineIDThreads, ConcurrentFirstCallersAgree)
    freeifaddrs(list);
 
    testsupport::LogCapture log;
-   constexpr int kThreads = 16;
-   std::vector<uint32_t> hosts(kThreads);
-   std::vector<uint64_t> hardware(kThreads);
-   testsupport::RunThreads(kThreads, [&](int i) { Hostinfo_MachineID(&hosts[i], &hardware[i]); });
-   for (int i = 0; i < kThreads; i++) {
-      EXPECT_EQ(hosts[i], HostinfoHostNameHash(name));
-      EXPECT_EQ(hardware[i], expectedHardware);
+   std::vector<std::pair<uint32_t, uint64_t>> ids(16);
+   testsupport::RunThreads(16, [&](int i) { Hostinfo_MachineID(&ids[i].first, &ids[i].second); });
+   for (auto [host, hardware] : ids) {
+      EXPECT_TRUE(host == HostinfoHostNameHash(name) && hardware == expectedHardware);
    }
    EXPECT_EQ(log.Text(), "");
 }
