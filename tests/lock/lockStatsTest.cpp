@@ -27,21 +27,18 @@ static size_t CountMatching(const std::string &pattern)
                         [&](const std::string &line) { return std::regex_search(line, re); });
 }
 
-class MXUserStats : public ::testing::Test {
-  protected:
-   void SetUp() override
-   {
-      gLines.clear();
-      MXUser_SetStatsFunc(&gLines, 256, CollectLine);
-      MXUser_SetContentionRatio(0.0, 0, 0);
-      header.serialNumber = 9;
-   }
-   void TearDown() override { MXUser_SetStatsMode(0); }
-   MXUserHeader header{};
-};
-
-TEST_F(MXUserStats, HistogramAndBasicStatisticsLines)
+/* Sends the stats lines to gLines, each cut to room bytes. */
+static void Collect(uint32_t room = 256)
 {
+   gLines.clear();
+   MXUser_SetStatsFunc(&gLines, room, CollectLine);
+}
+
+TEST(MXUserStats, HistogramAndBasicStatisticsLines)
+{
+   MXUserHeader header{};
+   header.serialNumber = 9;
+   Collect();
    MXUserHisto *histo = MXUserHistoSetUp("a", 1000, 7);
    // Below the minimum, quotient 1, a decade, two, just under half a decade, far beyond.
    for (uint64_t v : {10ULL, 1999ULL, 10000ULL, 100000ULL, 31622ULL, ~0ULL}) {
@@ -61,13 +58,12 @@ TEST_F(MXUserStats, HistogramAndBasicStatisticsLines)
        {{30, 10, 20}, "c=3 min=10 max=30 mean=20 sd=10"},
        {{1000000000000, 3000000000000},
         "c=2 min=1000000000000 max=3000000000000 mean=2000000000000 sd=1414213562373"}};
-   MXUser_SetStatsFunc(&gLines, 256, CollectLine);
    for (const auto &[samples, line] : cases) {
       MXUserBasicStats stats{"h", 0, UINT64_MAX, 0, 0, 0.0};
       for (uint64_t v : samples) {
          MXUserBasicStatsSample(&stats, v);
       }
-      gLines.clear();
+      Collect();
       MXUserDumpBasicStats(&stats, &header);
       EXPECT_EQ(gLines, std::vector<std::string>{std::string("MXUser: e l=9 t=h ") + line + "\n"});
    }
@@ -75,7 +71,7 @@ TEST_F(MXUserStats, HistogramAndBasicStatisticsLines)
 
 TEST(MXUserStatsMath, ContentionVerdict)
 {
-   // 10 attempts, 8 successes, 4 of them contended: the larger ratio is 0.5.
+   // 10 attempts, 8 successes, 4 of them contended; too few attempts leave the ratio at 0.
    MXUserAcquisitionStats stats{};
    stats.numAttempts = 10, stats.numSuccesses = 8, stats.numSuccessesContended = 4;
    auto verdict = [&](uint64_t countFloor, double ratioFloor) {
@@ -85,14 +81,14 @@ TEST(MXUserStatsMath, ContentionVerdict)
       EXPECT_EQ(MXUserContentionVerdict(&stats, &ratio, &hot, &log), hot);
       return std::string(hot ? "hot" : "cold") + (log ? " logged " : " ") + std::to_string(ratio);
    };
-   EXPECT_EQ(verdict(0, 0.0), "cold 0.500000");  // the initial floors: never hot
    EXPECT_EQ(verdict(5, 0.4), "hot logged 0.500000");
-   EXPECT_EQ(verdict(11, -1.0), "hot logged 0.000000");  // too few attempts: ratio stays 0
+   EXPECT_EQ(verdict(11, -1.0), "hot logged 0.000000");
    EXPECT_EQ(verdict(UINT64_MAX, 1.0), "hot 0.000000");
 }
 
-TEST_F(MXUserStats, ModesAndThePerLockReport)
+TEST(MXUserStats, ModesAndThePerLockReport)
 {
+   Collect();
    // Mode 0 keeps nothing; mode 1 acquisitions only; mode 2 holds as well.
    MXUserExclLock *plain = MXUser_CreateExclLock("plain", 1);
    MXUser_SetStatsMode(1);
@@ -101,15 +97,12 @@ TEST_F(MXUserStats, ModesAndThePerLockReport)
    MXUser_SetContentionRatio(-1.0, 1, 0);
    MXUserExclLock *lock = MXUser_CreateExclLock("counted", 0x77);
    for (int i = 0; i < 3; i++) {
-      MXUser_AcquireExclLock(lock);
-      MXUser_AcquireExclLock(lock);  // nesting is no new acquisition
-      MXUser_ReleaseExclLock(lock);
-      MXUser_ReleaseExclLock(lock);
+      MXUser_AcquireExclLock(lock), MXUser_AcquireExclLock(lock);  // nesting: no new acquisition
+      MXUser_ReleaseExclLock(lock), MXUser_ReleaseExclLock(lock);
    }
    EXPECT_TRUE(MXUser_TryAcquireExclLock(lock));
    MXUser_ReleaseExclLock(lock);
-   MXUser_AcquireRecLock(acquisitionsOnly);
-   MXUser_ReleaseRecLock(acquisitionsOnly);
+   MXUser_AcquireRecLock(acquisitionsOnly), MXUser_ReleaseRecLock(acquisitionsOnly);
    {
       testsupport::LogCapture log;
       MXUser_PerLockData();
@@ -128,12 +121,12 @@ TEST_F(MXUserStats, ModesAndThePerLockReport)
    MXUser_DestroyExclLock(plain);
    MXUser_DestroyRecLock(acquisitionsOnly);
 
-   MXUser_AcquireExclLock(lock);
-   MXUser_ReleaseExclLock(lock);
+   MXUser_AcquireExclLock(lock), MXUser_ReleaseExclLock(lock);
    gLines.clear();
    MXUser_PerLockData();
    EXPECT_EQ(CountMatching("^MXUser: n "), 0u);
    EXPECT_EQ(CountMatching("^MXUser: ce l=" + l + "a=5 "), 1u);
    EXPECT_EQ(CountMatching("^MXUser: h l=" + l + "t=[ah] min=1000 max=10000000000 \\d+-1\n$"), 2u);
    MXUser_DestroyExclLock(lock);
+   MXUser_SetStatsMode(0);
 }
