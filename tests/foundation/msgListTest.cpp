@@ -1,5 +1,4 @@
 #include <stdarg.h>
-#include <string.h>
 
 #include "msgList.h"
 #include "testSupport.h"
@@ -21,8 +20,6 @@ TEST(MsgList, MessagesChainNewestFirstListsMoveAndCopyInOrder)
    MsgList *list = nullptr;
    MsgList_Append(&list, "a");
    MsgList_Append(&list, "@&!*@*@(file.open)Cannot open %s: %d\n", "/x", 13);
-   EXPECT_TRUE(strcmp(list->id, "file.open") == 0 && list->numArgs == 2);
-   EXPECT_STREQ(list->next->format, "%s");
    EXPECT_STREQ(MsgList_GetMsgID(list), "msg.literal");
    EXPECT_EQ(Take(MsgList_ToString(list)), "Cannot open /x: 13\na\n");
 
@@ -37,8 +34,7 @@ TEST(MsgList, MessagesChainNewestFirstListsMoveAndCopyInOrder)
    MsgList_Free(literal);
 
    MsgList_Append(nullptr, "ignored %d", 1);
-   EXPECT_EQ(MsgList_GetMsgID(nullptr), nullptr);
-   EXPECT_EQ(MsgList_ToString(nullptr), nullptr);
+   EXPECT_TRUE(MsgList_GetMsgID(nullptr) == nullptr && MsgList_ToString(nullptr) == nullptr);
 
    // Lists move and copy in order.
    list = MsgList_Create("a");
@@ -55,9 +51,7 @@ TEST(MsgList, MessagesChainNewestFirstListsMoveAndCopyInOrder)
    EXPECT_STREQ(MsgList_GetMsgID(copy), "x.one");
 
    MsgList_AppendList(nullptr, copy);  // freed
-   MsgList_AppendList(&list, nullptr);
    MsgList_Free(list);
-   MsgList_Free(nullptr);
 }
 
 TEST(MsgList, CaptureFailureIsAProgrammingError)

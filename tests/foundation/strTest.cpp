@@ -36,9 +36,9 @@ TEST(Str, SnprintfCutsAtWholeCharacterForEverySize)
 TEST(Str, SprintfAndAsprintf)
 {
    char buf[8] = "zz";
-   EXPECT_EQ(Str_Sprintf(buf, sizeof buf, "%s", "1234567"), 7);
-   EXPECT_EQ(Str_SprintfCLocale(buf, sizeof buf, "%'d", 1234567), 7);
-   EXPECT_STREQ(buf, "1234567");
+   EXPECT_TRUE(Str_Sprintf(buf, sizeof buf, "%s", "1234567") == 7 &&
+               Str_SprintfCLocale(buf, sizeof buf, "%'d", 1234567) == 7 &&
+               strcmp(buf, "1234567") == 0);
    EXPECT_PANIC_MATCHING(Str_Sprintf(buf, sizeof buf, "%s", "12345678"), kTooSmall);
    EXPECT_PANIC_MATCHING(Str_SprintfCLocale(buf, sizeof buf, "%d", 123456789), kTooSmall);
    // An engine failure is reported the same way.
@@ -47,7 +47,6 @@ TEST(Str, SprintfAndAsprintf)
    size_t length = 99;
    EXPECT_EQ(testsupport::Take(Str_Asprintf(&length, "%s=%d", "key", -7)), "key=-7");
    EXPECT_TRUE(Str_Asprintf(&length, "%lc", kUnconvertible) == nullptr && length == 6);
-   EXPECT_EQ(testsupport::Take(Str_SafeAsprintf(nullptr, "%s", "")), "");
    EXPECT_PANIC_MATCHING(Str_SafeAsprintf(nullptr, "%lc", kUnconvertible),
                          "VERIFY lib/string/str:[0-9]+\n");
 }
@@ -59,11 +58,9 @@ TEST(Str, CopiesAndTheirPanics)
    EXPECT_PANIC_MATCHING(Str_Strcpy(buf, "hello!", sizeof buf), kTooSmall);
 
    EXPECT_STREQ(Str_Strncpy(buf, sizeof buf, "hello world", 5), "hello");
-   EXPECT_STREQ(Str_Strncpy(buf, sizeof buf, "hi", 100), "hi");
    EXPECT_PANIC_MATCHING(Str_Strncpy(buf, sizeof buf, "hello world", 6), kTooSmall);
 
-   Str_Strcpy(buf, "ab", sizeof buf);
-   EXPECT_STREQ(Str_Strcat(buf, "cde", sizeof buf), "abcde");
+   EXPECT_STREQ(Str_Strcat(Str_Strncpy(buf, sizeof buf, "hi", 100), "cde", sizeof buf), "hicde");
    EXPECT_PANIC_MATCHING(Str_Strcat(buf, "f", sizeof buf), kTooSmall);
 
    Str_Strcpy(buf, "ab", sizeof buf);
