@@ -46,7 +46,7 @@ static int FixedPosix(char *buf, size_t size, const char *fmt, ...)
    return length;
 }
 
-TEST(Format, DocumentedDifferences)
+TEST(Format, DocumentedDifferencesAndWideText)
 {
    EXPECT_EQ(Fmt("%s|%.3s|%8s|%S", nullptr, nullptr, nullptr, nullptr),
              "(null)|(nu|  (null)|(null)");
@@ -59,6 +59,15 @@ TEST(Format, DocumentedDifferences)
              "INF|-inf|NAN|nan|+inf|       inf|-INF |");
    // Digits come from ecvt/fcvt, which stop at 17; the rest are zeros.
    EXPECT_EQ(Fmt("%.20f|%.20e", 0.1, 0.1), "0.10000000000000001000|1.00000000000000000000e-01");
+   const wchar_t mixed[] = {L'a', 0xE9, 0x20AC, 0x1F600, 0};
+   EXPECT_EQ(Fmt("%S|%ls", mixed, L""), "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80|");
+   // Surrogates pass through as three bytes; values beyond U+10FFFF become U+FFFD.
+   const wchar_t odd[] = {0xD800, 0xDFFF, 0x110000, (wchar_t)0xFFFFFFFF, 0};
+   EXPECT_EQ(Fmt("%S", odd), "\xED\xA0\x80\xED\xBF\xBF\xEF\xBF\xBD\xEF\xBF\xBD");
+   // A precision keeps whole characters only and bounds what is read.
+   EXPECT_EQ(Fmt("%.2S|%.1S|%.7S|%-6.3S|", mixed, mixed, mixed, mixed),
+             "a|a|a\xC3\xA9\xE2\x82\xAC|a\xC3\xA9   |");
+   EXPECT_EQ(Fmt("x%Cy", (wint_t)0x110000), "<error>");
 }
 
 TEST(Format, GroupingFollowsTheGroupingString)
@@ -116,19 +125,6 @@ TEST(Format, CountStoresEveryWidthAndLimit)
    EXPECT_EQ(FixedPosix(buf, sizeof buf, "%.2147483647d", 1), INT_MAX);
    EXPECT_EQ(FixedPosix(buf, sizeof buf, "%2147483647dx", 1), -1);
    EXPECT_EQ(FixedPosix(buf, sizeof buf, "x%2147483647d", 1), -1);
-}
-
-TEST(Format, WideStringsAndCharacters)
-{
-   const wchar_t mixed[] = {L'a', 0xE9, 0x20AC, 0x1F600, 0};
-   EXPECT_EQ(Fmt("%S|%ls", mixed, L""), "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80|");
-   // Surrogates pass through as three bytes; values beyond U+10FFFF become U+FFFD.
-   const wchar_t odd[] = {0xD800, 0xDFFF, 0x110000, (wchar_t)0xFFFFFFFF, 0};
-   EXPECT_EQ(Fmt("%S", odd), "\xED\xA0\x80\xED\xBF\xBF\xEF\xBF\xBD\xEF\xBF\xBD");
-   // A precision keeps whole characters only and bounds what is read.
-   EXPECT_EQ(Fmt("%.2S|%.1S|%.7S|%-6.3S|", mixed, mixed, mixed, mixed),
-             "a|a|a\xC3\xA9\xE2\x82\xAC|a\xC3\xA9   |");
-   EXPECT_EQ(Fmt("x%Cy", (wint_t)0x110000), "<error>");
 }
 
 TEST(Format, CapturedArguments)

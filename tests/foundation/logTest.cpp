@@ -8,7 +8,7 @@
 
 using testsupport::LogCapture;
 
-TEST(Log, EntriesCarryStampPrefixAndNoLineEndOfTheirOwn)
+TEST(Log, EntriesOutputFileAndDisabledOutput)
 {
    LogCapture log;
    Log("%s: plain %d.\n", "Fn", 1);
@@ -26,15 +26,11 @@ TEST(Log, EntriesCarryStampPrefixAndNoLineEndOfTheirOwn)
    Log("%s", std::string(1023, 'x').c_str());
    EXPECT_EQ(log.Text(),
              "Fn: Unable to retrieve path to executable.next\nWarning: " + std::string(1023, 'x'));
-}
-
-TEST(Log, OutputFileThenDisabledOutputWritesNothingButPanicStillExits)
-{
+   // A file takes the output; a file that cannot be opened disables it.
    testsupport::ScratchDir dir;
-   LogCapture log;  // restores the output at the end
+   log.Clear();
    int fd = Log_SetOutputFile((dir / "log.txt").c_str());
    Log("one\n");
-   // Failure disables the output.
    EXPECT_TRUE(Log_SetOutputFile((dir / "missing/log.txt").c_str()) == -1 &&
                Log_GetOutputFd() == -1);
    Log("lost\n");

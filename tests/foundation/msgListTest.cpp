@@ -33,7 +33,6 @@ TEST(MsgList, MessagesChainNewestFirstListsMoveAndCopyInOrder)
    EXPECT_EQ(Take(MsgList_ToString(literal)), "100%s done\n");
    MsgList_Free(literal);
 
-   MsgList_Append(nullptr, "ignored %d", 1);
    EXPECT_TRUE(MsgList_GetMsgID(nullptr) == nullptr && MsgList_ToString(nullptr) == nullptr);
 
    // Lists move and copy in order.

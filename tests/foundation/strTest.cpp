@@ -51,7 +51,7 @@ TEST(Str, SprintfAndAsprintf)
                          "VERIFY lib/string/str:[0-9]+\n");
 }
 
-TEST(Str, CopiesAndTheirPanics)
+TEST(Str, CopiesTheirPanicsSearchesAndCase)
 {
    char buf[6];
    EXPECT_STREQ(Str_Strcpy(buf, "hello", sizeof buf), "hello");
@@ -68,10 +68,6 @@ TEST(Str, CopiesAndTheirPanics)
    // A count larger than needed is fine while the source itself fits.
    EXPECT_STREQ(Str_Strncat(buf, sizeof buf, "e", 50), "abcde");
    EXPECT_PANIC_MATCHING(Str_Strncat(buf, sizeof buf, "fg", 50), kTooSmall);
-}
-
-TEST(Str, SearchingAndCase)
-{
    EXPECT_TRUE(Str_Strlen("abc", 10) == 3 && Str_Strlen("abcdef", 4) == 4);
    const char *hay = "one two three";
    EXPECT_EQ(Str_Strnstr(hay, "two", 7), hay + 4);
