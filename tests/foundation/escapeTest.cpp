@@ -23,7 +23,7 @@ static std::string Call(Result *(*routine)(Params...), Args... args)
 /* Flags '%', '/', NUL, 0xFF and line feed. */
 static const struct EscapeTable {
    int flags[256] = {};
-   EscapeTable() { flags['%'] = flags['/'] = flags[0] = flags[0xff] = flags['\n'] = 1; }
+   EscapeTable() { flags[+'%'] = flags[+'/'] = flags[0] = flags[0xff] = flags[+'\n'] = 1; }
 } kTable;
 
 static std::string Do(char esc, const std::string &in)
