@@ -59,8 +59,9 @@ TEST(Format, DocumentedDifferencesAndWideText)
              "INF|-inf|NAN|nan|+inf|       inf|-INF |");
    // Digits come from ecvt/fcvt, which stop at 17; the rest are zeros.
    EXPECT_EQ(Fmt("%.20f|%.20e", 0.1, 0.1), "0.10000000000000001000|1.00000000000000000000e-01");
-   const wchar_t mixed[] = {L'a', 0xE9, 0x20AC, 0x1F600, 0};
-   EXPECT_EQ(Fmt("%S|%ls", mixed, L""), "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80|");
+   const wchar_t mixed[] = {L'a', 0xE9, 0x20AC, 0x1F600, 0}, unterminated[2] = {L'x', L'y'};
+   EXPECT_EQ(Fmt("%S|%ls|%.2S", mixed, L"", unterminated),
+             "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80||xy");
    // Surrogates pass through as three bytes; values beyond U+10FFFF become U+FFFD.
    const wchar_t odd[] = {0xD800, 0xDFFF, 0x110000, (wchar_t)0xFFFFFFFF, 0};
    EXPECT_EQ(Fmt("%S", odd), "\xED\xA0\x80\xED\xBF\xBF\xEF\xBF\xBD\xEF\xBF\xBD");

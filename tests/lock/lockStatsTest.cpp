@@ -82,6 +82,7 @@ TEST(MXUserStatsMath, ContentionVerdict)
       return std::string(hot ? "hot" : "cold") + (log ? " logged " : " ") + std::to_string(ratio);
    };
    EXPECT_EQ(verdict(5, 0.4), "hot logged 0.500000");
+   EXPECT_EQ(verdict(5, 0.5), "cold 0.500000");
    EXPECT_EQ(verdict(11, -1.0), "hot logged 0.000000");
    EXPECT_EQ(verdict(UINT64_MAX, 1.0), "hot 0.000000");
 }
