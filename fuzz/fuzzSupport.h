@@ -46,3 +46,6 @@ inline void InitCodeSetWithEmptyData(const char *file)
 }
 
 }  // namespace fuzz
+
+using fuzz::Check;
+using fuzz::Take;

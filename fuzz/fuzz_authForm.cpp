@@ -10,8 +10,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-   static bool quiet = (Log_SetOutputFd(-1), true);
-   (void)quiet;
+   [[maybe_unused]] static bool quiet = (Log_SetOutputFd(-1), true);
    std::vector<uint8_t> form(data, data + size);  // exactly size bytes, for the sanitizer
    if (Id_AuthSet(form.data(), size)) {
       IdAuthCacheDiscard();

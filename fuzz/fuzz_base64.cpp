@@ -5,58 +5,43 @@
  */
 #include <string.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "base64.h"
 #include "fuzzSupport.h"
 
-using fuzz::Check;
-
-static bool SameBytes(const void *a, const void *b, size_t n)
-{
-   return n == 0 || memcmp(a, b, n) == 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
    std::string text(reinterpret_cast<const char *>(data), size);
    size_t bound = Base64_DecodedLength(text.c_str(), strlen(text.c_str()));
-
    // Exactly bound bytes of room, so the sanitizer sees any write past it.
-   std::vector<uint8_t> room(bound);
-   size_t decodedLength = 0;
-   bool decoded = Base64_Decode(text.c_str(), room.data(), room.size(), &decodedLength);
-   Check(!decoded || decodedLength <= bound);
-
+   std::vector<uint8_t> room(bound), chunk(bound), back(size);
+   size_t length = 0, chunkLength = 0, easyLength = 0;
+   bool decoded = Base64_Decode(text.c_str(), room.data(), room.size(), &length);
+   auto same = [&](const uint8_t *bytes, size_t n) {
+      return n == length && std::equal(bytes, bytes + n, room.data());
+   };
    // The length-bounded form on the raw bytes (NULs included) stops where the text stops.
-   std::vector<uint8_t> chunkRoom(bound);
-   size_t chunkLength = 0;
-   Check(Base64_ChunkDecode(text.data(), size, chunkRoom.data(), bound, &chunkLength) == decoded &&
-         chunkLength == decodedLength && SameBytes(chunkRoom.data(), room.data(), chunkLength));
-
-   uint8_t *allocated = nullptr;
-   size_t allocatedLength = 0;
-   bool easy = Base64_EasyDecode(text.c_str(), &allocated, &allocatedLength);
-   Check(easy == decoded && (easy ? allocatedLength == decodedLength &&
-                                        SameBytes(allocated, room.data(), allocatedLength)
-                                  : allocated == nullptr));
-   free(allocated);
-
-   std::vector<char> fixed(decodedLength);
+   Check((!decoded || length <= bound) &&
+         Base64_ChunkDecode(text.data(), size, chunk.data(), bound, &chunkLength) == decoded &&
+         same(chunk.data(), chunkLength));
+   uint8_t *easy = nullptr;
+   Check(Base64_EasyDecode(text.c_str(), &easy, &easyLength) == decoded &&
+         (decoded ? same(easy, easyLength) : easy == nullptr));
+   free(easy);
+   std::vector<char> fixed(length);
    Check(!decoded || Base64_DecodeFixed(text.c_str(), fixed.data(), fixed.size()));
-   Check(decodedLength == 0 || !Base64_DecodeFixed(text.c_str(), fixed.data(), decodedLength - 1));
-
+   Check(length == 0 || !Base64_DecodeFixed(text.c_str(), fixed.data(), length - 1));
    (void)Base64_ValidEncoding(text.data(), size);
 
    char *encoded = nullptr;
    Check(Base64_EasyEncode(data, size, &encoded));
    size_t encodedLength = strlen(encoded);
    Check(encodedLength == (size + 2) / 3 * 4 && Base64_ValidEncoding(encoded, encodedLength) &&
-         Base64_DecodedLength(encoded, encodedLength) == size);
-   std::vector<uint8_t> back(size);
-   size_t backLength = 0;
-   Check(Base64_Decode(encoded, back.data(), back.size(), &backLength) && backLength == size &&
-         SameBytes(back.data(), data, size));
+         Base64_DecodedLength(encoded, encodedLength) == size &&
+         Base64_Decode(encoded, back.data(), back.size(), &length) && length == size &&
+         std::equal(back.begin(), back.end(), data));
    free(encoded);
    return 0;
 }

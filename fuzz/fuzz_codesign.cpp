@@ -19,14 +19,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
       CodeSignDecodeBlob(data + offset, sigSize, &info);
    }
    int fd = memfd_create("fuzz", MFD_CLOEXEC);
-   if (fd < 0) {
-      return 0;
-   }
-   if (write(fd, data, size) == (ssize_t)size) {
-      if (CodeSignCode *code = CodeSign_OpenCodeFd(fd)) {
-         CodeSign_CheckValidity(code, nullptr, false, nullptr, &info);
-         CodeSign_CloseCode(code);
-      }
+   CodeSignCode *code = write(fd, data, size) == (ssize_t)size ? CodeSign_OpenCodeFd(fd) : nullptr;
+   if (code != nullptr) {
+      CodeSign_CheckValidity(code, nullptr, false, nullptr, &info);
+      CodeSign_CloseCode(code);
    }
    close(fd);
    return 0;

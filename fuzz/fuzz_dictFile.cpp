@@ -11,18 +11,11 @@
 #include "dictionary.h"
 #include "fuzzSupport.h"
 #include "log.h"
+#include "unicode.h"
 
-namespace {
-
-const StringEncoding kEncodings[] = {
-    STRING_ENCODING_UTF8,     STRING_ENCODING_ISO_8859_1, STRING_ENCODING_WINDOWS_1252,
-    STRING_ENCODING_UTF16_LE, STRING_ENCODING_US_ASCII,   STRING_ENCODING_UTF16_BE,
-};
-const char *const kDeclared[] = {"UTF-8",    "ISO-8859-1", "windows-1252",
-                                 "UTF-16LE", "US-ASCII",   "UTF-16BE"};
-constexpr size_t kNumEncodings = sizeof kEncodings / sizeof kEncodings[0];
-
-}  // namespace
+const StringEncoding kEncodings[] = {STRING_ENCODING_UTF8,         STRING_ENCODING_ISO_8859_1,
+                                     STRING_ENCODING_WINDOWS_1252, STRING_ENCODING_UTF16_LE,
+                                     STRING_ENCODING_US_ASCII,     STRING_ENCODING_UTF16_BE};
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
@@ -36,42 +29,32 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    if (size == 0) {
       return 0;
    }
-   size_t pick = data[0] % kNumEncodings;
-   std::string text;
-   if (data[0] & 0x80) {
-      text = std::string(".encoding = \"") + kDeclared[pick] + "\"\n";
-   }
+   StringEncoding encoding = kEncodings[data[0] % std::size(kEncodings)];
+   std::string text = (data[0] & 0x80) ? std::string(".encoding = \"") +
+                                             Unicode_EncodingEnumToName(encoding) + "\"\n"
+                                       : "";
    text.append(reinterpret_cast<const char *>(data) + 1, size - 1);
-
-   Dictionary *dict = Dictionary_Create();
+   Dictionary *dict = Dictionary_Create(), *again = Dictionary_Create();
    MsgList *msgs = nullptr;
    bool ok = Dictionary_LoadFromBuffer(dict, (data[0] & 0x40) ? "f" : nullptr, text.data(),
-                                       text.size(), kEncodings[pick], &msgs);
-   fuzz::Check(ok || msgs != nullptr);  // a failed read always says why
-   MsgList_Free(msgs);
-   msgs = nullptr;
-   if (ok) {
-      size_t length = 0;
-      char *written = Dictionary_WriteToBuffer(dict, true, &length, &msgs);
-      fuzz::Check(written != nullptr);
-      Dictionary *again = Dictionary_Create();
-      MsgList *msgs2 = nullptr;
-      fuzz::Check(
-          Dictionary_LoadFromBuffer(again, "w", written, length, STRING_ENCODING_UTF8, &msgs2) &&
-          Dictionary_NumEntries(again) == Dictionary_NumEntries(dict));
-      for (size_t i = 0; i < Dictionary_NumEntries(dict); i++) {
-         const char *name = Dictionary_NameAt(dict, i);
-         size_t l1 = 0;
-         size_t l2 = 0;
-         const char *v1 = Dictionary_GetBytes(dict, name, &l1);
-         const char *v2 = Dictionary_GetBytes(again, name, &l2);
-         fuzz::Check(v2 != nullptr && l1 == l2 && memcmp(v1, v2, l1) == 0);
-      }
-      MsgList_Free(msgs2);
-      Dictionary_Free(again);
-      free(written);
+                                       text.size(), encoding, &msgs);
+   Check(ok || msgs != nullptr);  // a failed read always says why
+   size_t length = 0;
+   char *written = ok ? Dictionary_WriteToBuffer(dict, true, &length, &msgs) : nullptr;
+   Check(!ok ||
+         (written != nullptr &&
+          Dictionary_LoadFromBuffer(again, "w", written, length, STRING_ENCODING_UTF8, &msgs) &&
+          Dictionary_NumEntries(again) == Dictionary_NumEntries(dict)));
+   for (size_t i = 0; ok && i < Dictionary_NumEntries(dict); i++) {
+      const char *name = Dictionary_NameAt(dict, i);
+      size_t l1 = 0, l2 = 0;
+      const char *v1 = Dictionary_GetBytes(dict, name, &l1),
+                 *v2 = Dictionary_GetBytes(again, name, &l2);
+      Check(v2 != nullptr && l1 == l2 && memcmp(v1, v2, l1) == 0);
    }
+   free(written);
    MsgList_Free(msgs);
+   Dictionary_Free(again);
    Dictionary_Free(dict);
    return 0;
 }

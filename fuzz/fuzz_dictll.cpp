@@ -7,39 +7,35 @@
 #include "dictll.h"
 #include "fuzzSupport.h"
 
-using fuzz::Check;
+/* Reads the first line of text; the line, name and value are freed when the owner goes. */
+struct Line {
+   char *line = nullptr, *name = nullptr, *value = nullptr;
+   size_t lineLength = 0, valueLength = 0;
+   const char *next;
+   Line(const char *text, size_t size)
+       : next(DictLL_UnmarshalLineEx(text, size, &line, &lineLength, &name, &value, &valueLength))
+   {
+   }
+   ~Line() { free(line), free(name), free(value); }
+};
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
    const char *buf = reinterpret_cast<const char *>(data);
-   char *line, *name, *value;
-   size_t lineLength, valueLength;
-   const char *next =
-       DictLL_UnmarshalLineEx(buf, size, &line, &lineLength, &name, &value, &valueLength);
-   if (size == 0) {
-      Check(next == nullptr && line == nullptr);
-      return 0;
-   }
-   Check(next != nullptr && next > buf && next <= buf + size && lineLength <= size &&
-         memcmp(line, buf, lineLength) == 0);
-   if (name != nullptr) {
+   Line first(buf, size);
+   Check(size == 0 ? first.next == nullptr && first.line == nullptr
+                   : first.next > buf && first.next <= buf + size && first.lineLength <= size &&
+                         memcmp(first.line, buf, first.lineLength) == 0);
+   if (size != 0 && first.name != nullptr) {
       DynBuf out;
       DynBuf_Init(&out);
-      Check(DictLL_MarshalLineEx(&out, name, value, valueLength));
-      char *line2, *name2, *value2;
-      size_t lineLength2, valueLength2;
+      Check(DictLL_MarshalLineEx(&out, first.name, first.value, first.valueLength));
       const char *text = static_cast<const char *>(DynBuf_Get(&out));
-      const char *next2 = DictLL_UnmarshalLineEx(text, DynBuf_GetSize(&out), &line2, &lineLength2,
-                                                 &name2, &value2, &valueLength2);
-      Check(next2 == text + DynBuf_GetSize(&out) && name2 != nullptr && strcmp(name, name2) == 0 &&
-            valueLength2 == valueLength && memcmp(value, value2, valueLength) == 0);
-      free(line2);
-      free(name2);
-      free(value2);
+      Line again(text, DynBuf_GetSize(&out));
+      Check(again.next == text + DynBuf_GetSize(&out) && again.name != nullptr &&
+            strcmp(first.name, again.name) == 0 && again.valueLength == first.valueLength &&
+            memcmp(first.value, again.value, first.valueLength) == 0);
       DynBuf_Destroy(&out);
    }
-   free(line);
-   free(name);
-   free(value);
    return 0;
 }

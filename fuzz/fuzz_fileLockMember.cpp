@@ -12,8 +12,6 @@
 #include "file/fileLockInt.h"
 #include "fuzzSupport.h"
 
-using fuzz::Check;
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
    char buffer[kFileLockMemberSize] = {};
@@ -27,9 +25,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    if (values.executionID.find_first_of("-()") == std::string::npos && values.hasLocationChecksum) {
       return 0;  // formats into the older form's shape, which is read back converted
    }
-   unsigned long long startTime = 0;
-   int pid = 0;
-   sscanf(values.executionID.c_str(), "%d-%llu", &pid, &startTime);
+   unsigned long long startTime = 0, pid = 0;
+   sscanf(values.executionID.c_str(), "%llu-%llu", &pid, &startTime);
    char text[kFileLockMemberSize];
    if (!FileLockFormatMemberText(
            values.machineID.c_str(), values.executionID.c_str(), values.lamportNumber,
@@ -37,11 +34,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
            values.hasLocationChecksum ? values.locationChecksum.c_str() : nullptr, text)) {
       return 0;  // the older form's conversion can outgrow 512 bytes
    }
-   FileLockMemberValues again;
-   Check(FileLockParseMemberText(text, sizeof text, &again, &argv));
-   Check(again.machineID == values.machineID && again.executionID == values.executionID &&
-         again.lamportNumber == values.lamportNumber && again.lockType == values.lockType &&
-         again.hasLocationChecksum == values.hasLocationChecksum &&
-         again.locationChecksum == values.locationChecksum);
+   FileLockMemberValues a;
+   Check(FileLockParseMemberText(text, sizeof text, &a, &argv) && a.machineID == values.machineID &&
+         a.executionID == values.executionID && a.lamportNumber == values.lamportNumber &&
+         a.lockType == values.lockType && a.hasLocationChecksum == values.hasLocationChecksum &&
+         a.locationChecksum == values.locationChecksum);
    return 0;
 }

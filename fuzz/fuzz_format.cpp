@@ -12,32 +12,11 @@
 #include "fuzzSupport.h"
 #include "msgfmt.h"
 
-namespace {
-
-const char *const kStrings[] = {
-    "",         "a",           "text with spaces", "\xC3\xA9\xE2\x82\xAC",
-    "@&!*@*@(", "@&!*@*@(id)", "@&!*@*@(id)rest",  nullptr};
-const wchar_t kWide0[] = {L'a', 0xE9, 0x1F600, 0};
-const wchar_t kWide1[] = {0xD800, 0xDFFF, 0x110000, (wchar_t)0xFFFFFFFF, 0};
-const wchar_t kWide2[] = {0};
-const wchar_t *const kWides[] = {kWide0, kWide1, kWide2, nullptr};
-
-MsgFmt_Arg MakeArg(const uint8_t *bytes)
-{
-   MsgFmt_Arg arg;
-   memset(&arg, 0, sizeof arg);
-   arg.type = bytes[0] % 10;
-   memcpy(&arg.v, bytes + 1, 8);  // integers, floats and pointers (only printed, never followed)
-   uint64_t raw = arg.v.unsigned64;
-   if (arg.type == MSGFMT_ARG_STRING8 || arg.type == MSGFMT_ARG_STRING8_MSGID) {
-      arg.v.string8 = (char *)kStrings[raw % (sizeof kStrings / sizeof kStrings[0])];
-   } else if (arg.type == MSGFMT_ARG_STRING32 || arg.type == MSGFMT_ARG_STRING32_ALT) {
-      arg.v.string32 = (wchar_t *)kWides[raw % (sizeof kWides / sizeof kWides[0])];
-   }
-   return arg;
-}
-
-}  // namespace
+static const char *const kStrings[] = {
+    "", "text", "\xC3\xA9\xE2\x82\xAC", "@&!*@*@(", "@&!*@*@(id)rest", nullptr};
+static const wchar_t kWide0[] = {L'a', 0xE9, 0x1F600, 0},
+                     kWide1[] = {0xD800, 0x110000, (wchar_t)0xFFFFFFFF, 0};
+static const wchar_t *const kWides[] = {kWide0, kWide1, L"", nullptr};
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -48,24 +27,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    size_t pos = 1;
    std::vector<MsgFmt_Arg> args;
    for (int i = 0; i < numArgs && pos + 9 <= size; i++, pos += 9) {
-      args.push_back(MakeArg(data + pos));
+      // Integers, floats and pointers (only printed, never followed) from the bytes.
+      MsgFmt_Arg &arg = args.emplace_back(MsgFmt_Arg{data[pos] % 10, {}});
+      memcpy(&arg.v, data + pos + 1, 8);
+      if (arg.type == MSGFMT_ARG_STRING8 || arg.type == MSGFMT_ARG_STRING8_MSGID) {
+         arg.v.string8 = (char *)kStrings[arg.v.unsigned64 % std::size(kStrings)];
+      } else if (arg.type == MSGFMT_ARG_STRING32 || arg.type == MSGFMT_ARG_STRING32_ALT) {
+         arg.v.string32 = (wchar_t *)kWides[arg.v.unsigned64 % std::size(kWides)];
+      }
    }
    std::string fmt((const char *)data + pos, size - pos);  // stops at an embedded NUL
 
-   char small[16];
-   int fixed = MsgFmt_Snprintf(small, sizeof small, fmt.c_str(), args.data(), (int)args.size());
-   fuzz::Check(memchr(small, '\0', sizeof small) != nullptr);
-   char large[512];
+   char small[16], large[512];
+   int n = (int)args.size(),
+       fixed = MsgFmt_Snprintf(small, sizeof small, fmt.c_str(), args.data(), n);
    // The result never depends on the buffer.
-   fuzz::Check(fixed ==
-               MsgFmt_Snprintf(large, sizeof large, fmt.c_str(), args.data(), (int)args.size()));
+   Check(memchr(small, '\0', sizeof small) != nullptr &&
+         fixed == MsgFmt_Snprintf(large, sizeof large, fmt.c_str(), args.data(), n));
    // Huge widths are cheap in fixed mode but would allocate gigabytes here.
    if (fixed >= 0 && fixed < (1 << 20)) {
       size_t length = 0;
-      char *heap = MsgFmt_Asprintf(&length, fmt.c_str(), args.data(), (int)args.size());
+      char *heap = MsgFmt_Asprintf(&length, fmt.c_str(), args.data(), n);
       // %c and %C of 0 put NUL bytes inside the output.
-      fuzz::Check(heap != nullptr && length == (size_t)fixed && heap[length] == '\0' &&
-                  (length >= sizeof large || memcmp(heap, large, length + 1) == 0));
+      Check(heap != nullptr && length == (size_t)fixed && heap[length] == '\0' &&
+            (length >= sizeof large || memcmp(heap, large, length + 1) == 0));
       free(heap);
    }
    return 0;

@@ -15,10 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    uint32_t length = 0;
    plist_to_bin(dict, &raw, &length);
    plist_t again = nullptr;
-   if (raw != nullptr && length <= PRIVILEGED_HELPER_MAX_MESSAGE) {
-      fuzz::Check(PrivilegedHelperDecode((const uint8_t *)raw, length, &again) ==
-                  PRIVILEGED_HELPER_DECODED);
-   }
+   Check(raw == nullptr || length > PRIVILEGED_HELPER_MAX_MESSAGE ||
+         PrivilegedHelperDecode((const uint8_t *)raw, length, &again) == PRIVILEGED_HELPER_DECODED);
    plist_free(again);
    plist_to_bin_free(raw);
    plist_free(dict);

@@ -18,13 +18,11 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-   std::ofstream file(gDir + "/messages/xx/fuzz.tmsg", std::ios::binary | std::ios::trunc);
-   fuzz::Check(
-       file.write(reinterpret_cast<const char *>(data), (std::streamsize)size).flush().good());
-   file.close();
+   std::ofstream(gDir + "/messages/xx/fuzz.tmsg", std::ios::binary)
+       .write(reinterpret_cast<const char *>(data), (std::streamsize)size);
    Msg_SetLocaleEx("xx", "fuzz", gDir.c_str());
    for (const char *id : {"@&!*@*@(a)A", "@&!*@*@(msg.b)B", "@&!*@*@(button.ok)_OK"}) {
-      fuzz::Take(Msg_GetStringButton(id));
+      Take(Msg_GetStringButton(id));
    }
    Msg_SetLocaleEx(nullptr, "fuzz", nullptr);
    return 0;

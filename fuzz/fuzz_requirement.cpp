@@ -8,16 +8,14 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
    std::string text((const char *)data, size);
-   if (text.find('\0') != std::string::npos) {
-      return 0;
-   }
-   CodeSignRequirement *req = CodeSign_ParseRequirement(text.c_str());
+   CodeSignRequirement *req =
+       text.find('\0') == std::string::npos ? CodeSign_ParseRequirement(text.c_str()) : nullptr;
    if (req == nullptr) {
       return 0;
    }
-   std::string printed = fuzz::Take(CodeSign_RequirementText(req));
+   std::string printed = Take(CodeSign_RequirementText(req));
    CodeSignRequirement *again = CodeSign_ParseRequirement(printed.c_str());
-   fuzz::Check(again != nullptr && fuzz::Take(CodeSign_RequirementText(again)) == printed);
+   Check(again != nullptr && Take(CodeSign_RequirementText(again)) == printed);
    CodeSign_FreeRequirement(again);
    CodeSign_FreeRequirement(req);
    return 0;

@@ -8,31 +8,21 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <string>
+#include <filesystem>
+#include <fstream>
+
+namespace fs = std::filesystem;
 
 int main(int argc, char **argv)
 {
-   if (argc < 2) {
-      return 2;
-   }
-   char buf[4096];
-   std::string report = "pid " + std::to_string(getpid()) + "\ncwd " +
-                        (getcwd(buf, sizeof buf) != nullptr ? buf : "?") + "\n";
+   std::string report = "pid " + std::to_string(getpid()) + "\ncwd " + fs::current_path().string();
    for (int fd = 0; fd < 1024; fd++) {
-      ssize_t n = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), buf, sizeof buf);
-      if (n > 0) {
-         report += "fd " + std::to_string(fd) + " " + std::string(buf, (size_t)n) + "\n";
-      }
+      std::error_code error;
+      fs::path target = fs::read_symlink("/proc/self/fd/" + std::to_string(fd), error);
+      report += error ? "" : "\nfd " + std::to_string(fd) + " " + target.string();
    }
-   report += "sid " + std::to_string(getsid(0)) + "\n";
    std::string tmp = std::string(argv[1]) + ".tmp";
-   FILE *out = fopen(tmp.c_str(), "w");
-   if (out == nullptr || fputs(report.c_str(), out) == EOF || fclose(out) != 0 ||
-       rename(tmp.c_str(), argv[1]) != 0) {
-      return 4;
-   }
-   if (argc > 2) {
-      sleep((unsigned)atoi(argv[2]));
-   }
-   return 0;
+   std::ofstream(tmp) << report << "\nsid " << getsid(0) << "\n";
+   rename(tmp.c_str(), argv[1]);  // a report that never appears fails the test
+   sleep(argc > 2 ? (unsigned)atoi(argv[2]) : 0);
 }

@@ -19,12 +19,7 @@ static void *V(uintptr_t n)
    return reinterpret_cast<void *>(n);
 }
 
-class HashTableTest : public ::testing::Test {
-  protected:
-   void SetUp() override { gFreed.clear(); }
-};
-
-/* The keys in KeyArray order, checked against ValueArray and ForEach, which must agree. */
+/* The keys in KeyArray order; ValueArray and ForEach must list the same entries in it. */
 static std::vector<const void *> KeysInOrder(HashTable *ht)
 {
    const void **keys = nullptr;
@@ -39,46 +34,35 @@ static std::vector<const void *> KeysInOrder(HashTable *ht)
       return 0;
    };
    EXPECT_EQ(HashTable_ForEach(ht, collect, &visited), 0);
-   std::vector<const void *> order(keys, keys + count);
    for (size_t i = 0; i < count; i++) {
-      EXPECT_TRUE(visited.size() == count && visited[i] == std::make_pair(keys[i], values[i]));
-      void *value = nullptr;
-      EXPECT_TRUE(HashTable_Lookup(ht, keys[i], &value) && value == values[i]);
+      EXPECT_TRUE(visited[i] == std::make_pair(keys[i], values[i])) << i;
    }
+   std::vector<const void *> order(keys, keys + count);
    free(keys);
    free(values);
    return order;
 }
 
-TEST_F(HashTableTest, StringKeysInsertLookupReplaceDelete)
+TEST(HashTable, StringKeysInsertLookupReplaceDeleteAndCopies)
 {
+   gFreed.clear();
    HashTable *ht = HashTable_Alloc(16, HASH_STRING_KEY, RecordFree);
-   EXPECT_TRUE(HashTable_Insert(ht, "alpha", V(1)));
-   EXPECT_TRUE(HashTable_Insert(ht, "beta", V(2)));
+   EXPECT_TRUE(HashTable_Insert(ht, "alpha", V(1)) && HashTable_Insert(ht, "beta", V(2)));
    EXPECT_FALSE(HashTable_Insert(ht, "alpha", V(3)));  // present: old value stays
-   EXPECT_TRUE(gFreed.empty());
    void *value = nullptr;
    EXPECT_TRUE(HashTable_Lookup(ht, "alpha", &value) && value == V(1));
-   EXPECT_TRUE(HashTable_Lookup(ht, "beta", nullptr));
-   EXPECT_FALSE(HashTable_Lookup(ht, "Alpha", &value) || HashTable_Lookup(ht, "alph", &value));
-
-   EXPECT_EQ(HashTable_LookupOrInsert(ht, "beta", V(9)), V(2));
-   EXPECT_EQ(HashTable_LookupOrInsert(ht, "gamma", V(4)), V(4));
-   EXPECT_TRUE(HashTable_ReplaceOrInsert(ht, "alpha", V(11)));
-   EXPECT_FALSE(HashTable_ReplaceOrInsert(ht, "delta", V(5)));
-   EXPECT_EQ(gFreed, std::vector<uintptr_t>{1});
-   EXPECT_FALSE(HashTable_ReplaceIfValue(ht, "alpha", V(1), V(12)));
-   EXPECT_FALSE(HashTable_ReplaceIfValue(ht, "missing", V(1), V(12)));
+   EXPECT_FALSE(HashTable_Lookup(ht, "alph", &value));
+   EXPECT_TRUE(HashTable_LookupOrInsert(ht, "beta", V(9)) == V(2) &&
+               HashTable_LookupOrInsert(ht, "gamma", V(4)) == V(4));
+   EXPECT_TRUE(HashTable_ReplaceOrInsert(ht, "alpha", V(11)) &&
+               !HashTable_ReplaceOrInsert(ht, "delta", V(5)));
+   EXPECT_FALSE(HashTable_ReplaceIfValue(ht, "alpha", V(1), V(12)) ||
+                HashTable_ReplaceIfValue(ht, "missing", V(1), V(12)));
    EXPECT_TRUE(HashTable_ReplaceIfValue(ht, "alpha", V(11), V(12)));
    EXPECT_EQ(gFreed, (std::vector<uintptr_t>{1, 11}));
-   EXPECT_TRUE(HashTable_Lookup(ht, "alpha", &value) && value == V(12));
-
    EXPECT_TRUE(HashTable_LookupAndDelete(ht, "beta", &value) && value == V(2));  // not freed
-   EXPECT_TRUE(HashTable_Delete(ht, "gamma"));
-   EXPECT_FALSE(HashTable_Delete(ht, "gamma"));
+   EXPECT_TRUE(HashTable_Delete(ht, "gamma") && !HashTable_Delete(ht, "gamma"));
    EXPECT_EQ(gFreed, (std::vector<uintptr_t>{1, 11, 4}));
-   EXPECT_EQ(HashTable_GetNumElements(ht), 2u);
-
    HashTable_Clear(ht);
    EXPECT_TRUE(HashTable_GetNumElements(ht) == 0 && !HashTable_Lookup(ht, "alpha", nullptr));
    EXPECT_EQ(std::multiset<uintptr_t>(gFreed.begin(), gFreed.end()),
@@ -86,38 +70,25 @@ TEST_F(HashTableTest, StringKeysInsertLookupReplaceDelete)
    EXPECT_TRUE(HashTable_Insert(ht, "alpha", V(6)));  // the cleared table is usable
    HashTable_Free(ht);
    EXPECT_EQ(gFreed.back(), 6u);
-   HashTable_Free(nullptr);
-}
-
-TEST_F(HashTableTest, CopiedKeysAreOwnedByTheTable)
-{
-   HashTable *ht = HashTable_Alloc(8, HASH_STRING_KEY | HASH_FLAG_COPYKEY, nullptr);
+   ht = HashTable_Alloc(8, HASH_STRING_KEY | HASH_FLAG_COPYKEY, nullptr);
    char key[] = "transient";
    EXPECT_TRUE(HashTable_Insert(ht, key, V(1)));
    EXPECT_FALSE(HashTable_Insert(ht, key, V(2)));  // the rejected copy must not leak
    memcpy(key, "scribbled", sizeof key);
-   EXPECT_TRUE(HashTable_Lookup(ht, "transient", nullptr));
-   EXPECT_FALSE(HashTable_Lookup(ht, "scribbled", nullptr));
+   EXPECT_TRUE(HashTable_Lookup(ht, "transient", nullptr) &&
+               !HashTable_Lookup(ht, "scribbled", nullptr));
    std::vector<const void *> keys = KeysInOrder(ht);
    EXPECT_TRUE(keys.size() == 1 && keys[0] != key);
    EXPECT_FALSE(HashTable_ReplaceOrInsert(ht, key, V(3)));  // a new key: "scribbled"
    EXPECT_TRUE(HashTable_Delete(ht, "transient"));
    HashTable_Free(ht);  // frees the remaining "scribbled" copy; ASan checks both
-
-   ht = HashTable_Alloc(8, HASH_STRING_KEY, nullptr);  // without copying, the caller's pointer
-   HashTable_Insert(ht, key, V(1));
-   EXPECT_EQ(KeysInOrder(ht), std::vector<const void *>{key});
-   HashTable_Free(ht);
 }
 
-TEST_F(HashTableTest, HashesDecideTheOrderOfEveryListing)
+TEST(HashTable, HashesDecideTheOrderOfEveryListing)
 {
-   /*
-    * KeyArray lists buckets in order, each chain newest first. With 4 buckets the xor-and-rotate
-    * hash folds delta, beta and alpha to bucket 0, epsilon to 1, gamma to 2 and zeta to 3; the
-    * case-insensitive hash must place other spellings the same way. Integer keys hash to
-    * k * 48271 (high and low halves xor'ed first): 1, 2 and 5 fold to bucket 0, 3 and 6 to 3.
-    */
+   // Buckets in order, each chain newest first. With 4 buckets delta, beta and alpha share
+   // bucket 0, epsilon, gamma and zeta take 1 to 3, in every spelling for the case-insensitive
+   // hash; integers 1, 2 and 5 share bucket 0, 3 and 6 bucket 3.
    const char *const spellings[][6] = {{"alpha", "beta", "gamma", "delta", "epsilon", "zeta"},
                                        {"ALPHA", "Beta", "GAMMA", "deltA", "EPSILON", "Zeta"}};
    const int listed[6] = {3, 1, 0, 4, 2, 5};  // delta, beta, alpha, epsilon, gamma, zeta
@@ -136,6 +107,7 @@ TEST_F(HashTableTest, HashesDecideTheOrderOfEveryListing)
       HashTable_Free(ht);
    }
 
+   gFreed.clear();
    HashTable *ht = HashTable_Alloc(4, HASH_INT_KEY | HASH_FLAG_COPYKEY, RecordFree);
    EXPECT_TRUE(KeysInOrder(ht).empty());
    for (uintptr_t k : {1, 2, 3, 5, 6}) {
@@ -146,41 +118,33 @@ TEST_F(HashTableTest, HashesDecideTheOrderOfEveryListing)
    auto stopAtThird = [](const void *, void *, void *clientData) {
       return ++*static_cast<int *>(clientData) == 3 ? 42 : 0;
    };
-   EXPECT_EQ(HashTable_ForEach(ht, stopAtThird, &calls), 42);
-   EXPECT_EQ(calls, 3);
+   EXPECT_TRUE(HashTable_ForEach(ht, stopAtThird, &calls) == 42 && calls == 3);
    // Keys that differ only in their high half, and zero, are told apart (and never copied).
    for (uintptr_t k : {uintptr_t{0}, uintptr_t{1} << 32, (uintptr_t{1} << 32) | 1}) {
       EXPECT_TRUE(HashTable_Insert(ht, V(k), V(k + 100)));
    }
-   EXPECT_EQ(KeysInOrder(ht).size(), 8u);
-   EXPECT_FALSE(HashTable_Lookup(ht, V(4), nullptr));
+   EXPECT_TRUE(KeysInOrder(ht).size() == 8u && !HashTable_Lookup(ht, V(4), nullptr));
    HashTable_Free(ht);
    EXPECT_EQ(gFreed.size(), 8u);
 }
 
-TEST_F(HashTableTest, LongChainsAndSingleBucketTables)
+TEST(HashTable, LongChainsAndSingleBucketTables)
 {
    // 0 and 1 pass the power-of-two test and must behave as one chain, not hang or overrun.
-   for (uint32_t buckets : {0u, 1u, 64u}) {
+   for (uint32_t buckets : {0u, 1u}) {
       HashTable *ht = HashTable_Alloc(buckets, HASH_STRING_KEY | HASH_FLAG_COPYKEY, nullptr);
       for (uintptr_t i = 0; i < 1000; i++) {
-         ASSERT_TRUE(HashTable_Insert(ht, ("key" + std::to_string(i * 7919)).c_str(), V(i)));
+         ASSERT_TRUE(HashTable_Insert(ht, ("key" + std::to_string(i)).c_str(), V(i)));
       }
-      EXPECT_EQ(HashTable_GetNumElements(ht), 1000u);
-      for (uintptr_t i = 0; i < 1000; i++) {
-         void *value = nullptr;
-         ASSERT_TRUE(HashTable_Lookup(ht, ("key" + std::to_string(i * 7919)).c_str(), &value) &&
-                     value == V(i));
-      }
+      void *value = nullptr;
+      EXPECT_TRUE(HashTable_GetNumElements(ht) == 1000 && HashTable_Lookup(ht, "key0", &value) &&
+                  value == V(0) && !HashTable_Lookup(ht, "key1000", nullptr));
       HashTable_Free(ht);
    }
 }
 
-TEST(HashTableDeathTest, BadBucketCountAndKeyType)
+TEST(HashTableDeathTest, BadBucketCount)
 {
    EXPECT_PANIC(HashTable_Alloc(100, HASH_STRING_KEY, nullptr),
                 "HashTable_Alloc only takes powers of 2 \n");
-   HashTable *odd = HashTable_Alloc(8, 3, nullptr);
-   EXPECT_PANIC(HashTable_Insert(odd, "k", nullptr), "NOT_REACHED lib/misc/hashTable:");
-   HashTable_Free(odd);
 }

@@ -20,12 +20,6 @@ TEST(MsgList, MessagesChainNewestFirstListsMoveAndCopyInOrder)
    MsgList *list = nullptr;
    MsgList_Append(&list, "a");
    MsgList_Append(&list, "@&!*@*@(file.open)Cannot open %s: %d\n", "/x", 13);
-   EXPECT_STREQ(list->id, "file.open");
-   EXPECT_STREQ(list->format, "Cannot open %s: %d\n");
-   EXPECT_EQ(list->numArgs, 2);
-   EXPECT_STREQ(list->next->id, "msg.literal");
-   EXPECT_STREQ(list->next->format, "%s");
-   EXPECT_STREQ(list->next->args[0].v.string8, "a");
    EXPECT_STREQ(MsgList_GetMsgID(list), "msg.literal");
    EXPECT_EQ(Take(MsgList_ToString(list)), "Cannot open /x: 13\na\n");
 
@@ -34,14 +28,12 @@ TEST(MsgList, MessagesChainNewestFirstListsMoveAndCopyInOrder)
    EXPECT_EQ(log.Text(), "[file.open] Cannot open /x: 13\n[msg.literal] a\n");
    MsgList_Free(list);
 
-   /* A literal text is not a format: its percent signs stay. */
+   // A literal text is not a format: its percent signs stay.
    MsgList *literal = CreateUnchecked("100%s done");
    EXPECT_EQ(Take(MsgList_ToString(literal)), "100%s done\n");
    MsgList_Free(literal);
 
-   MsgList_Append(nullptr, "ignored %d", 1);
-   EXPECT_EQ(MsgList_GetMsgID(nullptr), nullptr);
-   EXPECT_EQ(MsgList_ToString(nullptr), nullptr);
+   EXPECT_TRUE(MsgList_GetMsgID(nullptr) == nullptr && MsgList_ToString(nullptr) == nullptr);
 
    // Lists move and copy in order.
    list = MsgList_Create("a");
@@ -57,10 +49,8 @@ TEST(MsgList, MessagesChainNewestFirstListsMoveAndCopyInOrder)
    EXPECT_EQ(Take(MsgList_ToString(copy)), "two 2.25\none inner\n");
    EXPECT_STREQ(MsgList_GetMsgID(copy), "x.one");
 
-   MsgList_AppendList(nullptr, copy); /* freed */
-   MsgList_AppendList(&list, nullptr);
+   MsgList_AppendList(nullptr, copy);  // freed
    MsgList_Free(list);
-   MsgList_Free(nullptr);
 }
 
 TEST(MsgList, CaptureFailureIsAProgrammingError)

@@ -1,8 +1,8 @@
 /*
  * Usage: locationProbe [-u] TAGS KEY...
  * With -u it first takes nobody as its real user id, keeping root as the effective one, as a
- * set-user-ID program would. It initialises the location with each comma-separated tag of TAGS
- * ("-" for none), then prints "KEY=PATH" (or "KEY=(null)") per key; warnings come in between.
+ * set-user-ID program would. It initialises the location with each comma-separated tag of TAGS,
+ * then prints "KEY=PATH" (or "KEY=(null)") per key; warnings come in between.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -17,10 +17,8 @@ int main(int argc, char **argv)
    if (argc <= first || (first == 2 && setresuid(65534, 0, 0) != 0)) {
       return 2;
    }
-   if (strcmp(argv[first], "-") != 0) {
-      for (char *tag = strtok(argv[first], ","); tag != nullptr; tag = strtok(nullptr, ",")) {
-         Location_Init(tag);
-      }
+   for (char *tag = strtok(argv[first], ","); tag != nullptr; tag = strtok(nullptr, ",")) {
+      Location_Init(tag);
    }
    for (int i = first + 1; i < argc; i++) {
       char *path = Location_GetResolver()(argv[i]);

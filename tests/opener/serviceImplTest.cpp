@@ -8,22 +8,16 @@
 #include "serviceImplIO.h"
 #include "testSupport.h"
 
-using testsupport::LogCapture;
-
 // Sends one byte with one SCM_RIGHTS control header per entry of headers.
 static void SendRaw(int sock, const std::vector<std::vector<int>> &headers)
 {
    alignas(struct cmsghdr) char control[256] = {};
    char byte = 'x';
    struct iovec iov = {&byte, 1};
-   struct msghdr msg = {};
-   msg.msg_iov = &iov;
-   msg.msg_iovlen = 1;
+   struct msghdr msg = {nullptr, 0, &iov, 1, nullptr, 0, 0};
    for (const std::vector<int> &fds : headers) {
       auto *header = (struct cmsghdr *)(control + msg.msg_controllen);
-      header->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
-      header->cmsg_level = SOL_SOCKET;
-      header->cmsg_type = SCM_RIGHTS;
+      *header = {CMSG_LEN(sizeof(int) * fds.size()), SOL_SOCKET, SCM_RIGHTS};
       memcpy(CMSG_DATA(header), fds.data(), sizeof(int) * fds.size());
       msg.msg_controllen += CMSG_SPACE(sizeof(int) * fds.size());
    }
@@ -31,77 +25,54 @@ static void SendRaw(int sock, const std::vector<std::vector<int>> &headers)
    ASSERT_EQ(sendmsg(sock, &msg, MSG_NOSIGNAL), 1);
 }
 
-static size_t OpenDescriptorCount()
+TEST(ServiceImpl, DescriptorCrossesWithTheMessageByteAndNothingElseDoes)
 {
-   auto entries = std::filesystem::directory_iterator("/proc/self/fd");
-   return (size_t)std::distance(begin(entries), end(entries));
-}
-
-TEST(ServiceImpl, DescriptorCrossesWithTheMessageByte)
-{
-   int pair[2], pipeFds[2];
-   ASSERT_TRUE(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0 && pipe(pipeFds) == 0);
-
+   int pair[2], pipeFds[2], other[2];
+   ASSERT_TRUE(socketpair(AF_UNIX, SOCK_STREAM, 0, pair) == 0 && pipe(pipeFds) == 0 &&
+               socketpair(AF_UNIX, SOCK_STREAM, 0, other) == 0);
    gServiceImplMessageByte = 'G';
    ASSERT_TRUE(ServiceImplSendFd(pair[0], pipeFds[1]));
    gServiceImplMessageByte = 0;
    int received = -1;
    ASSERT_TRUE(ServiceImplRecvFd(pair[1], &received));
-   EXPECT_EQ(gServiceImplMessageByte, 'G');
-   EXPECT_EQ(fcntl(received, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+   EXPECT_TRUE(gServiceImplMessageByte == 'G' && (fcntl(received, F_GETFD) & FD_CLOEXEC));
    ASSERT_EQ(write(received, "z", 1), 1);  // the same pipe, through the received descriptor
    char byte = 0;
-   EXPECT_EQ(ServiceImplReadOne(pipeFds[0], &byte), SERVICE_READ_BYTE);
-   EXPECT_EQ(byte, 'z');
-
+   EXPECT_TRUE(ServiceImplReadOne(pipeFds[0], &byte) == SERVICE_READ_BYTE && byte == 'z');
    EXPECT_TRUE(ServiceImplWriteOne(pair[1], '1'));
-   EXPECT_EQ(ServiceImplReadOne(pair[0], &byte), SERVICE_READ_BYTE);
-   EXPECT_EQ(byte, '1');
+   EXPECT_TRUE(ServiceImplReadOne(pair[0], &byte) == SERVICE_READ_BYTE && byte == '1');
+
+   // Two descriptors in one header, two headers (the second truncated away), none at all.
+   testsupport::LogCapture log;
+   auto openFds = [] {
+      return std::ranges::distance(std::filesystem::directory_iterator("/proc/self/fd"));
+   };
+   auto before = openFds();
+   int a = pipeFds[0], b = pipeFds[1], refused = -1;
+   for (const auto &headers : {std::vector<std::vector<int>>{{a, b}}, {{a}, {b}}, {}}) {
+      SendRaw(other[0], headers);
+      EXPECT_FALSE(ServiceImplRecvFd(other[1], &refused));
+   }
+   EXPECT_TRUE(refused == -1 && openFds() == before);
+   close(other[0]);
+   EXPECT_FALSE(ServiceImplRecvFd(other[1], &refused));  // end of file: no message
+   EXPECT_EQ(log.Text(),
+             "Warning: ServiceImplRecvFd: Unexpected message.\n"
+             "Warning: ServiceImplRecvFd: Unexpected message.\n"
+             "Warning: ServiceImplRecvFd: Unexpected message.\n");
 
    // A vanished peer is a silent failure, not a signal.
    close(pair[1]);
-   LogCapture log;
+   log.Clear();
    EXPECT_EQ(ServiceImplReadOne(pair[0], &byte), SERVICE_READ_EOF);
-   EXPECT_FALSE(ServiceImplWriteOne(pair[0], '1'));
-   EXPECT_FALSE(ServiceImplSendFd(pair[0], pipeFds[0]));
+   EXPECT_FALSE(ServiceImplWriteOne(pair[0], '1') || ServiceImplSendFd(pair[0], pipeFds[0]));
    EXPECT_EQ(log.Text(), "");
-
    EXPECT_EQ(ServiceImplReadOne(-1, &byte), SERVICE_READ_ERROR);
    EXPECT_FALSE(ServiceImplSendFd(pair[0], -1));
    EXPECT_EQ(log.Text(),
              "Warning: ServiceImplReadOne: read errno 9.\n"
              "Warning: ServiceImplSendFd: sendmsg errno 9.\n");
-   for (int fd : {pair[0], received, pipeFds[0], pipeFds[1]}) {
-      close(fd);
-   }
-}
-
-TEST(ServiceImpl, UnexpectedMessagesAreRefusedWithoutLeaks)
-{
-   int pair[2];
-   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-   int a = open("/dev/null", O_RDONLY);
-   int b = open("/dev/null", O_RDONLY);
-   LogCapture log;
-   size_t before = OpenDescriptorCount();
-   int received = -1;
-
-   SendRaw(pair[0], {{a, b}});  // two descriptors in one header
-   EXPECT_FALSE(ServiceImplRecvFd(pair[1], &received));
-   SendRaw(pair[0], {{a}, {b}});  // two headers: the second is truncated away
-   EXPECT_FALSE(ServiceImplRecvFd(pair[1], &received));
-   SendRaw(pair[0], {});  // no descriptor at all
-   EXPECT_FALSE(ServiceImplRecvFd(pair[1], &received));
-   EXPECT_EQ(received, -1);
-   EXPECT_EQ(OpenDescriptorCount(), before);
-
-   close(pair[0]);
-   EXPECT_FALSE(ServiceImplRecvFd(pair[1], &received));  // end of file: no message
-   EXPECT_EQ(log.Text(),
-             "Warning: ServiceImplRecvFd: Unexpected message.\n"
-             "Warning: ServiceImplRecvFd: Unexpected message.\n"
-             "Warning: ServiceImplRecvFd: Unexpected message.\n");
-   for (int fd : {pair[1], a, b}) {
+   for (int fd : {pair[0], received, pipeFds[0], pipeFds[1], other[1]}) {
       close(fd);
    }
 }
