@@ -16,7 +16,12 @@ struct Line {
        : next(DictLL_UnmarshalLineEx(text, size, &line, &lineLength, &name, &value, &valueLength))
    {
    }
-   ~Line() { free(line), free(name), free(value); }
+   ~Line()
+   {
+      free(line);
+      free(name);
+      free(value);
+   }
 };
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

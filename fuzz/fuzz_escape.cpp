@@ -36,7 +36,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
    char *escaped = static_cast<char *>(Escape_Do(esc, table, text, length, &escapedSize));
    char *back = static_cast<char *>(Escape_Undo(esc, escaped, escapedSize, &undoneSize));
    Check(back != nullptr && undoneSize == length && memcmp(back, text, length) == 0);
-   free(back), free(escaped);
+   free(back);
+   free(escaped);
 
    // The NUL-terminated routines see the text up to its first NUL.
    std::string cstring(text, strnlen(text, length));

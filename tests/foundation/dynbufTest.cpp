@@ -19,7 +19,8 @@ TEST(DynBuf, EditsAndFailuresThatLeaveTheBufferIntact)
       ASSERT_TRUE(DynBuf_Insert(&b, offset, text, 1));
    }
    ASSERT_TRUE(DynBuf_Insert(&b, 2, nullptr, 0));
-   DynBuf_SafeAppend(&b, "!", 1), DynBuf_SafeInsert(&b, 0, "^", 1);
+   DynBuf_SafeAppend(&b, "!", 1);
+   DynBuf_SafeInsert(&b, 0, "^", 1);
    ASSERT_TRUE(DynBuf_Trim(&b) && b.allocated == b.size);  // a full buffer grows for the NUL
    EXPECT_EQ(Take(DynBuf_DetachString(&b)), "^<he-ld>!");
    EXPECT_TRUE(b.data == nullptr && b.allocated == 0 && b.size == 9);  // the size stays

@@ -72,7 +72,9 @@ TEST(ExpandString, UserWithoutPasswdEntryFallsBackToHome)
    // The child becomes a user unknown to the password database.
    EXPECT_TRUE(testsupport::InChild([] {
       LogCapture log;
-      unsetenv("CFFIXED_USER_HOME"), unsetenv("USER"), setenv("HOME", "/h", 1);
+      unsetenv("CFFIXED_USER_HOME");
+      unsetenv("USER");
+      setenv("HOME", "/h", 1);
       bool ok = setgid(54321) == 0 && setuid(54321) == 0 && Expand("~/x") == "/h/x" &&
                 Expand("$USER") == "unknown";
       unsetenv("HOME");

@@ -1,3 +1,6 @@
+#include <stdio.h>
+#include <unistd.h>
+
 #include <filesystem>
 
 #include "testSupport.h"

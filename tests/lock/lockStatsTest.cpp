@@ -98,12 +98,15 @@ TEST(MXUserStats, ModesAndThePerLockReport)
    MXUser_SetContentionRatio(-1.0, 1, 0);
    MXUserExclLock *lock = MXUser_CreateExclLock("counted", 0x77);
    for (int i = 0; i < 3; i++) {
-      MXUser_AcquireExclLock(lock), MXUser_AcquireExclLock(lock);  // nesting: no new acquisition
-      MXUser_ReleaseExclLock(lock), MXUser_ReleaseExclLock(lock);
+      MXUser_AcquireExclLock(lock);
+      MXUser_AcquireExclLock(lock);  // nesting: no new acquisition
+      MXUser_ReleaseExclLock(lock);
+      MXUser_ReleaseExclLock(lock);
    }
    EXPECT_TRUE(MXUser_TryAcquireExclLock(lock));
    MXUser_ReleaseExclLock(lock);
-   MXUser_AcquireRecLock(acquisitionsOnly), MXUser_ReleaseRecLock(acquisitionsOnly);
+   MXUser_AcquireRecLock(acquisitionsOnly);
+   MXUser_ReleaseRecLock(acquisitionsOnly);
    {
       testsupport::LogCapture log;
       MXUser_PerLockData();
@@ -122,7 +125,8 @@ TEST(MXUserStats, ModesAndThePerLockReport)
    MXUser_DestroyExclLock(plain);
    MXUser_DestroyRecLock(acquisitionsOnly);
 
-   MXUser_AcquireExclLock(lock), MXUser_ReleaseExclLock(lock);
+   MXUser_AcquireExclLock(lock);
+   MXUser_ReleaseExclLock(lock);
    gLines.clear();
    MXUser_PerLockData();
    EXPECT_EQ(CountMatching("^MXUser: n "), 0u);

@@ -39,13 +39,17 @@ TEST(MXUser, LocksAreNamedAfterTheCreatingCodeAndShared)
    EXPECT_GT(x->header.serialNumber, a1->header.serialNumber);
 
    // Two references: the first destroy leaves a working lock, which nests for its owner.
-   MXUser_IncRefRecLock(a1), MXUser_DestroyRecLock(a1);
+   MXUser_IncRefRecLock(a1);
+   MXUser_DestroyRecLock(a1);
    MXUser_AcquireRecLock(a1);
    EXPECT_TRUE(MXUser_TryAcquireRecLock(a1));
    MXUser_ReleaseRecLock(a1);
    EXPECT_TRUE(MXUser_IsCurThreadHoldingRecLock(a1));
-   MXUser_ReleaseRecLock(a1), MXUser_DecRefRecLock(a1);
-   MXUser_DestroyRecLock(a2), MXUser_DestroyRecLock(b), MXUser_DestroyExclLock(x);
+   MXUser_ReleaseRecLock(a1);
+   MXUser_DecRefRecLock(a1);
+   MXUser_DestroyRecLock(a2);
+   MXUser_DestroyRecLock(b);
+   MXUser_DestroyExclLock(x);
 }
 
 TEST(MXUser, EveryFaultDumpsTheLockAndPanics)
@@ -66,7 +70,9 @@ TEST(MXUser, EveryFaultDumpsTheLockAndPanics)
    };
    fault(
        [&] {
-          MXUser_AcquireExclLock(held), MXUser_AcquireExclLock(held), MXUser_DestroyExclLock(held);
+          MXUser_AcquireExclLock(held);
+          MXUser_AcquireExclLock(held);
+          MXUser_DestroyExclLock(held);
        },
        DumpLines("MXUserDumpExclLock: Exclusive", held, held->header, "", 2,
                  &held->recursiveLock.owner) +
@@ -74,18 +80,25 @@ TEST(MXUser, EveryFaultDumpsTheLockAndPanics)
    // The first destroy drops a reference only, so the check comes with the second.
    fault(
        [&] {
-          MXUser_IncRefRecLock(shared), MXUser_AcquireRecLock(shared),
-              MXUser_DestroyRecLock(shared), MXUser_DestroyRecLock(shared);
+          MXUser_IncRefRecLock(shared);
+          MXUser_AcquireRecLock(shared);
+          MXUser_DestroyRecLock(shared);
+          MXUser_DestroyRecLock(shared);
        },
        DumpLines("MXUserDumpRecLock: Recursive", shared, shared->header,
                  ".*Warning: \treference count 0\n", 1, &shared->recursiveLock.owner) +
            ".*Panic: MXUserCondDestroyRecLock: Destroy of an acquired recursive lock\n");
-   EXPECT_PANIC((MXUser_AcquireExclLock(other), MXUser_WaitCondVarExclLock(other, cv)),
-                "MXUserWaitCondVar: invalid use of lock other with condVar " + cvText);
+   EXPECT_PANIC(
+       {
+          MXUser_AcquireExclLock(other);
+          MXUser_WaitCondVarExclLock(other, cv);
+       },
+       "MXUserWaitCondVar: invalid use of lock other with condVar " + cvText);
    EXPECT_PANIC(
        {
           std::thread([&] {
-             MXUser_AcquireExclLock(held), MXUser_WaitCondVarExclLock(held, cv);
+             MXUser_AcquireExclLock(held);
+             MXUser_WaitCondVarExclLock(held, cv);
           }).detach();
           while (cv->referenceCount.load() == 0) {
              std::this_thread::yield();
@@ -93,10 +106,20 @@ TEST(MXUser, EveryFaultDumpsTheLockAndPanics)
           MXUser_DestroyCondVar(cv);
        },
        "MXUser_DestroyCondVar: Attempted destroy on active condVar " + cvText);
-   EXPECT_PANIC((MXUser_SetStatsMode(3), MXUser_CreateExclLock("x", 0)),
-                "MXUser_CreateExclLock: unknown stats mode: 3!\n");
-   EXPECT_PANIC((gMXUserSerialCounter.store(0), MXUser_CreateExclLock("x", 0)),
-                "MXUserAllocSerialNumber: too many locks!\n");
-   MXUser_DestroyCondVar(cv), MXUser_DestroyRecLock(shared);
-   MXUser_DestroyExclLock(other), MXUser_DestroyExclLock(held);
+   EXPECT_PANIC(
+       {
+          MXUser_SetStatsMode(3);
+          MXUser_CreateExclLock("x", 0);
+       },
+       "MXUser_CreateExclLock: unknown stats mode: 3!\n");
+   EXPECT_PANIC(
+       {
+          gMXUserSerialCounter.store(0);
+          MXUser_CreateExclLock("x", 0);
+       },
+       "MXUserAllocSerialNumber: too many locks!\n");
+   MXUser_DestroyCondVar(cv);
+   MXUser_DestroyRecLock(shared);
+   MXUser_DestroyExclLock(other);
+   MXUser_DestroyExclLock(held);
 }

@@ -31,9 +31,11 @@ TEST(MXUserThreads, LocksExcludeOtherThreadsNestForTheOwnerAndCountEveryAttempt)
    std::atomic<uint64_t> failedTries{0};
    RunThreads(4, [&](int) {
       for (int n = 0; n < 10000; n++) {
-         MXUser_AcquireRecLock(rec), MXUser_AcquireRecLock(rec);
+         MXUser_AcquireRecLock(rec);
+         MXUser_AcquireRecLock(rec);
          recCount++;
-         MXUser_ReleaseRecLock(rec), MXUser_ReleaseRecLock(rec);
+         MXUser_ReleaseRecLock(rec);
+         MXUser_ReleaseRecLock(rec);
          if (n % 7 != 0 || !MXUser_TryAcquireExclLock(excl)) {
             failedTries += n % 7 == 0;
             MXUser_AcquireExclLock(excl);
@@ -46,7 +48,8 @@ TEST(MXUserThreads, LocksExcludeOtherThreadsNestForTheOwnerAndCountEveryAttempt)
    MXUserAcquisitionStats *acquired = excl->acquireStatsMem.load();
    EXPECT_TRUE(acquired->numAttempts == 40000 + failedTries && acquired->numSuccesses == 40000 &&
                excl->heldStatsMem.load()->basicStats.numSamples == 40000);
-   MXUser_DestroyRecLock(rec), MXUser_DestroyExclLock(excl);
+   MXUser_DestroyRecLock(rec);
+   MXUser_DestroyExclLock(excl);
 }
 
 /* One waiter uses a long time-out: it must wake as early as the others. */
@@ -60,14 +63,17 @@ TEST(MXUserThreads, WaitersWakeOnSignalAndBroadcastWithTheirNesting)
       for (bool all = false; i == 3 && !all; std::this_thread::yield()) {  // the signaller
          MXUser_AcquireRecLock(lock);
          if ((all = ready == 3)) {
-            woken = 1, MXUser_SignalCondVar(cv), MXUser_BroadcastCondVar(cv);
+            woken = 1;
+            MXUser_SignalCondVar(cv);
+            MXUser_BroadcastCondVar(cv);
          }
          MXUser_ReleaseRecLock(lock);
       }
       if (i == 3) {
          return;
       }
-      MXUser_AcquireRecLock(lock), MXUser_AcquireRecLock(lock);
+      MXUser_AcquireRecLock(lock);
+      MXUser_AcquireRecLock(lock);
       ready++;
       while (woken == 0) {
          i == 0 ? MXUser_TimedWaitCondVarRecLock(lock, cv, 10000)
@@ -80,7 +86,8 @@ TEST(MXUserThreads, WaitersWakeOnSignalAndBroadcastWithTheirNesting)
    });
    EXPECT_EQ(woken, 4);
    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
-   MXUser_DestroyCondVar(cv), MXUser_DestroyRecLock(lock);
+   MXUser_DestroyCondVar(cv);
+   MXUser_DestroyRecLock(lock);
 }
 
 /* A timed wait returns after its time-out with the owner's nesting intact. */
@@ -98,5 +105,6 @@ TEST(MXUserThreads, ExclusiveLockNestsThroughTimedWaits)
    std::thread([&] { EXPECT_FALSE(MXUser_TryAcquireExclLock(lock)); }).join();
    MXUser_ReleaseExclLock(lock);
    EXPECT_FALSE(MXUser_IsCurThreadHoldingExclLock(lock));
-   MXUser_DestroyCondVar(cv), MXUser_DestroyExclLock(lock);
+   MXUser_DestroyCondVar(cv);
+   MXUser_DestroyExclLock(lock);
 }

@@ -33,7 +33,9 @@ TEST(UnicodeAlloc, FromEncodings)
    char **copy = Unicode_AllocList(list, -1, STRING_ENCODING_UTF8);
    EXPECT_TRUE(strcmp(copy[1], b) == 0 && copy[2] == nullptr);
    EXPECT_EQ(Unicode_GetAllocList(copy, 2, STRING_ENCODING_US_ASCII), nullptr);
-   free(copy[0]), free(copy[1]), free(copy);
+   free(copy[0]);
+   free(copy[1]);
+   free(copy);
 }
 
 TEST(UnicodeBytes, GetAllocBytesAndValidity)
