@@ -134,11 +134,10 @@ TEST_F(MsgTest, SettingsAnswerAndSilence)
    LogCapture log;
    EXPECT_EQ(Msg_Question(Msg_OKCancelButtons, 0, "@&!*@*@(msg.q1)Go on?"), 1u);
    EXPECT_THAT(log.Text(), HasSubstr("MsgIsAnswered: Using config default 'Cancel' as the answer "
-                                     "for 'msg.q1'\n"));
+                                     "for 'msg.q1'\nMsgQuestion: msg.q1 reply=1\n"));
 
    // A setting naming no button falls back to msg.autoAnswer.
    Preference_SetFromString("msg.autoAnswer=TRUE", true);
-   log.Clear();
    EXPECT_EQ(Msg_Question(Msg_OKCancelButtons, 1, "@&!*@*@(msg.q2)Really?"), 1u);
    EXPECT_THAT(log.Text(), HasSubstr("MsgIsAnswered: Using builtin default 'Cancel' as the answer "
                                      "for 'msg.q2'\n"));
@@ -146,7 +145,6 @@ TEST_F(MsgTest, SettingsAnswerAndSilence)
    Preference_SetFromString("msg.autoAnswer=FALSE", true);
    Preference_SetFromString("msg.noOK=TRUE", true);
    Record();
-   log.Clear();
    Msg_Post(MSG_INFO, "@&!*@*@(msg.i)Info text");
    EXPECT_THAT(log.Text(), HasSubstr("Warning: MSG: Info text\n"));
    Msg_Post(MSG_ERROR, "@&!*@*@(msg.e)Error text");
