@@ -26,14 +26,8 @@ expect 1 "" get "$cfg" missing; expect_err '"missing" is not set'
 expect 0 "7" get "$cfg" missing --type long --default 7
 expect 1 "" get "$cfg" missing --type bool --default perhaps; expect_err 'not a valid boolean'
 
-expect 0 "" set "$cfg" count 13
-expect 0 "" set "$cfg" added "two words | \"quoted\""
-expect 0 "two words | \"quoted\"" get "$cfg" added
 expect 0 "" unset "$cfg" flag
 expect 1 "" unset "$cfg" flag; expect_err '"flag" is not set'
-
-expect 0 "" set "$work/new" a b
-expect 0 "b" get "$work/new" a
 
 "$tool" dump "$cfg" | grep -q '^DICT  *name = "value"$' || fail "dump shows no entry"
 
