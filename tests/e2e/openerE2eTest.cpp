@@ -30,7 +30,7 @@ TEST_F(OpenerE2e, ConcurrentOpenersStartOneRootDaemonWithNothingOfTheCallers)
                        "ENV=/tmp/y", "SHELLOPTS=xtrace", "NOEQUALS"});
    std::vector<Child> openers;
    for (int i = 0; i < 64; i++) {
-      openers.push_back(Start(options));
+      openers.push_back(Opener(options));
    }
    for (Child &opener : openers) {
       std::string output;
@@ -71,9 +71,7 @@ TEST_F(OpenerE2e, ConcurrentOpenersStartOneRootDaemonWithNothingOfTheCallers)
           << fd;
    }
    for (const std::string &path : {kSocketPath, kLockPath}) {
-      struct stat st;
-      EXPECT_TRUE(lstat(path.c_str(), &st) == 0 && (st.st_mode & 07777) == 0600 && st.st_uid == 0)
-          << path;
+      EXPECT_TRUE(OwnedByRootWithMode(path, 0600)) << path;
    }
    std::string lines = ReadFile(bundle_ + "/out");
    EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 64);
@@ -103,14 +101,14 @@ TEST_F(OpenerE2e, StaleSocketsAndMisbehavingDaemons)
 // is refused.
 TEST_F(OpenerE2e, ArgumentCountSelectsTheMode)
 {
-   Child opener = Opener({"1", "2"});
+   Child opener = Opener({}, {"1", "2"});
    std::string output;
    EXPECT_EQ(Finish(opener, &output), 1);
    EXPECT_EQ(output, "ServiceImpl_Opener: PID " + std::to_string(opener.pid) +
                          "\nWarning: Invalid number of arguments.\n");
    EXPECT_TRUE(ProcessesRunning(kDaemonPath).empty());
 
-   Child shell = Opener({});
+   Child shell = Opener({}, {});
    std::string pid = std::to_string(shell.pid);
    auto logged = [&](const std::string &text) {
       return WaitFor([&] { return ReadFile(kLogPath).find(text) != std::string::npos; });
