@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <iterator>
 #include <regex>
-#include <sstream>
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
@@ -42,11 +42,6 @@ LogCapture::~LogCapture()
 std::string LogCapture::Raw() const
 {
    return ReadFile("/proc/self/fd/" + std::to_string(fd_));  // a fresh read from the start
-}
-
-std::string LogCapture::Text() const
-{
-   return StripStamps(Raw());
 }
 
 void LogCapture::Clear()
@@ -107,9 +102,7 @@ std::string Take(char *s)
 std::string ReadFile(const std::string &path)
 {
    std::ifstream in(path, std::ios::binary);
-   std::stringstream s;
-   s << in.rdbuf();
-   return s.str();
+   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 void WriteFile(const std::string &path, const std::string &data)

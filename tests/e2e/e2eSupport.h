@@ -126,6 +126,14 @@ inline int UnixSocket(const std::string &path, bool connectTo = false, int flags
               : (close(fd), -1);
 }
 
+// True when path itself (not what it links to) is owned by root:root with exactly mode.
+inline bool OwnedByRootWithMode(const std::string &path, mode_t mode)
+{
+   struct stat st;
+   return lstat(path.c_str(), &st) == 0 && st.st_uid == 0 && st.st_gid == 0 &&
+          (st.st_mode & 07777) == mode;
+}
+
 struct Child {
    pid_t pid;
    std::string output;  // the file holding its standard output and error
@@ -177,8 +185,10 @@ class OpenerE2e : public ::testing::Test {
       close(out_);
    }
 
-   // Starts the opener under a mask it must replace, with out_ as descriptor kPassAs.
-   Child Opener(const std::vector<std::string> &args, const RunOptions &options = {})
+   // Starts the opener (by default in descriptor mode) under a mask it must replace, with out_
+   // as descriptor kPassAs.
+   Child Opener(const RunOptions &options = {},
+                const std::vector<std::string> &args = {std::to_string(kPassAs)})
    {
       // Built before the fork: the child only execs.
       std::vector<char *> argv = {const_cast<char *>(opener_.c_str())}, envp;
@@ -221,15 +231,11 @@ class OpenerE2e : public ::testing::Test {
       return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
    }
 
-   // The opener in descriptor mode.
-   Child Start(const RunOptions &options = {})
-   {
-      return Opener({std::to_string(kPassAs)}, options);
-   }
+   // One descriptor-mode hand-over: the opener's status, its output in *output.
    int HandOver(const RunOptions &options = {}, std::string *output = nullptr,
                 int timeoutMs = kTimeoutMs)
    {
-      return Finish(Start(options), output, timeoutMs);
+      return Finish(Opener(options), output, timeoutMs);
    }
 
    /*
@@ -243,7 +249,7 @@ class OpenerE2e : public ::testing::Test {
       unlink(kSocketPath.c_str());
       int listener = UnixSocket(kSocketPath);
       EXPECT_EQ(listen(listener, 4), 0);
-      Child opener = Start();
+      Child opener = Opener();
       std::vector<int> held = {listener};
       struct pollfd ready = {listener, POLLIN, 0};
       for (size_t i = 0; i < script.size() && poll(&ready, 1, kTimeoutMs) == 1; i++) {

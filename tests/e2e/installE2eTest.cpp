@@ -3,9 +3,7 @@
  * copied into the services directory and the daemon starts from the copy; every bad bundle is
  * refused before anything of it runs as root.
  */
-#include <stdio.h>
-#include <string.h>
-
+#include <stdlib.h>
 
 #include "codesignTestSupport.h"
 #include "e2eSupport.h"
@@ -60,12 +58,6 @@ class InstallE2e : public OpenerE2e {
       }
    }
 
-   // One descriptor-mode hand-over by nobody; its status, its output in *output.
-   int Run(std::string *output, const RunOptions &options = {})
-   {
-      return HandOver(options, output);
-   }
-
    std::string app_;
 };
 
@@ -73,29 +65,24 @@ TEST_F(InstallE2e, InstallsAVerifiedRootOwnedCopyAndStartsTheDaemonFromIt)
 {
    cstest::WriteFile(kServicesDir + "/stale", "left from an older version");
    std::string output;
-   ASSERT_EQ(Run(&output), 0) << output;
+   ASSERT_EQ(HandOver({}, &output), 0) << output;
    EXPECT_EQ(ProcessesRunning(kDaemonPath).size(), 1u);
    EXPECT_TRUE(ProcessesRunning(app_ + kDaemon).empty());
    EXPECT_FALSE(fs::exists(kServicesDir + "/stale"));
-   auto rootsWithMode = [](const std::string &path, mode_t mode) {
-      struct stat st;
-      return lstat(path.c_str(), &st) == 0 && st.st_uid == 0 && st.st_gid == 0 &&
-             (st.st_mode & 07777) == mode;
-   };
    for (const char *file : kFiles) {
       std::string dst = kServicesDir + "/Contents/Library/" + file;
-      EXPECT_TRUE(rootsWithMode(dst, dst.ends_with("productInfo") ? 0644 : 0755)) << dst;
+      EXPECT_TRUE(OwnedByRootWithMode(dst, dst.ends_with("productInfo") ? 0644 : 0755)) << dst;
       EXPECT_EQ(cstest::Check(dst, nullptr, true), CODESIGN_OK) << dst;
    }
    for (const char *dir : {"", "/Contents", "/Contents/Library", "/Contents/Library/kexts",
                            "/Contents/Library/services"}) {
-      EXPECT_TRUE(rootsWithMode(kServicesDir + dir, 0755)) << dir;
+      EXPECT_TRUE(OwnedByRootWithMode(kServicesDir + dir, 0755)) << dir;
    }
    EXPECT_EQ(ReadFile(kDaemonPath), ReadFile(app_ + kDaemon));
    EXPECT_EQ(fs::read_symlink(kServicesDir + kKext + "/Contents/current"), "MacOS/quillmod");
    // A running daemon is found again; the bundle is not read.
    cstest::WriteFile(app_ + kDaemon, "tampered after the start");
-   EXPECT_EQ(Run(&output), 0) << output;
+   EXPECT_EQ(HandOver({}, &output), 0) << output;
 }
 
 // Each case spoils a freshly signed bundle; the opener exits 1 and no daemon runs.
@@ -103,9 +90,6 @@ TEST_F(InstallE2e, RefusesEveryBadBundle)
 {
    using Bytes = std::string &;
    using S = const std::string &;
-   auto edit = [](std::function<void(Bytes)> change) {
-      return [=](S app) { cstest::Edit(app + kDaemon, change); };
-   };
    auto sign = [](const char *identifier, Signer signer) {
       return [=](S app) { cstest::Sign(app + kDaemon, identifier, signer); };
    };
@@ -115,19 +99,15 @@ TEST_F(InstallE2e, RefusesEveryBadBundle)
    auto write = [](S relative, const char *text, mode_t mode = 0644) {
       return [=](S app) { cstest::WriteFile(app + relative, text, mode); };
    };
-   const size_t kMarker = CODESIGN_MARKER_LEN, kTrailer = CODESIGN_INFO_LEN + kMarker;
    const std::string kMacOS = kKext + "/Contents/MacOS", kLink = kKext + "/Contents/current";
-   // The first eight damage the daemon's signature, which is logged with code 7.
+   // The first five damage the daemon's signature, which is logged with code 7.
    // clang-format off
    const std::pair<const char *, std::function<void(S)>> cases[] = {
        {"unsigned daemon", [](S a) { fs::copy_file(E2E_SERVICES, a + kDaemon, kOverwrite); }},
-       {"one byte changed after signing", edit([](Bytes b) { b[64] ^= 1; })},
+       {"one byte altered", [](S a) { cstest::Edit(a + kDaemon, [](Bytes b) { b[64] ^= 1; }); }},
        {"wrong identifier", sign("tesmar-id", Signer::kMaker)},
        {"untrusted CA", sign("BRIX Services", Signer::kUntrusted)},
        {"leaf without the maker's name", sign("BRIX Services", Signer::kForeign)},
-       {"truncated blob", edit([&](Bytes b) { b.erase(b.size() - kTrailer - 1, 1); })},
-       {"oversized blob length", edit([&](Bytes b) { b[b.size() - kMarker - 4] ^= 1; })},
-       {"length outside the file", edit([&](Bytes b) { b[b.size() - kMarker - 3] ^= 1; })},
        {"daemon owned by a user", own(kDaemon, kNobody, 0)},
        {"daemon group not root", own(kDaemon, 0, kNobody)},
        {"symbolic link to a signed daemon", [](S a) {
@@ -146,11 +126,11 @@ TEST_F(InstallE2e, RefusesEveryBadBundle)
       MakeBundle();
       spoil(app_);
       std::string output;
-      EXPECT_EQ(Run(&output), 1) << output;
+      EXPECT_EQ(HandOver({}, &output), 1) << output;
       EXPECT_TRUE(ProcessesRunning(kDaemonPath).empty() &&
                   ProcessesRunning(app_ + kDaemon).empty() &&
                   ProcessesRunning(app_ + "/real").empty());
-      if (i < 8) {
+      if (i < 5) {
          EXPECT_THAT(output, HasSubstr("PrivilegedHelper: Failed to verify the code signature of " +
                                        app_ + kDaemon + " due to 7"));
       }
@@ -170,33 +150,25 @@ TEST_F(InstallE2e, CallersLoaderVariablesHaveNoEffect)
    fs::copy_file(PRELOAD_PROBE, probeDir + "/libc.so.6");
    fs::remove(PRELOAD_MARKER);
    // The probe works: an ordinary program loads it.
-   std::string control = "LD_PRELOAD='" + probeDir + "/probe.so' /bin/true";
-   ASSERT_EQ(system(control.c_str()), 0);
+   ASSERT_EQ(system(("LD_PRELOAD='" + probeDir + "/probe.so' /bin/true").c_str()), 0);
    ASSERT_TRUE(fs::exists(PRELOAD_MARKER));
    fs::remove(PRELOAD_MARKER);
 
    // The opener is static: there is no loader to read the variables.
-   FILE *elf = popen(("readelf -d '" + opener_ + "'").c_str(), "r");
-   ASSERT_NE(elf, nullptr);
-   char line[512];
-   std::string dynamic;
-   while (fgets(line, sizeof line, elf) != nullptr) {
-      dynamic += line;
-   }
-   pclose(elf);
-   EXPECT_NE(dynamic.find("no dynamic section"), std::string::npos) << dynamic;
+   std::string elf = bundle_ + "/readelf";
+   ASSERT_EQ(system(("readelf -d '" + opener_ + "' > '" + elf + "'").c_str()), 0);
+   EXPECT_THAT(ReadFile(elf), HasSubstr("no dynamic section"));
 
    RunOptions options;
-   options.env.push_back("LD_PRELOAD=" + probeDir + "/probe.so");
-   options.env.push_back("LD_LIBRARY_PATH=" + probeDir);
+   options.env.insert(options.env.end(),
+                      {"LD_PRELOAD=" + probeDir + "/probe.so", "LD_LIBRARY_PATH=" + probeDir});
    std::string output;
-   EXPECT_EQ(Run(&output, options), 0) << output;
+   EXPECT_EQ(HandOver(options, &output), 0) << output;
    EXPECT_FALSE(fs::exists(PRELOAD_MARKER));
    std::vector<pid_t> daemons = ProcessesRunning(kDaemonPath);
    ASSERT_EQ(daemons.size(), 1u);
-   std::string environ = ReadFile("/proc/" + std::to_string(daemons[0]) + "/environ");
-   EXPECT_EQ(environ.find("LD_PRELOAD"), std::string::npos);
-   EXPECT_EQ(environ.find("LD_LIBRARY_PATH"), std::string::npos);
+   EXPECT_EQ(ReadFile("/proc/" + std::to_string(daemons[0]) + "/environ").find("LD_"),
+             std::string::npos);
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ TEST_F(OpenerE2e, ConcurrentOpenersStartOneRootDaemonWithNothingOfTheCallers)
                        "ENV=/tmp/y", "SHELLOPTS=xtrace", "NOEQUALS"});
    std::vector<Child> openers;
    for (int i = 0; i < 64; i++) {
-      openers.push_back(Start(options));
+      openers.push_back(Opener(options));
    }
    for (Child &opener : openers) {
       std::string output;
@@ -103,14 +103,14 @@ TEST_F(OpenerE2e, StaleSocketsAndMisbehavingDaemons)
 // is refused.
 TEST_F(OpenerE2e, ArgumentCountSelectsTheMode)
 {
-   Child opener = Opener({"1", "2"});
+   Child opener = Opener({}, {"1", "2"});
    std::string output;
    EXPECT_EQ(Finish(opener, &output), 1);
    EXPECT_EQ(output, "ServiceImpl_Opener: PID " + std::to_string(opener.pid) +
                          "\nWarning: Invalid number of arguments.\n");
    EXPECT_TRUE(ProcessesRunning(kDaemonPath).empty());
 
-   Child shell = Opener({});
+   Child shell = Opener({}, {});
    std::string pid = std::to_string(shell.pid);
    auto logged = [&](const std::string &text) {
       return WaitFor([&] { return ReadFile(kLogPath).find(text) != std::string::npos; });

@@ -1,4 +1,3 @@
-#include <stdlib.h>
 #include <string.h>
 
 #include <optional>
@@ -60,7 +59,4 @@ TEST(Base64, KnownTextsSizesAndBounds)
    char *allocated = text;
    // The size formula wraps.
    EXPECT_TRUE(!Base64_EasyEncode(data, SIZE_MAX - 1, &allocated) && allocated == nullptr);
-   EXPECT_TRUE(Base64_DecodedLength("YQ==", 4) == 1 && Base64_DecodedLength("YW I=", 5) == 2);
-   uint8_t *decoded = nullptr;
-   EXPECT_FALSE(Base64_EasyDecode("AAA", &decoded, &length));  // two bytes, bound 0
 }

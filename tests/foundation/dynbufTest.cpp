@@ -1,4 +1,3 @@
-#include <stdlib.h>
 #include <string.h>
 
 #include "dynbuf.h"
@@ -9,7 +8,7 @@ using testsupport::Take;
 /* Far more than any allocator will hand out, but small enough not to overflow the size. */
 static constexpr size_t kImpossible = SIZE_MAX / 2;
 
-TEST(DynBuf, EditsAndFailuresThatLeaveTheBufferIntact)
+TEST(DynBuf, EditsFailuresThatLeaveTheBufferIntactAndPanicsOfTheSafeForms)
 {
    DynBuf b = {};
    EXPECT_EQ(Take(DynBuf_DetachString(&b)), "");
@@ -44,11 +43,8 @@ TEST(DynBuf, EditsAndFailuresThatLeaveTheBufferIntact)
    EXPECT_TRUE(b.data == before.data && b.allocated == before.allocated &&
                std::string(b.data, b.size) == "keep");
    DynBuf_Destroy(&b);
-}
 
-TEST(DynBufDeathTest, SafeFormsAndDetachStringPanic)
-{
-   DynBuf b = {};
+   // The safe forms and a string detach that cannot add its NUL panic instead.
    const std::string at = "Unrecoverable memory allocation failure at tests/foundation/dynbufTest:";
    int line = __LINE__ + 1;
    EXPECT_PANIC(DynBuf_SafeEnlarge(&b, kImpossible), at + std::to_string(line) + "\n");

@@ -31,11 +31,6 @@ static std::string Do(char esc, const std::string &in)
    return Call(Escape_Do, esc, kTable.flags, in.data(), in.size());
 }
 
-static std::string Undo(char esc, const std::string &in)
-{
-   return Call(Escape_Undo, esc, in.data(), in.size());
-}
-
 TEST(Escape, EveryFormOfEscapingAndItsReverse)
 {
    const std::string in("a/b%c\nd\0e\xff", 10);
@@ -48,7 +43,7 @@ TEST(Escape, EveryFormOfEscapingAndItsReverse)
    const std::pair<const char *, const char *> undo[] = {
        {"%41%6a%7A", "Ajz"}, {"ends %4", "ends %4"}, {"%G1 %4G", "%G1 %4G"}, {"%4%41", "%4%41"}};
    for (const auto &[text, expected] : undo) {
-      EXPECT_EQ(Undo('%', text), expected) << text;
+      EXPECT_EQ(Call(Escape_Undo, '%', text, strlen(text)), expected) << text;
    }
 
    char buf[4] = {'*', '*', '*', '*'};  // no room for "ABCD" and its NUL: nothing written
@@ -78,17 +73,9 @@ TEST(Escape, EveryFormOfEscapingAndItsReverse)
    }
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define SANITIZED_BUILD 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define SANITIZED_BUILD 1
-#endif
-#endif
-
 TEST(Escape, MemoryFailureGivesNullAndENOMEM)
 {
-#ifdef SANITIZED_BUILD
+#if SANITIZED_BUILD
    GTEST_SKIP() << "sanitizers reserve more address space than the limit allows";
 #endif
    // Caps the address space 24 MB above its current size, so tripling 16 MB cannot fit.

@@ -5,17 +5,12 @@
 #include <limits.h>
 #include <math.h>
 #include <stdlib.h>
-#include <string.h>
 #include <wchar.h>
 
 #include "msgfmt.h"
 #include "str.h"
 #include "string/bsdFmtEngine.h"
 #include "testSupport.h"
-
-#pragma GCC diagnostic ignored "-Wformat"
-#pragma GCC diagnostic ignored "-Wformat-extra-args"
-#pragma GCC diagnostic ignored "-Wformat-zero-length"
 
 /* Formats in allocating mode with the given punctuation ("<error>" on failure). */
 static std::string Punct(const char *grouping, char separator, const char *point, const char *fmt,
@@ -138,10 +133,7 @@ TEST(Format, CapturedArguments)
    std::string s = testsupport::Take(MsgFmt_Asprintf(&length, "%2$S %3$s %4$c %1$u %4$x", args, 4));
    EXPECT_EQ(s, "w\xC3\xA9 Hi Z 4294967291 5a");
    EXPECT_EQ(length, s.size());
-   // Sequential conversions take the array in order; fixed mode counts past the buffer.
-   char buf[16];
-   EXPECT_EQ(MsgFmt_Snprintf(buf, 5, "%d,%S", args, 2), 6);
-   EXPECT_STREQ(buf, "-5,w");
+   // Without a buffer fixed mode only counts.
    EXPECT_EQ(MsgFmt_Snprintf(nullptr, 0, "%d", args, 1), 2);
 
    // Identifiers are hidden only when the prefix is complete and closed.

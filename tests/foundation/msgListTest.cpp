@@ -15,7 +15,7 @@ static MsgList *CreateUnchecked(const char *idFmt, ...)
    return list;
 }
 
-TEST(MsgList, MessagesChainNewestFirstListsMoveAndCopyInOrder)
+TEST(MsgList, MessagesChainNewestFirstListsMoveAndCopyInOrderBadFormatsPanic)
 {
    MsgList *list = nullptr;
    MsgList_Append(&list, "a");
@@ -51,10 +51,8 @@ TEST(MsgList, MessagesChainNewestFirstListsMoveAndCopyInOrder)
 
    MsgList_AppendList(nullptr, copy);  // freed
    MsgList_Free(list);
-}
 
-TEST(MsgList, CaptureFailureIsAProgrammingError)
-{
+   // A format whose arguments cannot be captured is a programming error.
    EXPECT_PANIC(CreateUnchecked("@&!*@*@(bad.fmt)%2$d", 1, 2),
                 "MsgList_VAppend error: MsgFmt_GetArgs: gap in arguments at position 1\n"
                 "format <@&!*@*@(bad.fmt)%2$d>\n");

@@ -46,8 +46,6 @@ TEST(MsgFmtCapture, EveryTypeRoundTrips)
        wide, 1e10, (intmax_t)-9, 1.5
    Captured c = Capture(fmt, ARGS);
    ASSERT_TRUE(c.ok) << c.error;
-   EXPECT_TRUE(c.numArgs == 17 && c.args[16].type == MSGFMT_ARG_FLOAT64);
-   EXPECT_STREQ(c.args[12].v.string8, "abc");  // only what the precision reads is copied
    EXPECT_EQ(c.Format(fmt), testsupport::Take(Str_Asprintf(nullptr, fmt, ARGS)));
 #undef ARGS
    // A deep copy outlives the original.

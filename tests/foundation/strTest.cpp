@@ -1,4 +1,3 @@
-#include <stdlib.h>
 #include <string.h>
 #include <wchar.h>
 
@@ -7,9 +6,6 @@
 #include "str.h"
 #include "strutil.h"
 #include "testSupport.h"
-
-#pragma GCC diagnostic ignored "-Wformat"
-#pragma GCC diagnostic ignored "-Wformat-extra-args"
 
 // Each fixed-buffer routine reports the overflow with its own source line.
 static const char kTooSmall[] = "lib/string/str:[0-9]+ Buffer too small\n";
