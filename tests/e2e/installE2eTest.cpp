@@ -90,6 +90,9 @@ TEST_F(InstallE2e, RefusesEveryBadBundle)
 {
    using Bytes = std::string &;
    using S = const std::string &;
+   auto edit = [](std::function<void(Bytes)> change) {
+      return [=](S app) { cstest::Edit(app + kDaemon, change); };
+   };
    auto sign = [](const char *identifier, Signer signer) {
       return [=](S app) { cstest::Sign(app + kDaemon, identifier, signer); };
    };
@@ -99,15 +102,19 @@ TEST_F(InstallE2e, RefusesEveryBadBundle)
    auto write = [](S relative, const char *text, mode_t mode = 0644) {
       return [=](S app) { cstest::WriteFile(app + relative, text, mode); };
    };
+   const size_t kMarker = CODESIGN_MARKER_LEN, kTrailer = CODESIGN_INFO_LEN + kMarker;
    const std::string kMacOS = kKext + "/Contents/MacOS", kLink = kKext + "/Contents/current";
-   // The first five damage the daemon's signature, which is logged with code 7.
+   // The first eight damage the daemon's signature, which is logged with code 7.
    // clang-format off
    const std::pair<const char *, std::function<void(S)>> cases[] = {
        {"unsigned daemon", [](S a) { fs::copy_file(E2E_SERVICES, a + kDaemon, kOverwrite); }},
-       {"one byte altered", [](S a) { cstest::Edit(a + kDaemon, [](Bytes b) { b[64] ^= 1; }); }},
+       {"one byte altered", edit([](Bytes b) { b[64] ^= 1; })},
        {"wrong identifier", sign("tesmar-id", Signer::kMaker)},
        {"untrusted CA", sign("BRIX Services", Signer::kUntrusted)},
        {"leaf without the maker's name", sign("BRIX Services", Signer::kForeign)},
+       {"truncated blob", edit([&](Bytes b) { b.erase(b.size() - kTrailer - 1, 1); })},
+       {"oversized blob length", edit([&](Bytes b) { b[b.size() - kMarker - 4] ^= 1; })},
+       {"length outside the file", edit([&](Bytes b) { b[b.size() - kMarker - 3] ^= 1; })},
        {"daemon owned by a user", own(kDaemon, kNobody, 0)},
        {"daemon group not root", own(kDaemon, 0, kNobody)},
        {"symbolic link to a signed daemon", [](S a) {
@@ -130,15 +137,15 @@ TEST_F(InstallE2e, RefusesEveryBadBundle)
       EXPECT_TRUE(ProcessesRunning(kDaemonPath).empty() &&
                   ProcessesRunning(app_ + kDaemon).empty() &&
                   ProcessesRunning(app_ + "/real").empty());
-      if (i < 5) {
+      if (i < 8) {
          EXPECT_THAT(output, HasSubstr("PrivilegedHelper: Failed to verify the code signature of " +
                                        app_ + kDaemon + " due to 7"));
       }
    }
 }
 
-// Set-user-ID, the opener runs in the loader's secure-execution mode: a caller's LD_PRELOAD and
-// LD_LIBRARY_PATH load nothing into it, and the daemon inherits neither.
+// The opener is static, so a caller's LD_PRELOAD and LD_LIBRARY_PATH load nothing into it, and the
+// daemon inherits neither.
 TEST_F(InstallE2e, CallersLoaderVariablesHaveNoEffect)
 {
 #ifdef E2E_SANITIZER_ENV
