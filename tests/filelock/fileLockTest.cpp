@@ -1,7 +1,7 @@
 /*
  * The lock-file protocol's rules: the member text and its older form, machine and execution
  * identities, problematic and stale files, moved lock directories, read-only places, FileIO's
- * lock. Who goes first, and which kinds coexist, is shown by the stress and thread tests.
+ * lock, and who goes first: the smaller number, then the smaller member name; shared with shared.
  */
 #include <gmock/gmock.h>
 #include <sys/mount.h>
@@ -139,6 +139,33 @@ TEST(FileLock, LockUnlockAndIsLocked)
    EXPECT_TRUE(FileLock_Unlock(token, &err, nullptr));
    EXPECT_FALSE(FileLock_IsLocked((dir / "rel").c_str(), &err, nullptr));
    ASSERT_EQ(chdir("/"), 0);
+}
+
+TEST(FileLock, OrderByNumberThenNameAndKinds)
+{
+   // Another machine's member against ours (number 5, M00002.lck): must we wait for it?
+   const std::tuple<uint32_t, const char *, const char *, const char *, bool> cases[] = {
+       {4, "M00009.lck", "X", "X", true},  {6, "M00001.lck", "X", "X", false},
+       {5, "M00001.lck", "X", "X", true},  {5, "M00003.lck", "X", "X", false},
+       {4, "M00009.lck", "S", "S", false}, {4, "M00009.lck", "S", "X", true},
+       {4, "M00009.lck", "X", "S", true}};
+   char myName[] = "M00002.lck";
+   for (const auto &[number, name, theirType, myType, waits] : cases) {
+      FileLockMemberValues member;
+      member.machineID = kOtherMachine;
+      member.lockType = theirType;
+      member.memberName = name;
+      member.lamportNumber = number;
+      LockValues my{};
+      my.machineID = const_cast<char *>(FileLockGetMachineID());
+      my.lockType = myType;
+      my.memberName = myName;
+      my.lamportNumber = 5;
+      my.msecMaxWaitTime = FILELOCK_TRY_LOCK;  // a wait shows as EAGAIN at once
+      EXPECT_EQ(FileLockWaitForPossession("/nonexistent.lck", name, &member, &my),
+                waits ? EAGAIN : 0)
+          << number << " " << name << " " << theirType << " " << myType;
+   }
 }
 
 TEST(FileLock, TimeoutMessagesAndMaximumWaitZero)
