@@ -226,7 +226,7 @@ bool CopyEntry(int srcDir, int dstDir, const char *name, const std::string &srcP
 
 /* With all, every file and directory also gets its source's metadata (File_CopyFdAll). */
 bool FileCopyTreeInner(int srcFd, int dstParent, const char *dstName, const std::string &srcPath,
-                   const std::string &dstPath, bool overwrite, bool follow, bool top, bool all)
+                       const std::string &dstPath, bool overwrite, bool follow, bool top, bool all)
 {
    std::vector<std::string> names;
    if (!ReadNames(srcFd, names)) {
@@ -300,7 +300,7 @@ bool FileCopyTreeInner(int srcFd, int dstParent, const char *dstName, const std:
             return false;
          }
          if (!FileCopyTreeInner(child.get(), dstFd.get(), n, srcEntry, dstEntry, overwrite, follow,
-                            false, all)) {
+                                false, all)) {
             return false;
          }
          continue;
@@ -484,7 +484,7 @@ bool CopyTreeTop(const char *srcName, const char *dstName, bool overwriteExistin
       return false;
    }
    return FileCopyTreeInner(srcFd.get(), AT_FDCWD, dstName, srcName, dstName, overwriteExisting,
-                        followSymlinks, true, all);
+                            followSymlinks, true, all);
 }
 
 }  // namespace

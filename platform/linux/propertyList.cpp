@@ -13,6 +13,7 @@
 #include <new>
 
 #include "base64.h"
+#include "unicodeBase.h"
 #include "utf.h"
 
 namespace codesign {
@@ -24,18 +25,17 @@ constexpr int kMaxNesting = 64;
 constexpr size_t kMaxValues = 1u << 20;  // shared references in a binary list can multiply nodes
 constexpr int64_t kDaysFrom1970To2001 = 11323;
 
+/* Well-formed UTF-8 without NUL characters. */
 bool ValidText(std::string_view text)
 {
-   for (size_t i = 0; i < text.size();) {
-      uint32_t cp;
-      int n =
-          tesmar::utf::DecodeUtf8((const uint8_t *)text.data() + i, text.size() - i, &cp, false);
-      if (n <= 0 || cp == 0) {
-         return false;
-      }
-      i += (size_t)n;
-   }
-   return true;
+   return text.find('\0') == std::string_view::npos &&
+          Unicode_IsBufferValid(text.data(), (ssize_t)text.size(), STRING_ENCODING_UTF8);
+}
+
+void AppendCodePoint(std::string &out, uint32_t cp)
+{
+   uint8_t encoded[4];
+   out.append((const char *)encoded, (size_t)(tesmar::utf::EncodeUtf8(cp, encoded) - encoded));
 }
 
 /* False when a dictionary names a key twice: the reader refuses what it could misread. */
@@ -46,9 +46,8 @@ bool UniqueKeys(const PlistValue &dict)
       sorted.push_back(&key);
    }
    std::sort(sorted.begin(), sorted.end(), [](auto *a, auto *b) { return *a < *b; });
-   return std::adjacent_find(sorted.begin(), sorted.end(), [](auto *a, auto *b) {
-             return *a == *b;
-          }) == sorted.end();
+   return std::adjacent_find(sorted.begin(), sorted.end(),
+                             [](auto *a, auto *b) { return *a == *b; }) == sorted.end();
 }
 
 /* Days since 1970-01-01 of a proleptic Gregorian date (the civil-from-days inverse). */
@@ -327,8 +326,7 @@ class XmlReader {
           cp > tesmar::utf::kMaxCodePoint || tesmar::utf::IsSurrogate(cp)) {
          return false;
       }
-      uint8_t encoded[4];
-      out.append((const char *)encoded, (size_t)(tesmar::utf::EncodeUtf8(cp, encoded) - encoded));
+      AppendCodePoint(out, cp);
       return true;
    }
 
@@ -575,9 +573,7 @@ class BinaryReader {
          if (used == 0 || cp == 0) {
             return false;
          }
-         uint8_t encoded[4];
-         out.append((const char *)encoded,
-                    (size_t)(tesmar::utf::EncodeUtf8(cp, encoded) - encoded));
+         AppendCodePoint(out, cp);
          i += (size_t)used;
       }
       return true;
@@ -656,8 +652,8 @@ void AppendXml(std::string &out, const PlistValue &value, const std::string &ind
       case Kind::kDate: {
          // Whole seconds, the precision of the XML form.
          int64_t seconds = (int64_t)value.real;
-      seconds -= seconds > value.real;
-      int64_t days = seconds / 86400, rest = seconds % 86400;
+         seconds -= seconds > value.real;
+         int64_t days = seconds / 86400, rest = seconds % 86400;
          if (rest < 0) {
             rest += 86400;
             days--;
